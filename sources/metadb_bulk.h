@@ -1,0 +1,195 @@
+// SQLite access layer: lock-tolerant statement execution and transactions.
+//
+// Every statement the library runs on a tag database goes through this
+// layer. Several processes and threads share the database files with
+// SQLite's shared cache on, so the layer's job is to make each statement
+// survive lock contention:
+//   - a shared-cache table lock held by another connection
+//     (SQLITE_LOCKED_SHAREDCACHE) is waited out through sqlite3_unlock_notify;
+//   - a file lock of another process (SQLITE_BUSY) is waited out by a busy
+//     handler that never gives up;
+//   - the query runner adds a bounded sleep-and-retry of its own.
+// A lock that no other connection could release (a statement of the same
+// connection, or a connection of the waiting thread itself) is never waited
+// for: it is reported at once as SQLITE_LOCKED.
+#ifndef TEVUL_METADB_BULK_H
+#define TEVUL_METADB_BULK_H
+
+#include <pthread.h>
+#include <sqlite3.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include "tevul.h"
+
+// ---------------------------------------------------------------------------
+// Resource owners.
+
+struct metadb_stmt_finalizer {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+// A prepared statement that is finalised when its owner goes away.
+using metadb_stmt_ptr = std::unique_ptr<sqlite3_stmt, metadb_stmt_finalizer>;
+
+struct metadb_db_closer {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+// A connection that is closed when its owner goes away.
+using metadb_db_ptr = std::unique_ptr<sqlite3, metadb_db_closer>;
+
+// ---------------------------------------------------------------------------
+// Statement texts.
+
+// A statement text formatted with sqlite3_snprintf ("%q" for quoted texts,
+// "%s" for tag names, "%lld" for row ids) into a buffer of N bytes, as the
+// database format fixes it. A text that the N-byte buffer would cut is never
+// run: fits() is false for it, and the caller treats it as a failed
+// statement. The extra byte behind the N is what tells a text of exactly
+// N-1 characters from a longer, cut one.
+template <std::size_t N>
+class metadb_sql_text {
+ public:
+  template <typename... Args>
+  explicit metadb_sql_text(const char* format, Args... args) {
+    sqlite3_snprintf(static_cast<int>(N + 1), buf_, format, args...);
+    fits_ = std::strlen(buf_) < N;
+  }
+  metadb_sql_text(const metadb_sql_text&) = delete;
+  metadb_sql_text& operator=(const metadb_sql_text&) = delete;
+
+  bool fits() const { return fits_; }
+  const char* c_str() const { return buf_; }
+
+ private:
+  char buf_[N + 1];
+  bool fits_;
+};
+
+// True when `tag` may be named in a statement: a tag name is put into SQL
+// unescaped inside a double-quoted identifier, so a name holding a double
+// quote could name or create other columns and never reaches SQL.
+inline bool metadb_tag_sql_safe(const char* tag) {
+  return std::strchr(tag, '"') == nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Lock owners.
+
+// The registration of one library connection, embedded in its handle. The
+// thread recorded is the one that opened the connection or last began a
+// transaction through it. It lets a waiting thread tell whether the lock in
+// its way is held by one of its own connections, which it alone could
+// release.
+struct metadb_lock_owner {
+  sqlite3* db = nullptr;
+  pthread_t thread{};
+  metadb_lock_owner* prev = nullptr;
+  metadb_lock_owner* next = nullptr;
+};
+
+// Registers `owner` for connection `db`, owned by the calling thread.
+void metadb_owner_register(metadb_lock_owner* owner, sqlite3* db);
+// Records the calling thread as the owner of `owner`'s connection.
+void metadb_owner_claim(metadb_lock_owner* owner);
+// Removes `owner`; harmless for an owner that was never registered.
+void metadb_owner_unregister(metadb_lock_owner* owner);
+
+// ---------------------------------------------------------------------------
+// Statement execution.
+
+// The per-row callback of metadb_exec_query(): user pointer, column count,
+// the row's values as text (NULL for SQL NULL; followed by one NULL entry)
+// and the column names. Returns 0 for the next row, non-zero to stop. The
+// pointers are valid only during the call.
+typedef int (*metadb_row_callback)(void* user, int count, char** values,
+                                   char** names);
+
+// The record through which metadb_copy_value_cb() returns one value.
+struct metadb_value_buf {
+  uint32_t capacity;  // in: size of buffer; after a copy: bytes copied
+  char* buffer;       // the caller's output buffer
+  int found;          // set to 1 when a value was copied
+};
+
+// SQLite primary result codes 0..26 mapped to the platform's errno values.
+extern const int32_t metadb_errno_table[27];
+
+// Maps an SQLite result code (or -1) through metadb_errno_table: codes that,
+// taken as unsigned, are below 27 give the table's entry, all others EIO.
+int32_t metadb_errno(int code);
+
+// Transaction operation codes of metadb_transaction_op().
+enum {
+  metadb_txn_begin = 1,
+  metadb_txn_commit = 2,
+  metadb_txn_rollback = 3,
+};
+
+// Waits for the shared-cache lock that blocked the last statement of `db`
+// to be released. Returns 0 after the notification fired, otherwise the
+// code of sqlite3_unlock_notify (SQLITE_LOCKED when SQLite sees a deadlock).
+// Aborts the process, with the failed expression, when a pthread call fails.
+int wait_for_unlock_notify(sqlite3* db);
+
+// The unlock-notify callback: wakes each waiting record of `args`.
+void unlock_notify_cb(void** args, int count);
+
+// Steps `stmt`, waiting out shared-cache locks of other connections without
+// limit. Returns the step's result code (SQLITE_ROW, SQLITE_DONE or an error,
+// SQLITE_LOCKED for a lock that cannot be waited out). A NULL statement gives
+// SQLITE_MISUSE.
+int metadb_step(sqlite3_stmt* stmt);
+
+// sqlite3_prepare_v2 of the first statement of `sql` (`bytes` as for SQLite:
+// the length including the terminator for fixed texts, -1 for formatted
+// ones), waiting out shared-cache locks of other connections. Returns the
+// SQLite result code; *stmt is NULL on failure.
+int metadb_prepare(sqlite3* db, const char* sql, int bytes,
+                   sqlite3_stmt** stmt);
+
+// Prepares into an owning slot; same result as metadb_prepare().
+int metadb_prepare(sqlite3* db, const char* sql, int bytes,
+                   metadb_stmt_ptr& slot);
+
+// The busy handler of every tag database connection: sleeps 10 ms and asks
+// SQLite to retry, for ever.
+int metadb_busy_handler(void* unused, int count);
+
+// Runs the first statement of `sql` to its end. When `user` is not NULL,
+// `callback` is called with each result row. File and table locks are
+// retried up to ten times, 50 ms apart, over the whole query.
+// Returns 0 when all rows were consumed, SQLITE_ROW when the callback
+// stopped the query, otherwise an SQLite result code.
+int metadb_exec_query(sqlite3* db, const char* sql,
+                      metadb_row_callback callback, void* user);
+
+// Runs a formatted statement text, or gives SQLITE_ERROR without running
+// anything when the text did not fit its buffer.
+template <std::size_t N>
+int metadb_exec_text(sqlite3* db, const metadb_sql_text<N>& text,
+                     metadb_row_callback callback = nullptr,
+                     void* user = nullptr) {
+  return text.fits() ? metadb_exec_query(db, text.c_str(), callback, user)
+                     : SQLITE_ERROR;
+}
+
+// Runs BEGIN IMMEDIATE, COMMIT or ROLLBACK on the handle's cached
+// statements. Returns 0, or -1 for an unknown code or a statement that could
+// not be prepared. The step's own result is not examined.
+int metadb_transaction_op(metadb_tagdb* tagdb, int op);
+
+// Returns 1 when table Meta has the column of `tag`, 0 when it has not (also
+// for a NULL handle or connection), -1 for a NULL or empty tag. The column
+// name is cut at 254 bytes, as the database format has always done.
+int metadb_column_exists(metadb_tagdb* tagdb, const char* tag);
+
+// A metadb_row_callback whose user pointer is a metadb_value_buf: copies the
+// single column of each row into the buffer (the last row wins). Stops the
+// query, copying nothing, for SQL NULL, a column count other than 1, or a
+// value that does not fit.
+int metadb_copy_value_cb(void* user, int count, char** values, char** names);
+
+#endif  // TEVUL_METADB_BULK_H

@@ -1,0 +1,21 @@
+// The Data column: the cached, encoded tag list of each row of Meta.
+//
+// Data holds one entry per tag column that is set (not NULL, TEXT), in the
+// table's column order, separated by "|": the escaped name, "=", the escaped
+// value. In a name "|" becomes "\|" and "=" becomes "\="; in a value "|"
+// becomes "\|", "/" becomes a single "\" and line feeds are dropped. A row
+// without tags gets the empty text; NULL means "not encoded yet".
+#ifndef TEVUL_METADB_SYNC_H
+#define TEVUL_METADB_SYNC_H
+
+#include <string>
+
+#include "tevul.h"
+
+// Appends the escaped form of tag name `name` (without its leading ".").
+void metadb_data_escape_name(std::string& out, const char* name);
+
+// Appends the escaped form of tag value `value`.
+void metadb_data_escape_value(std::string& out, const char* value);
+
+#endif  // TEVUL_METADB_SYNC_H

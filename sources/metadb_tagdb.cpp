@@ -1,0 +1,219 @@
+// Tag database of one volume. See metadb_tagdb.h and tevul.h.
+#include "metadb_tagdb.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+
+#include "common.h"
+#include "metadb_sync.h"
+
+using tevul::is_empty;
+
+namespace {
+
+// The fixed statements, with the byte counts (terminator included) they are
+// prepared with.
+constexpr char kSelectRowid[] = "SELECT ROWID FROM Meta WHERE Path=?";
+constexpr char kInsertPath[] = "INSERT OR IGNORE INTO Meta(Path) Values (?)";
+
+// Statement buffers of the database format; a text they would cut is not run.
+constexpr std::size_t kColumnSqlSize = 147;
+constexpr std::size_t kSettagSqlSize = 229;
+constexpr std::size_t kDeltagSqlSize = 4186;
+constexpr std::size_t kGettagSqlSize = 4187;
+constexpr std::size_t kRecursiveSqlSize = 8421;
+
+constexpr char kAddColumnSql[] =
+    "ALTER TABLE Meta ADD \".%s\" TEXT COLLATE NOCASE";
+constexpr char kAddIndexSql[] = "CREATE INDEX 'Cidx_%q' ON Meta (\".%s\")";
+// Backslashes are stripped from every stored value: the Data encoding uses
+// the backslash as its escape character.
+constexpr char kSettagSql[] =
+    "UPDATE Meta SET \".%s\"=REPLACE('%q','\\','') WHERE ROWID=%lld";
+constexpr char kGettagSql[] = "SELECT Meta.\".%s\" FROM Meta WHERE Path='%q'";
+constexpr char kDeltagSql[] = "UPDATE Meta SET \".%s\"=NULL WHERE Path='%q'";
+constexpr char kRecursiveAllSql[] =
+    "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL";
+// The path is quoted with %q only, so GLOB characters in it select by
+// pattern; existing callers depend on that.
+constexpr char kRecursiveSubtreeSql[] =
+    "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL "
+    "WHERE Path='%q' OR Path GLOB '%q/*'";
+
+}  // namespace
+
+metadb_tagdb::~metadb_tagdb() { metadb_owner_unregister(&owner); }
+
+extern "C" metadb_tagdb* metadb_tagdb_open(const char* name) {
+  if (is_empty(name)) return nullptr;
+  struct stat st;
+  if (stat(name, &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+
+  std::unique_ptr<metadb_tagdb> tagdb = tevul::make_nothrow<metadb_tagdb>();
+  if (!tagdb) return nullptr;
+
+  sqlite3_enable_shared_cache(1);
+  sqlite3* db = nullptr;
+  const int rc = sqlite3_open(name, &db);
+  tagdb->db.reset(db);  // also a connection left behind by a failed open
+  if (rc != SQLITE_OK) return nullptr;
+
+  sqlite3_busy_handler(db, metadb_busy_handler,
+                       const_cast<char*>(sqlite3_db_filename(db, "main")));
+  metadb_owner_register(&tagdb->owner, db);
+  return tagdb.release();
+}
+
+extern "C" void metadb_tagdb_close(metadb_tagdb* tagdb) {
+  if (tagdb == nullptr) return;
+  std::unique_ptr<metadb_tagdb> owned(tagdb);
+  if (!tagdb->db) return;
+  metadb_tagdb_transaction_commit(tagdb);
+  metadb_owner_unregister(&tagdb->owner);
+  for (metadb_stmt_ptr* stmt :
+       {&tagdb->stmt_begin, &tagdb->stmt_commit, &tagdb->stmt_rollback,
+        &tagdb->stmt_select_rowid, &tagdb->stmt_insert_path,
+        &tagdb->stmt_sync_select, &tagdb->stmt_sync_update,
+        &tagdb->stmt_unsynced}) {
+    stmt->reset();
+  }
+  tagdb->db.reset();
+}
+
+int metadb_add_tag_column(metadb_tagdb* tagdb, const char* tag) {
+  if (tagdb == nullptr || !tagdb->db) return 0;
+  if (is_empty(tag)) return -1;
+  if (metadb_column_exists(tagdb, tag) == 1) return 1;
+  if (!metadb_tag_sql_safe(tag)) return 0;
+
+  sqlite3* db = tagdb->db.get();
+  if (metadb_exec_text(db, metadb_sql_text<kColumnSqlSize>(kAddColumnSql, tag)) !=
+      SQLITE_OK) {
+    return 0;
+  }
+  // The column stays even when its index cannot be made; a later call then
+  // finds the column and succeeds.
+  return metadb_exec_text(
+             db, metadb_sql_text<kColumnSqlSize>(kAddIndexSql, tag, tag)) ==
+                 SQLITE_OK
+             ? 1
+             : 0;
+}
+
+int64_t metadb_insert_path(metadb_tagdb* tagdb, const char* path) {
+  if (tagdb == nullptr || !tagdb->db || is_empty(path)) return -1;
+  sqlite3* db = tagdb->db.get();
+  if (!tagdb->stmt_insert_path) {
+    metadb_prepare(db, kInsertPath, sizeof kInsertPath,
+                   tagdb->stmt_insert_path);
+  }
+  sqlite3_stmt* stmt = tagdb->stmt_insert_path.get();
+  sqlite3_bind_text(stmt, 1, path, -1, SQLITE_STATIC);
+  for (;;) {
+    const int rc = metadb_step(stmt);
+    if (rc == SQLITE_DONE) break;
+    // A file lock of another process is retried without limit. A table lock
+    // that metadb_step() could not wait out is final: no retry could end it.
+    if (rc == SQLITE_BUSY) {
+      usleep(5000);
+      continue;
+    }
+    sqlite3_reset(stmt);
+    return 0;
+  }
+  const int64_t rowid = sqlite3_last_insert_rowid(db);
+  tagdb->modified = 1;
+  sqlite3_reset(stmt);
+  return rowid;
+}
+
+extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
+                                   const char* tag, const char* value) {
+  if (tagdb == nullptr || !tagdb->db || is_empty(path) || is_empty(tag)) {
+    return 1;
+  }
+  // A tag that can never get a column changes nothing, not even the row.
+  if (!metadb_tag_sql_safe(tag)) return metadb_errno_table[SQLITE_ERROR];
+  sqlite3* db = tagdb->db.get();
+
+  if (!tagdb->stmt_select_rowid) {
+    metadb_prepare(db, kSelectRowid, sizeof kSelectRowid,
+                   tagdb->stmt_select_rowid);
+  }
+  sqlite3_stmt* select = tagdb->stmt_select_rowid.get();
+  sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
+  int64_t rowid = 0;
+  if (metadb_step(select) == SQLITE_ROW) rowid = sqlite3_column_int64(select, 0);
+  sqlite3_reset(select);
+
+  if (rowid == 0) {
+    rowid = metadb_insert_path(tagdb, path);
+    if (rowid == 0 || rowid == -1) return 1;
+  }
+  if (metadb_add_tag_column(tagdb, tag) != 1) {
+    return metadb_errno_table[SQLITE_ERROR];
+  }
+  const metadb_sql_text<kSettagSqlSize> sql(
+      kSettagSql, tag, value != nullptr ? value : "",
+      static_cast<sqlite3_int64>(rowid));
+  if (metadb_exec_text(db, sql) != SQLITE_OK) return 1;
+  tagdb->modified = 1;
+  return metadb_errno_table[SQLITE_OK];
+}
+
+extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
+                                   const char* tag, char* buf, size_t size) {
+  if (buf == nullptr || size == 0 || is_empty(path) || is_empty(tag) ||
+      tagdb == nullptr || !tagdb->db) {
+    return -1;
+  }
+  metadb_value_buf value;
+  value.capacity = size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
+  value.buffer = buf;
+  value.found = 0;
+  const int rc =
+      metadb_exec_text(tagdb->db.get(),
+                       metadb_sql_text<kGettagSqlSize>(kGettagSql, tag, path),
+                       metadb_copy_value_cb, &value);
+  if (rc != SQLITE_OK) return -1;
+  return value.found ? 0 : -1;
+}
+
+extern "C" int metadb_tagdb_deltag(metadb_tagdb* tagdb, const char* path,
+                                   const char* tag) {
+  if (tagdb == nullptr || !tagdb->db || is_empty(path) || is_empty(tag)) {
+    return 1;
+  }
+  const int rc = metadb_exec_text(
+      tagdb->db.get(), metadb_sql_text<kDeltagSqlSize>(kDeltagSql, tag, path));
+  if (rc == SQLITE_OK) {
+    tagdb->modified = 1;
+    return 0;
+  }
+  // A tag that no path of this database ever had counts as deleted.
+  return metadb_column_exists(tagdb, tag) == 1 ? 1 : 0;
+}
+
+extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
+                                             const char* path, const char* tag,
+                                             const char* value) {
+  if (tagdb == nullptr || !tagdb->db || path == nullptr) return 1;
+  if (metadb_add_tag_column(tagdb, tag) != 1) {
+    return metadb_errno_table[SQLITE_ERROR];
+  }
+  const char* v = value != nullptr ? value : "";
+  sqlite3* db = tagdb->db.get();
+  const int rc =
+      path[0] == '\0'
+          ? metadb_exec_text(
+                db, metadb_sql_text<kRecursiveSqlSize>(kRecursiveAllSql, tag, v))
+          : metadb_exec_text(db, metadb_sql_text<kRecursiveSqlSize>(
+                                     kRecursiveSubtreeSql, tag, v, path, path));
+  if (rc != SQLITE_OK) return 1;
+  tagdb->modified = 1;
+  metadb_tagdb_sync_all(tagdb);
+  return 0;
+}
