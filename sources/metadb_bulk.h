@@ -43,19 +43,34 @@ using metadb_db_ptr = std::unique_ptr<sqlite3, metadb_db_closer>;
 // ---------------------------------------------------------------------------
 // Statement texts.
 
+// A tag name to be put into a statement as a column name ("%s" inside a
+// double-quoted identifier). Tag names go into SQL unescaped, so a name
+// holding a double quote could name or create other columns: a statement
+// given such a name is never run.
+struct metadb_tag_ident {
+  const char* name;
+};
+
+// True when `tag` may be named in a statement.
+inline bool metadb_tag_sql_safe(const char* tag) {
+  return std::strchr(tag, '"') == nullptr;
+}
+
 // A statement text formatted with sqlite3_snprintf ("%q" for quoted texts,
-// "%s" for tag names, "%lld" for row ids) into a buffer of N bytes, as the
-// database format fixes it. A text that the N-byte buffer would cut is never
-// run: fits() is false for it, and the caller treats it as a failed
-// statement. The extra byte behind the N is what tells a text of exactly
-// N-1 characters from a longer, cut one.
+// "%s" for tag names given as metadb_tag_ident, "%lld" for row ids) into a
+// buffer of N bytes, as the database format fixes it. A text is usable only
+// when it fits whole and names no unsafe tag: otherwise fits() is false and
+// the caller treats it as a failed statement. The extra byte behind the N is
+// what tells a text of exactly N-1 characters from a longer, cut one.
 template <std::size_t N>
 class metadb_sql_text {
  public:
   template <typename... Args>
   explicit metadb_sql_text(const char* format, Args... args) {
-    sqlite3_snprintf(static_cast<int>(N + 1), buf_, format, args...);
-    fits_ = std::strlen(buf_) < N;
+    bool safe = true;
+    sqlite3_snprintf(static_cast<int>(N + 1), buf_, format,
+                     unwrap(args, safe)...);
+    fits_ = safe && std::strlen(buf_) < N;
   }
   metadb_sql_text(const metadb_sql_text&) = delete;
   metadb_sql_text& operator=(const metadb_sql_text&) = delete;
@@ -64,16 +79,18 @@ class metadb_sql_text {
   const char* c_str() const { return buf_; }
 
  private:
+  static const char* unwrap(metadb_tag_ident tag, bool& safe) {
+    if (!metadb_tag_sql_safe(tag.name)) safe = false;
+    return tag.name;
+  }
+  template <typename T>
+  static T unwrap(T value, bool& /*safe*/) {
+    return value;
+  }
+
   char buf_[N + 1];
   bool fits_;
 };
-
-// True when `tag` may be named in a statement: a tag name is put into SQL
-// unescaped inside a double-quoted identifier, so a name holding a double
-// quote could name or create other columns and never reaches SQL.
-inline bool metadb_tag_sql_safe(const char* tag) {
-  return std::strchr(tag, '"') == nullptr;
-}
 
 // ---------------------------------------------------------------------------
 // Lock owners.

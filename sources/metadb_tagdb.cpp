@@ -87,17 +87,18 @@ int metadb_add_tag_column(metadb_tagdb* tagdb, const char* tag) {
   if (tagdb == nullptr || !tagdb->db) return 0;
   if (is_empty(tag)) return -1;
   if (metadb_column_exists(tagdb, tag) == 1) return 1;
-  if (!metadb_tag_sql_safe(tag)) return 0;
 
   sqlite3* db = tagdb->db.get();
-  if (metadb_exec_text(db, metadb_sql_text<kColumnSqlSize>(kAddColumnSql, tag)) !=
+  const metadb_tag_ident column{tag};
+  if (metadb_exec_text(
+          db, metadb_sql_text<kColumnSqlSize>(kAddColumnSql, column)) !=
       SQLITE_OK) {
     return 0;
   }
   // The column stays even when its index cannot be made; a later call then
   // finds the column and succeeds.
   return metadb_exec_text(
-             db, metadb_sql_text<kColumnSqlSize>(kAddIndexSql, tag, tag)) ==
+             db, metadb_sql_text<kColumnSqlSize>(kAddIndexSql, tag, column)) ==
                  SQLITE_OK
              ? 1
              : 0;
@@ -157,7 +158,7 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
     return metadb_errno_table[SQLITE_ERROR];
   }
   const metadb_sql_text<kSettagSqlSize> sql(
-      kSettagSql, tag, value != nullptr ? value : "",
+      kSettagSql, metadb_tag_ident{tag}, value != nullptr ? value : "",
       static_cast<sqlite3_int64>(rowid));
   if (metadb_exec_text(db, sql) != SQLITE_OK) return 1;
   tagdb->modified = 1;
@@ -176,7 +177,7 @@ extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
   value.found = 0;
   const int rc =
       metadb_exec_text(tagdb->db.get(),
-                       metadb_sql_text<kGettagSqlSize>(kGettagSql, tag, path),
+                       metadb_sql_text<kGettagSqlSize>(kGettagSql, metadb_tag_ident{tag}, path),
                        metadb_copy_value_cb, &value);
   if (rc != SQLITE_OK) return -1;
   return value.found ? 0 : -1;
@@ -188,7 +189,8 @@ extern "C" int metadb_tagdb_deltag(metadb_tagdb* tagdb, const char* path,
     return 1;
   }
   const int rc = metadb_exec_text(
-      tagdb->db.get(), metadb_sql_text<kDeltagSqlSize>(kDeltagSql, tag, path));
+      tagdb->db.get(), metadb_sql_text<kDeltagSqlSize>(
+                           kDeltagSql, metadb_tag_ident{tag}, path));
   if (rc == SQLITE_OK) {
     tagdb->modified = 1;
     return 0;
@@ -205,13 +207,14 @@ extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
     return metadb_errno_table[SQLITE_ERROR];
   }
   const char* v = value != nullptr ? value : "";
+  const metadb_tag_ident column{tag};
   sqlite3* db = tagdb->db.get();
   const int rc =
       path[0] == '\0'
           ? metadb_exec_text(
-                db, metadb_sql_text<kRecursiveSqlSize>(kRecursiveAllSql, tag, v))
+                db, metadb_sql_text<kRecursiveSqlSize>(kRecursiveAllSql, column, v))
           : metadb_exec_text(db, metadb_sql_text<kRecursiveSqlSize>(
-                                     kRecursiveSubtreeSql, tag, v, path, path));
+                                     kRecursiveSubtreeSql, column, v, path, path));
   if (rc != SQLITE_OK) return 1;
   tagdb->modified = 1;
   metadb_tagdb_sync_all(tagdb);

@@ -1,0 +1,99 @@
+#include "db_support.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+
+namespace tevul_test {
+
+TempDir::TempDir() {
+  const char* base = getenv("TMPDIR");
+  std::string pattern = std::string(base && *base ? base : "/tmp") +
+                        "/tevul-test.XXXXXX";
+  std::vector<char> buf(pattern.begin(), pattern.end());
+  buf.push_back('\0');
+  if (mkdtemp(buf.data()) == nullptr) {
+    ADD_FAILURE() << "mkdtemp failed";
+    return;
+  }
+  path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+}
+
+void create_tag_database(const std::string& file) {
+  std::remove(file.c_str());
+  RawDb db(file);
+  db.exec("CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT)");
+}
+
+RawDb::RawDb(const std::string& file, int busy_timeout_ms) {
+  const int rc = sqlite3_open_v2(
+      file.c_str(), &db_,
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_PRIVATECACHE,
+      nullptr);
+  EXPECT_EQ(rc, SQLITE_OK) << "cannot open " << file;
+  sqlite3_busy_timeout(db_, busy_timeout_ms);
+}
+
+RawDb::~RawDb() { sqlite3_close(db_); }
+
+int RawDb::try_exec(const std::string& sql) {
+  return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+}
+
+void RawDb::exec(const std::string& sql) {
+  char* err = nullptr;
+  const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err);
+  EXPECT_EQ(rc, SQLITE_OK) << sql << ": " << (err ? err : "");
+  sqlite3_free(err);
+}
+
+std::vector<std::vector<std::string>> RawDb::rows(const std::string& sql) {
+  std::vector<std::vector<std::string>> out;
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+    ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
+    return out;
+  }
+  while (sqlite3_step(stmt) == SQLITE_ROW) {
+    std::vector<std::string> row;
+    for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
+      const unsigned char* text = sqlite3_column_text(stmt, i);
+      row.emplace_back(text ? reinterpret_cast<const char*>(text) : "NULL");
+    }
+    out.push_back(std::move(row));
+  }
+  sqlite3_finalize(stmt);
+  return out;
+}
+
+std::string RawDb::value(const std::string& sql) {
+  auto r = rows(sql);
+  return r.empty() || r[0].empty() ? "(none)" : r[0][0];
+}
+
+std::string RawDb::snapshot() {
+  std::string out;
+  for (auto& row : rows("SELECT type, name, sql FROM sqlite_master ORDER BY name"))
+    for (auto& v : row) out += v + "\x1f";
+  out += "\n";
+  for (auto& row : rows("SELECT * FROM Meta ORDER BY ROWID")) {
+    for (auto& v : row) out += v + "\x1f";
+    out += "\n";
+  }
+  return out;
+}
+
+std::vector<std::string> RawDb::columns() {
+  std::vector<std::string> out;
+  for (auto& row : rows("SELECT name FROM pragma_table_info('Meta')"))
+    out.push_back(row[0]);
+  return out;
+}
+
+}  // namespace tevul_test

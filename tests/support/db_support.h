@@ -1,0 +1,60 @@
+// Test support: temporary directories and direct access to tag databases,
+// independent of the library under test.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tevul_test {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const {
+    return path_ + "/" + name;
+  }
+
+ private:
+  std::string path_;
+};
+
+// Creates (or empties) a tag database file holding the daemon's table
+// Meta(Path TEXT UNIQUE, Data TEXT).
+void create_tag_database(const std::string& file);
+
+// A plain SQLite connection with a private cache, for checking what the
+// library wrote and for arranging what it should find.
+class RawDb {
+ public:
+  explicit RawDb(const std::string& file, int busy_timeout_ms = 5000);
+  ~RawDb();
+  RawDb(const RawDb&) = delete;
+  RawDb& operator=(const RawDb&) = delete;
+
+  // Runs one or more statements; fails the test on error.
+  void exec(const std::string& sql);
+  // Runs statements and returns the SQLite result code.
+  int try_exec(const std::string& sql);
+  // The rows of a query, each column as text ("NULL" for SQL NULL).
+  std::vector<std::vector<std::string>> rows(const std::string& sql);
+  // The single value of a query, or "NULL"/"(none)".
+  std::string value(const std::string& sql);
+  // Whole table Meta and the schema, as one text, for before/after checks.
+  std::string snapshot();
+  // Names of the columns of Meta, in table order.
+  std::vector<std::string> columns();
+  sqlite3* get() { return db_; }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace tevul_test
