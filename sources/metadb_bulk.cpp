@@ -300,8 +300,7 @@ int metadb_transaction_op(metadb_tagdb* tagdb, int op) {
     default:
       return -1;
   }
-  if (!*slot && metadb_prepare(tagdb->db.get(), text, bytes, *slot) !=
-                    SQLITE_OK) {
+  if (metadb_prepare_once(tagdb->db.get(), text, bytes, *slot) != SQLITE_OK) {
     sqlite3_reset(slot->get());
     return -1;
   }

@@ -171,6 +171,14 @@ int metadb_prepare(sqlite3* db, const char* sql, int bytes,
 int metadb_prepare(sqlite3* db, const char* sql, int bytes,
                    metadb_stmt_ptr& slot);
 
+// Prepares `sql` into `slot` unless the slot already holds a statement: the
+// cached statements of a handle are prepared on first use and then reused.
+// Returns SQLITE_OK for a filled slot, otherwise as metadb_prepare().
+inline int metadb_prepare_once(sqlite3* db, const char* sql, int bytes,
+                               metadb_stmt_ptr& slot) {
+  return slot ? SQLITE_OK : metadb_prepare(db, sql, bytes, slot);
+}
+
 // The busy handler of every tag database connection: sleeps 10 ms and asks
 // SQLite to retry, for ever.
 int metadb_busy_handler(void* unused, int count);

@@ -39,12 +39,9 @@ void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
 // success. Throws std::bad_alloc when the list cannot be built.
 int sync_row(metadb_tagdb* tagdb, const char* path) {
   sqlite3* db = tagdb->db.get();
-  int rc = SQLITE_OK;
-  if (!tagdb->stmt_sync_select) {
-    rc = metadb_prepare(db, kSyncSelect, sizeof kSyncSelect,
-                        tagdb->stmt_sync_select);
-    if (rc != SQLITE_OK) return rc;
-  }
+  int rc = metadb_prepare_once(db, kSyncSelect, sizeof kSyncSelect,
+                               tagdb->stmt_sync_select);
+  if (rc != SQLITE_OK) return rc;
   sqlite3_stmt* select = tagdb->stmt_sync_select.get();
   rc = sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
   if (rc != SQLITE_OK) return rc;
@@ -57,11 +54,9 @@ int sync_row(metadb_tagdb* tagdb, const char* path) {
   list.reserve(kListHint);
   encode_row(select, columns, list);
 
-  if (!tagdb->stmt_sync_update) {
-    rc = metadb_prepare(db, kSyncUpdate, sizeof kSyncUpdate,
-                        tagdb->stmt_sync_update);
-    if (rc != SQLITE_OK) return rc;
-  }
+  rc = metadb_prepare_once(db, kSyncUpdate, sizeof kSyncUpdate,
+                           tagdb->stmt_sync_update);
+  if (rc != SQLITE_OK) return rc;
   sqlite3_stmt* update = tagdb->stmt_sync_update.get();
   rc = sqlite3_bind_text(update, 2, path, -1, SQLITE_STATIC);
   if (rc != SQLITE_OK) return rc;
@@ -114,9 +109,8 @@ extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
 extern "C" int metadb_tagdb_sync_all(metadb_tagdb* tagdb) {
   if (tagdb == nullptr || !tagdb->db) return -1;
   if (!tagdb->modified) return 0;
-  if (!tagdb->stmt_unsynced &&
-      metadb_prepare(tagdb->db.get(), kUnsynced, sizeof kUnsynced,
-                     tagdb->stmt_unsynced) != SQLITE_OK) {
+  if (metadb_prepare_once(tagdb->db.get(), kUnsynced, sizeof kUnsynced,
+                          tagdb->stmt_unsynced) != SQLITE_OK) {
     return -1;
   }
   sqlite3_stmt* scan = tagdb->stmt_unsynced.get();

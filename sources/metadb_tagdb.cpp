@@ -107,10 +107,8 @@ int metadb_add_tag_column(metadb_tagdb* tagdb, const char* tag) {
 int64_t metadb_insert_path(metadb_tagdb* tagdb, const char* path) {
   if (tagdb == nullptr || !tagdb->db || is_empty(path)) return -1;
   sqlite3* db = tagdb->db.get();
-  if (!tagdb->stmt_insert_path) {
-    metadb_prepare(db, kInsertPath, sizeof kInsertPath,
-                   tagdb->stmt_insert_path);
-  }
+  metadb_prepare_once(db, kInsertPath, sizeof kInsertPath,
+                      tagdb->stmt_insert_path);  // a failure shows in the step
   sqlite3_stmt* stmt = tagdb->stmt_insert_path.get();
   sqlite3_bind_text(stmt, 1, path, -1, SQLITE_STATIC);
   for (;;) {
@@ -140,10 +138,8 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
   if (!metadb_tag_sql_safe(tag)) return metadb_errno_table[SQLITE_ERROR];
   sqlite3* db = tagdb->db.get();
 
-  if (!tagdb->stmt_select_rowid) {
-    metadb_prepare(db, kSelectRowid, sizeof kSelectRowid,
-                   tagdb->stmt_select_rowid);
-  }
+  metadb_prepare_once(db, kSelectRowid, sizeof kSelectRowid,
+                      tagdb->stmt_select_rowid);  // a failure shows in the step
   sqlite3_stmt* select = tagdb->stmt_select_rowid.get();
   sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
   int64_t rowid = 0;

@@ -17,11 +17,6 @@ using tevul_test::TempDir;
 
 namespace {
 
-struct Closer {
-  void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }
-};
-using Handle = std::unique_ptr<metadb_tagdb, Closer>;
-
 // The encoding as the daemon documents it, step by step.
 std::string replace_all(std::string s, const std::string& from,
                         const std::string& to) {
@@ -50,22 +45,13 @@ std::string reference_data(
   return out;
 }
 
-class DataColumn : public ::testing::Test {
+class DataColumn : public tevul_test::TagDbTest {
  protected:
-  void SetUp() override {
-    file_ = dir_ / "vol@@db";
-    tevul_test::create_tag_database(file_);
-    db_.reset(metadb_tagdb_open(file_.c_str()));
-    ASSERT_NE(db_, nullptr);
-  }
   std::string data(const std::string& path) {
     RawDb raw(file_);
     return raw.value("SELECT Data FROM Meta WHERE Path='" + path + "'");
   }
 
-  TempDir dir_;
-  std::string file_;
-  Handle db_;
 };
 
 TEST_F(DataColumn, WorkedExamples) {

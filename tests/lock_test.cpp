@@ -21,10 +21,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct Closer {
-  void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }
-};
-using Handle = std::unique_ptr<metadb_tagdb, Closer>;
+using Handle = tevul_test::TagDbHandle;
 
 long ms_since(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() -

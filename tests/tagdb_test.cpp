@@ -18,19 +18,8 @@ using tevul_test::TempDir;
 
 namespace {
 
-struct Closer {
-  void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }
-};
-using Handle = std::unique_ptr<metadb_tagdb, Closer>;
-
-class TagDb : public ::testing::Test {
+class TagDb : public tevul_test::TagDbTest {
  protected:
-  void SetUp() override {
-    file_ = dir_ / "vol@@db";
-    tevul_test::create_tag_database(file_);
-    db_.reset(metadb_tagdb_open(file_.c_str()));
-    ASSERT_NE(db_, nullptr);
-  }
   std::string get(const char* path, const char* tag) {
     char buf[512];
     return metadb_tagdb_gettag(db_.get(), path, tag, buf, sizeof buf) == 0
@@ -38,9 +27,6 @@ class TagDb : public ::testing::Test {
                : std::string("(unset)");
   }
 
-  TempDir dir_;
-  std::string file_;
-  Handle db_;
 };
 
 TEST(TagDbOpen, AcceptsOnlyRegularFilesFollowingLinks) {
@@ -56,7 +42,7 @@ TEST(TagDbOpen, AcceptsOnlyRegularFilesFollowingLinks) {
   EXPECT_EQ(metadb_tagdb_open((dir / "subdir").c_str()), nullptr);
   EXPECT_EQ(access((dir / "missing").c_str(), F_OK), -1) << "nothing created";
 
-  Handle via_link(metadb_tagdb_open((dir / "link@@db").c_str()));
+  tevul_test::TagDbHandle via_link(metadb_tagdb_open((dir / "link@@db").c_str()));
   ASSERT_NE(via_link, nullptr);
   EXPECT_EQ(metadb_tagdb_settag(via_link.get(), "a", "t", "v"), 0);
   metadb_tagdb_close(nullptr);  // harmless

@@ -2,11 +2,15 @@
 // independent of the library under test.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "tevul.h"
 
 namespace tevul_test {
 
@@ -55,6 +59,27 @@ class RawDb {
 
  private:
   sqlite3* db_ = nullptr;
+};
+
+struct TagDbCloser {
+  void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }
+};
+// A library handle closed at the end of its scope.
+using TagDbHandle = std::unique_ptr<metadb_tagdb, TagDbCloser>;
+
+// A test with a fresh tag database file_ in dir_, open through db_.
+class TagDbTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    file_ = dir_ / "vol@@db";
+    create_tag_database(file_);
+    db_.reset(metadb_tagdb_open(file_.c_str()));
+    ASSERT_NE(db_, nullptr);
+  }
+
+  TempDir dir_;
+  std::string file_;
+  TagDbHandle db_;
 };
 
 }  // namespace tevul_test
