@@ -145,6 +145,140 @@ TEVUL_API int metadb_tagdb_sync(metadb_tagdb *tagdb, const char *path);
  */
 TEVUL_API int metadb_tagdb_sync_all(metadb_tagdb *tagdb);
 
+/* ------------------------------------------------------------------------ */
+/* Mount and limits                                                          */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * The longest tag name the tag file system accepts is one byte less than
+ * this (key TAG_NAME_MAX of <mount>/meta/.info/limits.txt, read on every
+ * call). Returns 0 when the file system is not mounted or the limit cannot
+ * be read.
+ */
+TEVUL_API int tevu_getmaxnamelen(void);
+
+/*
+ * The same for tag values (key TAG_VALUE_MAX). Returns 0 when unknown.
+ */
+TEVUL_API int tevu_getmaxvaluelen(void);
+
+/* ------------------------------------------------------------------------ */
+/* Bulk contexts: many files, directly in the volumes' tag databases         */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * A bulk context. It keeps the tag database of the current volume open
+ * across files, runs the changes to one file inside one transaction, brings
+ * the file's Data up to date before committing, and wakes the daemon after
+ * every commit that followed a change.
+ *
+ * Calling order: tevu_bulk_init(); for each file tevu_bulk_setpath() and any
+ * number of tag calls; optionally tevu_bulk_commit() or tevu_bulk_rollback();
+ * finally tevu_bulk_fini(), which commits what is pending.
+ *
+ * Results: 0 for success; -1 for a bad argument or when no database is
+ * open; -ENAMETOOLONG and -EFBIG for names and values that are not shorter
+ * than the limits; positive values are the database layer's results (see
+ * the metadb_tagdb_ functions).
+ */
+typedef struct tevu_bulk_ctx tevu_bulk_ctx;
+
+/*
+ * Creates a context. Reads both limits once and opens the daemon's FIFO (a
+ * FIFO that cannot be opened is not a failure: the daemon is then not
+ * woken). Returns NULL when the tag file system is not mounted or memory is
+ * short. The caller owns the context until tevu_bulk_fini().
+ */
+TEVUL_API tevu_bulk_ctx *tevu_bulk_init(void);
+
+/*
+ * Makes `path` (an existing file or directory on a tagged volume, relative
+ * paths and symbolic links allowed) the current file: commits the previous
+ * file's changes, switches to the database of the path's volume when needed
+ * and begins a transaction. Returns 0, or -1 when the context or path is
+ * NULL or empty, the path does not exist, no tag file system is mounted, the
+ * path lies on no tagged volume or its database cannot be opened.
+ */
+TEVUL_API int tevu_bulk_setpath(tevu_bulk_ctx *ctx, const char *path);
+
+/*
+ * Sets tag `name` of the current file to `value` (NULL stores the empty
+ * text). Returns 0, -1 (NULL context, no current file, NULL or empty name),
+ * -ENAMETOOLONG (strlen(name) not below the name limit; checked first),
+ * -EFBIG (strlen(value) not below the value limit), or the result of
+ * metadb_tagdb_settag().
+ */
+TEVUL_API int tevu_bulk_settag(tevu_bulk_ctx *ctx, const char *name,
+                               const char *value);
+
+/*
+ * Sets tag `name` to `value` on the current path and every row below it;
+ * on a volume root, on every row of the volume. Same checks and results as
+ * tevu_bulk_settag(), except that an empty name is passed on (and refused by
+ * the database layer with EIO).
+ */
+TEVUL_API int tevu_bulk_settag_recursive(tevu_bulk_ctx *ctx, const char *name,
+                                         const char *value);
+
+/*
+ * Copies the value of tag `name` of the current file into `buf` of `size`
+ * bytes. Returns 0 when found, -1 otherwise (also for a NULL argument, an
+ * empty name or size 0). The length limits do not apply.
+ */
+TEVUL_API int tevu_bulk_gettag(tevu_bulk_ctx *ctx, const char *name, char *buf,
+                               unsigned int size);
+
+/*
+ * Removes tag `name` from the current file. Returns 0, -1 (NULL context, no
+ * current file, NULL or empty name) or the result of metadb_tagdb_deltag().
+ */
+TEVUL_API int tevu_bulk_deltag(tevu_bulk_ctx *ctx, const char *name);
+
+/*
+ * Commits the current file's changes: rebuilds its Data when anything
+ * changed, commits, and then wakes the daemon (only when anything changed).
+ * Begins no new transaction. Returns -1 without a database, otherwise the
+ * result of metadb_tagdb_transaction_commit().
+ */
+TEVUL_API int tevu_bulk_commit(tevu_bulk_ctx *ctx);
+
+/*
+ * Rolls the current file's changes back. Begins no new transaction: later
+ * changes before the next tevu_bulk_setpath() are not inside one. Returns -1
+ * without a database, otherwise the result of
+ * metadb_tagdb_transaction_rollback().
+ */
+TEVUL_API int tevu_bulk_rollback(tevu_bulk_ctx *ctx);
+
+/*
+ * Commits what is pending, closes the database and the FIFO and frees the
+ * context. NULL is ignored.
+ */
+TEVUL_API void tevu_bulk_fini(tevu_bulk_ctx *ctx);
+
+/* ------------------------------------------------------------------------ */
+/* Event trigger: waking the daemon through its FIFO                         */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Opens the daemon's FIFO "/tmp/.tevu/<name>/action_trigger" (name is the
+ * mount point, so the path holds a doubled slash). Returns a descriptor
+ * greater than 0; 0 when nothing exists at the path; -1 (errno set) when it
+ * exists but cannot be opened. Only a result greater than 0 is a trigger.
+ */
+TEVUL_API int event_trigger_init(const char *name);
+
+/*
+ * Wakes the daemon: writes one zero byte to `fd` when it is greater than 0.
+ * Never blocks; a full FIFO drops the wake-up.
+ */
+TEVUL_API void event_trigger(int fd);
+
+/*
+ * Closes `fd` when it is greater than 0.
+ */
+TEVUL_API void event_trigger_fini(int fd);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

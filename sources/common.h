@@ -2,6 +2,11 @@
 #ifndef TEVUL_COMMON_H
 #define TEVUL_COMMON_H
 
+#include <dirent.h>
+#include <mntent.h>
+
+#include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -10,6 +15,18 @@ namespace tevul {
 
 // True for a NULL or empty C string.
 inline bool is_empty(const char* s) { return s == nullptr || s[0] == '\0'; }
+
+// Formats into a fixed buffer of `size` bytes, cutting what does not fit:
+// the daemon's paths live in fixed buffers, and a cut path simply names
+// nothing. Returns what vsnprintf returns (the uncut length).
+__attribute__((format(printf, 3, 4))) inline int format_cut(
+    char* dst, std::size_t size, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int len = std::vsnprintf(dst, size, format, args);
+  va_end(args);
+  return len;
+}
 
 // Allocates a T, or gives NULL when memory is short: no exception leaves the
 // library.
@@ -26,6 +43,24 @@ std::unique_ptr<T> make_nothrow() {
 struct free_deleter {
   void operator()(void* p) const { std::free(p); }
 };
+
+// A stream closed with fclose() when its owner goes away.
+struct file_closer {
+  void operator()(FILE* f) const { std::fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// A mount table stream closed with endmntent().
+struct mnt_closer {
+  void operator()(FILE* f) const { endmntent(f); }
+};
+using mnt_ptr = std::unique_ptr<FILE, mnt_closer>;
+
+// A directory stream closed with closedir().
+struct dir_closer {
+  void operator()(DIR* d) const { closedir(d); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
 }  // namespace tevul
 

@@ -1,0 +1,12 @@
+// Event trigger: wakes the tag file system daemon through its FIFO.
+//
+// One zero byte per wake-up, written to "/tmp/.tevu/<mount point>/action_trigger"
+// (the mount point's own leading slash makes the doubled slash, kept as the
+// daemon creates it). The library never creates, removes or reads the FIFO.
+// The functions are exported; see tevul.h.
+#ifndef TEVUL_EVENT_TRIGGER_H
+#define TEVUL_EVENT_TRIGGER_H
+
+#include "tevul.h"
+
+#endif  // TEVUL_EVENT_TRIGGER_H

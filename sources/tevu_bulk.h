@@ -1,0 +1,43 @@
+// Bulk contexts: many files tagged directly in the volumes' tag databases.
+#ifndef TEVUL_TEVU_BULK_H
+#define TEVUL_TEVU_BULK_H
+
+#include <cstdint>
+#include <memory>
+
+#include "tevu_volume.h"
+#include "tevul.h"
+
+struct metadb_tagdb_closer {
+  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
+};
+// A tag database handle closed (and so committed) when its owner lets go.
+using metadb_tagdb_ptr = std::unique_ptr<metadb_tagdb, metadb_tagdb_closer>;
+
+// One bulk context; see tevul.h. Invariant: `tagdb` and `volume` describe
+// the same volume, and `path`, when not empty, begins with volume.prefix or
+// equals it without its trailing "/".
+struct tevu_bulk_ctx {
+  // The current file as realpath() gave it, copied with a limit of 4095
+  // bytes including the terminator. Bytes behind the terminator keep what a
+  // longer earlier path left (zero on a fresh context).
+  char path[4096];
+  metadb_tagdb_ptr tagdb;   // the current volume's database, or none
+  tevu_volume volume;       // prefix_len 0 and prefix empty when none
+  int32_t max_name_len;     // compared as unsigned: 0 (unknown) refuses all
+  int32_t max_value_len;
+  int32_t dirty;            // 1 after a change not yet committed
+  int32_t trigger;          // event_trigger_init() result
+};
+
+// Makes ctx->tagdb the database of the volume holding `path` (absolute, used
+// as it stands). Keeps the open database when path begins with the current
+// prefix; otherwise commits and closes it first. Returns 0, or -1 when path
+// is NULL or empty, lies on no volume or its database cannot be opened (the
+// context then has no database).
+int tevu_bulk_open_for_path(tevu_bulk_ctx* ctx, const char* path);
+
+// The current file's path relative to its volume: a pointer into ctx->path.
+const char* tevu_bulk_relative_path(const tevu_bulk_ctx* ctx);
+
+#endif  // TEVUL_TEVU_BULK_H

@@ -1,0 +1,161 @@
+// Mount and volume discovery. See tevu_volume.h.
+#include "tevu_volume.h"
+
+#include <dirent.h>
+#include <mntent.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+#include "common.h"
+
+namespace {
+
+constexpr char kMountTable[] = "/etc/mtab";
+constexpr char kRuntimeFile[] = "/tmp/.tevu/tevu.ini";
+// Key up to the first "=", which may span lines; value to the end of line.
+// Trailing white space, blank lines and the next line's leading blanks are
+// skipped before the next key.
+constexpr char kLimitsScan[] = "%4095[^=]=%4095[^\n]\n";
+// Three ":"-separated fields; only the second (the volume root) is used.
+constexpr char kRuntimeScan[] = "%255[^:\n]:%4096[^:\n]:%4096[^\n]\n";
+
+// Process-wide caches: filled once, never reset or freed.
+char* g_mount_point = nullptr;
+char g_meta_dir[tevu_path_size];
+
+// Reads the target of link `link` into `vol->db_path`. A target that does
+// not fit with its terminator counts as unreadable.
+bool read_db_link(tevu_volume* vol, const char* link) {
+  char target[sizeof vol->db_path];
+  const ssize_t len = readlink(link, target, sizeof target);
+  if (len < 0 || static_cast<std::size_t>(len) >= sizeof target) return false;
+  memcpy(vol->db_path, target, static_cast<std::size_t>(len));
+  vol->db_path[len] = '\0';
+  return true;
+}
+
+}  // namespace
+
+const char* tevu_find_mount() {
+  if (g_mount_point != nullptr) return g_mount_point;
+  tevul::mnt_ptr table(setmntent(kMountTable, "r"));
+  if (!table) return nullptr;
+  while (const mntent* entry = getmntent(table.get())) {
+    // Both prefix tests are exactly 4 bytes: "fuse.tevu" and "tevu-x" match.
+    if (strncmp(entry->mnt_type, "fuse", 4) != 0) continue;
+    if (strncmp(entry->mnt_fsname, "tevu", 4) != 0) continue;
+    g_mount_point = strdup(entry->mnt_dir);  // kept for the process's life
+    break;
+  }
+  return g_mount_point;
+}
+
+int32_t tevu_get_limit(const char* key) {
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return 0;
+  char file_name[tevu_path_size];
+  tevul::format_cut(file_name, sizeof file_name, "%s/%s/%s/%s", mount, "meta",
+                ".info", "limits.txt");
+  tevul::file_ptr file(std::fopen(file_name, "r"));
+  if (!file) return 0;
+
+  char name[4096];
+  char value[4096];
+  for (;;) {
+    if (std::fscanf(file.get(), kLimitsScan, name, value) != 2) return 0;
+    if (value[0] == '\0' || strcmp(name, key) != 0) continue;
+    // The first line with the key decides, even when it is unusable.
+    char* end = nullptr;
+    const long number = std::strtol(value, &end, 10);
+    if (*end != '\0') return 0;
+    // Out-of-range values are clamped, as a 32-bit long would clamp them.
+    if (number > INT32_MAX) return INT32_MAX;
+    if (number < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(number);
+  }
+}
+
+extern "C" int tevu_getmaxnamelen(void) { return tevu_get_limit("TAG_NAME_MAX"); }
+
+extern "C" int tevu_getmaxvaluelen(void) {
+  return tevu_get_limit("TAG_VALUE_MAX");
+}
+
+int tevu_read_ini(char* dst) {
+  tevul::file_ptr file(std::fopen(kRuntimeFile, "r"));
+  if (!file) return 0;
+  char first[256] = "";
+  char root[4097] = "";
+  char third[4097] = "";
+  // Only end of input counts as "no line": a line matching just its first
+  // field still counts as read, with an empty root.
+  if (std::fscanf(file.get(), kRuntimeScan, first, root, third) == EOF) {
+    return 0;
+  }
+  tevul::format_cut(dst, tevu_path_size, "%s", root);
+  return 1;
+}
+
+int tevu_find_volume_link(const char* meta_dir, const char* path,
+                          char* name) {
+  tevul::dir_ptr dir(opendir(meta_dir));
+  if (!dir) return -1;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (entry->d_type != DT_LNK) continue;
+    const std::size_t n = strlen(entry->d_name);
+    if (strncmp(path + 1, entry->d_name, n) == 0 &&
+        (path[n + 1] == '\0' || path[n + 1] == '/')) {
+      memcpy(name, entry->d_name, n + 1);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+bool tevu_root_matches(const char* root, const char* path) {
+  const std::size_t len = strlen(root);
+  if (len == 0) return false;
+  if (strncmp(path + 1, root + 1, len - 1) != 0) return false;
+  return path[len] == '\0' || path[len] == '/';
+}
+
+int tevu_locate_volume(tevu_volume* vol, const char* path) {
+  if (tevul::is_empty(path)) return 0;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return 0;
+  if (g_meta_dir[0] == '\0') {
+    tevul::format_cut(g_meta_dir, sizeof g_meta_dir, "%s/meta", mount);
+  }
+  if (path[0] != '/') return 0;
+  return tevu_match_volume(vol, path);
+}
+
+int tevu_match_volume(tevu_volume* vol, const char* path) {
+  char name[256];
+  const int found = tevu_find_volume_link(g_meta_dir, path, name);
+  if (found < 0) return 0;  // no meta directory: no fallback either
+  char link[tevu_path_size];
+  if (found == 1) {
+    vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "/%s/", name);
+    tevul::format_cut(link, sizeof link, "%s/%s@@db", g_meta_dir, name);
+    // Only the first matching link is tried; a missing database link falls
+    // back to the runtime file, with prefix already written.
+    if (read_db_link(vol, link)) return 1;
+  }
+
+  struct stat st;
+  if (stat(kRuntimeFile, &st) != 0) return 0;
+  char root[tevu_path_size];
+  if (tevu_read_ini(root) == 0) return 0;
+  if (!tevu_root_matches(root, path)) return 0;
+  vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "%s/", root);
+  // The root begins with "/", so no slash is added after the meta directory.
+  tevul::format_cut(link, sizeof link, "%s%s@@db", g_meta_dir, root);
+  return read_db_link(vol, link) ? 1 : 0;
+}

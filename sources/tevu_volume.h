@@ -1,0 +1,66 @@
+// Mount and volume discovery.
+//
+// Answers, from the daemon's files, where the tag file system is mounted
+// ("/etc/mtab"), how long tag names and values may be (the limits file
+// <mount>/meta/.info/limits.txt), and which volume and tag database hold a
+// given absolute path (the links <mount>/meta/<name> and <name>@@db, with
+// the runtime file "/tmp/.tevu/tevu.ini" as fallback). The mount point and
+// the meta directory are process-wide caches filled by the first successful
+// lookup and never invalidated: a file system remounted elsewhere while the
+// process runs is not noticed.
+#ifndef TEVUL_TEVU_VOLUME_H
+#define TEVUL_TEVU_VOLUME_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "tevul.h"
+
+// Where a volume's tag database is and which path prefix the volume has.
+struct tevu_volume {
+  char db_path[4096];  // target of the link <meta>/<name>@@db
+  char prefix[4096];   // "/<name>/" or "<root>/", always ending in "/"
+  int32_t prefix_len;  // as the formatting call returned it
+};
+
+// Size of the path buffers of this module and its users.
+constexpr std::size_t tevu_path_size = 4096;
+
+// The mount point of the tag file system: the mount directory of the first
+// "/etc/mtab" entry whose type begins with "fuse" and whose source begins
+// with "tevu" (4-byte prefix tests, deliberately). Returns a process-wide
+// string that callers must not free, or NULL when none is mounted.
+const char* tevu_find_mount();
+
+// The limit `key` of the limits file, or 0 when it cannot be had (no mount,
+// no file, no such line before a malformed one, a value with anything but
+// decimal digits).
+int32_t tevu_get_limit(const char* key);
+
+// Reads the volume root (the second ":"-separated field of the first line of
+// the runtime file) into `dst` of tevu_path_size bytes. Returns 1 when a line
+// was read (dst may be empty when the line had only its first field), 0
+// otherwise.
+int tevu_read_ini(char* dst);
+
+// Fills `vol` for the volume holding the absolute path `path`. Returns 1 when
+// db_path, prefix and prefix_len were filled, 0 otherwise (prefix and
+// prefix_len may have been written already).
+int tevu_locate_volume(tevu_volume* vol, const char* path);
+
+// The scan behind tevu_locate_volume(); same arguments and results.
+int tevu_match_volume(tevu_volume* vol, const char* path);
+
+// Looks in `meta_dir` for the first volume link (a symbolic link, in the
+// order the directory yields them) whose name N is the first component of
+// `path` ("/N" or "/N/..."). Returns 1 and copies N into `name` (256 bytes)
+// when found, 0 when none matches, -1 when the directory cannot be opened.
+int tevu_find_volume_link(const char* meta_dir, const char* path,
+                          char* name);
+
+// True when `path` lies under the volume root `root` of the runtime file:
+// equal after the first byte of each (the first bytes are deliberately not
+// compared), followed by "/" or the end. An empty root matches nothing.
+bool tevu_root_matches(const char* root, const char* path);
+
+#endif  // TEVUL_TEVU_VOLUME_H

@@ -1,0 +1,71 @@
+// Waking the daemon: the FIFO path, one zero byte per wake-up, no blocking.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::Sandbox;
+
+namespace {
+
+using EventTrigger = tevul_test::SandboxTest;
+
+TEST_F(EventTrigger, NothingAtThePathMeansNoTrigger) {
+  EXPECT_EQ(event_trigger_init("/no/such/mount"), 0);
+  event_trigger(0);
+  event_trigger(-1);
+  event_trigger_fini(0);
+  event_trigger_fini(-1);
+  // A path longer than the buffer is cut and so names nothing.
+  EXPECT_EQ(event_trigger_init(std::string(5000, 'x').c_str()), 0);
+}
+
+TEST_F(EventTrigger, OneZeroBytePerWakeUpOnTheDoubledSlashPath) {
+  EXPECT_EQ(Sandbox::fifo_path(), "/tmp/.tevu//tmp/tevu/action_trigger");
+  const int fd = event_trigger_init(Sandbox::kMount);
+  ASSERT_GT(fd, 0);
+  event_trigger(fd);
+  event_trigger(fd);
+  event_trigger(fd);
+  EXPECT_EQ(sandbox_.drain_fifo(), 3);
+  event_trigger_fini(fd);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor closed";
+}
+
+TEST_F(EventTrigger, ARegularFileAtThePathReceivesTheBytes) {
+  tevul_test::make_dirs("/tmp/.tevu/plain");
+  tevul_test::write_file("/tmp/.tevu/plain/action_trigger", "");
+  const int fd = event_trigger_init("plain");
+  ASSERT_GT(fd, 0);
+  event_trigger(fd);
+  event_trigger(fd);
+  event_trigger_fini(fd);
+  std::string content(8, 'x');
+  const int in = open("/tmp/.tevu/plain/action_trigger", O_RDONLY);
+  content.resize(read(in, content.data(), content.size()));
+  close(in);
+  EXPECT_EQ(content, std::string(2, '\0'));
+}
+
+TEST_F(EventTrigger, AFullFifoDropsWakeUpsWithoutBlocking) {
+  tevul_test::make_dirs("/tmp/.tevu/unread");
+  ASSERT_EQ(mkfifo("/tmp/.tevu/unread/action_trigger", 0600), 0);
+  const int fd = event_trigger_init("unread");
+  ASSERT_GT(fd, 0) << "opens with nobody reading";
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 200000; ++i) event_trigger(fd);  // more than a pipe holds
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  event_trigger_fini(fd);
+}
+
+TEST_F(EventTrigger, SomethingUnopenableGivesMinusOne) {
+  tevul_test::make_dirs("/tmp/.tevu/dir/action_trigger");  // a directory
+  EXPECT_EQ(event_trigger_init("dir"), -1);
+}
+
+}  // namespace

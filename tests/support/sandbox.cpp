@@ -1,0 +1,214 @@
+#include "sandbox.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace tevul_test {
+
+namespace {
+
+constexpr const char* kFuseOptions =
+    "allow_other,minfreespace=0,category.create=ff,cache.files=off,"
+    "cache.attr=0,cache.entry=0,cache.negative_entry=0";
+
+std::string errno_text(const std::string& what) {
+  return what + ": " + std::strerror(errno);
+}
+
+bool find_program(const char* name) {
+  const char* path = getenv("PATH");
+  std::stringstream dirs(path ? path : "/usr/bin:/bin");
+  for (std::string dir; std::getline(dirs, dir, ':');) {
+    if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
+bool is_mounted(const std::string& mount_point) {
+  std::ifstream mounts("/proc/self/mounts");
+  for (std::string line; std::getline(mounts, line);) {
+    std::istringstream fields(line);
+    std::string source, dir;
+    fields >> source >> dir;
+    if (dir == mount_point) return true;
+  }
+  return false;
+}
+
+std::string create_tag_db(const std::string& file) {
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(file.c_str(), &db,
+                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                               SQLITE_OPEN_PRIVATECACHE,
+                           nullptr);
+  if (rc == SQLITE_OK) {
+    rc = sqlite3_exec(db, "CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT)",
+                      nullptr, nullptr, nullptr);
+  }
+  sqlite3_close(db);
+  return rc == SQLITE_OK ? "" : "cannot create " + file;
+}
+
+}  // namespace
+
+bool write_file(const std::string& file, const std::string& text) {
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out << text;
+  return static_cast<bool>(out);
+}
+
+bool make_dirs(const std::string& dir) {
+  std::string partial;
+  std::stringstream parts(dir);
+  for (std::string part; std::getline(parts, part, '/');) {
+    if (part.empty()) continue;
+    partial += "/" + part;
+    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  }
+  return true;
+}
+
+std::string Sandbox::unavailable_reason() {
+  if (geteuid() != 0) {
+    return "needs root: the tests build a private mount namespace with tmpfs "
+           "and FUSE mounts";
+  }
+  if (!find_program("mergerfs")) return "needs mergerfs (Debian package mergerfs)";
+  if (access("/dev/fuse", R_OK | W_OK) != 0) return "needs /dev/fuse";
+  return "";
+}
+
+std::string Sandbox::fifo_path() {
+  return std::string("/tmp/.tevu/") + kMount + "/action_trigger";
+}
+
+std::string Sandbox::start(const std::vector<std::string>& volumes,
+                           bool mount_tag_fs) {
+  if (std::string why = unavailable_reason(); !why.empty()) return why;
+  if (unshare(CLONE_NEWNS) != 0) return errno_text("unshare(CLONE_NEWNS)");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    return errno_text("making / private");
+  }
+  if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+    return errno_text("mounting tmpfs on /tmp");
+  }
+  for (const auto& v : volumes) {
+    const std::string root = volume_root(v);
+    if (mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") != 0) {
+      return errno_text("mounting tmpfs on " + root);
+    }
+  }
+
+  const std::string backing = kBacking;
+  if (!make_dirs(backing + "/meta/.info") || !make_dirs(backing + "/.tagfiles") ||
+      !make_dirs(backing + "/view/.config") || !make_dirs(kMount)) {
+    return errno_text("creating the backing directory");
+  }
+  for (const auto& v : volumes) {
+    if (!make_dirs(backing + "/.tagfiles/" + v)) return errno_text("tag file dir");
+    if (symlink(("../.tagfiles/" + v).c_str(), (meta_backing() + "/" + v).c_str()) != 0 ||
+        symlink(db_path(v).c_str(), (meta_backing() + "/" + v + "@@db").c_str()) != 0) {
+      return errno_text("volume links of " + v);
+    }
+    if (std::string err = create_tag_db(db_path(v)); !err.empty()) return err;
+  }
+  write_limits(kDefaultLimits);
+
+  const std::string fifo = fifo_path();
+  if (!make_dirs(fifo.substr(0, fifo.rfind('/'))) || mkfifo(fifo.c_str(), 0666) != 0) {
+    return errno_text("creating the FIFO");
+  }
+  fifo_reader_ = open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fifo_reader_ < 0) return errno_text("opening the FIFO");
+
+  return mount_tag_fs ? mount_fuse(backing, kMount, "tevu") : "";
+}
+
+std::string Sandbox::mount_fuse(const std::string& backing,
+                                const std::string& mount_point,
+                                const std::string& fsname) {
+  if (!make_dirs(mount_point)) return errno_text("creating " + mount_point);
+  const std::string options = "fsname=" + fsname + "," + kFuseOptions;
+  const pid_t pid = fork();
+  if (pid < 0) return errno_text("fork");
+  if (pid == 0) {
+    // The daemon dies with the test process, which ends the namespace.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) {
+      dup2(null, STDOUT_FILENO);
+      dup2(null, STDERR_FILENO);
+    }
+    execlp("mergerfs", "mergerfs", "-f", "-o", options.c_str(),
+           backing.c_str(), mount_point.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  fuse_daemons_.push_back(pid);
+  fuse_mounts_.push_back(mount_point);
+  for (int i = 0; i < 1000; ++i) {
+    if (is_mounted(mount_point)) return "";
+    int status;
+    if (waitpid(pid, &status, WNOHANG) == pid) {
+      return "mergerfs exited before mounting " + mount_point;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return "mergerfs did not mount " + mount_point + " within 10 s";
+}
+
+void Sandbox::unmount_tag_fs() {
+  umount2(kMount, MNT_DETACH);
+}
+
+Sandbox::~Sandbox() {
+  for (auto it = fuse_mounts_.rbegin(); it != fuse_mounts_.rend(); ++it) {
+    umount2(it->c_str(), MNT_DETACH);
+  }
+  for (pid_t pid : fuse_daemons_) {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
+  if (fifo_reader_ >= 0) close(fifo_reader_);
+}
+
+void Sandbox::write_limits(const std::string& text) {
+  write_file(meta_backing() + "/.info/limits.txt", text);
+}
+
+void Sandbox::remove_limits() {
+  unlink((meta_backing() + "/.info/limits.txt").c_str());
+}
+
+void Sandbox::write_ini(const std::string& text) {
+  make_dirs("/tmp/.tevu");
+  write_file("/tmp/.tevu/tevu.ini", text);
+}
+
+void Sandbox::remove_ini() { unlink("/tmp/.tevu/tevu.ini"); }
+
+int Sandbox::drain_fifo() {
+  int count = 0;
+  bool all_zero = true;
+  char buf[256];
+  for (ssize_t n; (n = read(fifo_reader_, buf, sizeof buf)) > 0;) {
+    for (ssize_t i = 0; i < n; ++i) all_zero &= buf[i] == '\0';
+    count += static_cast<int>(n);
+  }
+  return all_zero ? count : -1;
+}
+
+}  // namespace tevul_test
