@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest)
+PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest mergerfs fuse3)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 install_missing() {
@@ -43,7 +43,7 @@ case "${1:-}" in
   run)
     install_missing
     build build
-    ./build/examples/tag_paths
+    ./build/examples/bulk_tagging
     ;;
   test)
     install_missing
