@@ -106,6 +106,17 @@ std::string Sandbox::start(const std::vector<std::string>& volumes,
   if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
     return errno_text("mounting tmpfs on /tmp");
   }
+  // The library reads /etc/mtab. A full system has it as a link to the
+  // kernel's table; a minimal root file system may not, so supply the same
+  // link privately, through an overlay on /etc, leaving the host as it is.
+  if (access("/etc/mtab", F_OK) != 0) {
+    if (!make_dirs("/tmp/.etc-upper") || !make_dirs("/tmp/.etc-work") ||
+        mount("overlay", "/etc", "overlay", 0,
+              "lowerdir=/etc,upperdir=/tmp/.etc-upper,workdir=/tmp/.etc-work") != 0 ||
+        symlink("../proc/self/mounts", "/etc/mtab") != 0) {
+      return errno_text("providing /etc/mtab");
+    }
+  }
   for (const auto& v : volumes) {
     const std::string root = volume_root(v);
     if (mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") != 0) {
