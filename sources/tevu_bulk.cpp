@@ -25,6 +25,23 @@ bool too_long(std::size_t len, int32_t limit) {
   return len >= static_cast<uint32_t>(limit);
 }
 
+// The length checks of the setting calls: the name first, then a value
+// that is not NULL. Returns 0, -ENAMETOOLONG or -EFBIG.
+int check_lengths(const tevu_bulk_ctx* ctx, const char* name,
+                  const char* value) {
+  if (too_long(strlen(name), ctx->max_name_len)) return -ENAMETOOLONG;
+  if (value != nullptr && too_long(strlen(value), ctx->max_value_len)) {
+    return -EFBIG;
+  }
+  return 0;
+}
+
+// Marks the context dirty after a successful change; returns `rc`.
+int note_change(tevu_bulk_ctx* ctx, int rc) {
+  if (rc == 0) ctx->dirty = 1;
+  return rc;
+}
+
 // Whether `path` lies on a known volume: a matching volume link (its
 // database link is not needed here) or the runtime file's root.
 bool on_known_volume(const char* path) {
@@ -111,27 +128,18 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
 extern "C" int tevu_bulk_settag(tevu_bulk_ctx* ctx, const char* name,
                                 const char* value) {
   if (ctx == nullptr || !ctx->tagdb || tevul::is_empty(name)) return -1;
-  if (too_long(strlen(name), ctx->max_name_len)) return -ENAMETOOLONG;
-  if (value != nullptr && too_long(strlen(value), ctx->max_value_len)) {
-    return -EFBIG;
-  }
-  const int rc = metadb_tagdb_settag(ctx->tagdb.get(),
-                                     tevu_bulk_relative_path(ctx), name, value);
-  if (rc == 0) ctx->dirty = 1;
-  return rc;
+  if (const int rc = check_lengths(ctx, name, value)) return rc;
+  return note_change(ctx, metadb_tagdb_settag(ctx->tagdb.get(),
+                                              tevu_bulk_relative_path(ctx),
+                                              name, value));
 }
 
 extern "C" int tevu_bulk_settag_recursive(tevu_bulk_ctx* ctx, const char* name,
                                           const char* value) {
   if (ctx == nullptr || !ctx->tagdb || name == nullptr) return -1;
-  if (too_long(strlen(name), ctx->max_name_len)) return -ENAMETOOLONG;
-  if (value != nullptr && too_long(strlen(value), ctx->max_value_len)) {
-    return -EFBIG;
-  }
-  const int rc = metadb_tagdb_settag_recursive(ctx->tagdb.get(),
-                                               subtree_path(ctx), name, value);
-  if (rc == 0) ctx->dirty = 1;
-  return rc;
+  if (const int rc = check_lengths(ctx, name, value)) return rc;
+  return note_change(ctx, metadb_tagdb_settag_recursive(
+                              ctx->tagdb.get(), subtree_path(ctx), name, value));
 }
 
 extern "C" int tevu_bulk_gettag(tevu_bulk_ctx* ctx, const char* name,
@@ -146,10 +154,8 @@ extern "C" int tevu_bulk_gettag(tevu_bulk_ctx* ctx, const char* name,
 
 extern "C" int tevu_bulk_deltag(tevu_bulk_ctx* ctx, const char* name) {
   if (ctx == nullptr || !ctx->tagdb || tevul::is_empty(name)) return -1;
-  const int rc = metadb_tagdb_deltag(ctx->tagdb.get(),
-                                     tevu_bulk_relative_path(ctx), name);
-  if (rc == 0) ctx->dirty = 1;
-  return rc;
+  return note_change(ctx, metadb_tagdb_deltag(ctx->tagdb.get(),
+                                              tevu_bulk_relative_path(ctx), name));
 }
 
 extern "C" int tevu_bulk_commit(tevu_bulk_ctx* ctx) {
