@@ -2,12 +2,22 @@
 # Developer entry point. On a fresh Debian 12 machine, as root:
 #   bash dev.sh run    install what is missing, build, run the main job
 #   bash dev.sh test   install what is missing, build, run the whole test
-#                      suite, then again under AddressSanitizer and
-#                      UndefinedBehaviorSanitizer
+#                      suite, again under AddressSanitizer and
+#                      UndefinedBehaviorSanitizer, and again cross-built for
+#                      32-bit little-endian MIPS under qemu-mipsel; then
+#                      compile every library source for big-endian MIPS
+#   bash dev.sh size   the stripped size and the needed libraries of the
+#                      mipsel libtevul.so
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest mergerfs fuse3)
+PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest mergerfs fuse3
+          g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static)
+# The target's SQLite and GoogleTest, unpacked into a sysroot: installing
+# them through multiarch fails on Debian 12 (versions skew between the
+# architectures), so the packages are only downloaded.
+MIPSEL_DEBS=(libsqlite3-0 libsqlite3-dev libgtest-dev)
+MIPSEL_SYSROOT=$PWD/build-mipsel-sysroot
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 install_missing() {
@@ -34,6 +44,45 @@ build() {
   cmake --build "$dir" -j "$JOBS"
 }
 
+mipsel_sysroot() {
+  [ -f "$MIPSEL_SYSROOT/.complete" ] && return
+  if ! dpkg --print-foreign-architectures | grep -qx mipsel; then
+    dpkg --add-architecture mipsel
+    apt-get update -qq
+  fi
+  rm -rf "$MIPSEL_SYSROOT"
+  mkdir -p "$MIPSEL_SYSROOT/debs"
+  local names=("${MIPSEL_DEBS[@]/%/:mipsel}")
+  (cd "$MIPSEL_SYSROOT/debs" && { apt-get download -qq "${names[@]}" 2>/dev/null ||
+     { apt-get update -qq && apt-get download -qq "${names[@]}"; }; })
+  for deb in "$MIPSEL_SYSROOT"/debs/*.deb; do
+    dpkg-deb -x "$deb" "$MIPSEL_SYSROOT"
+  done
+  touch "$MIPSEL_SYSROOT/.complete"
+}
+
+# cross_build DIR TRIPLE [cmake options...]
+cross_build() {
+  local dir=$1 triple=$2; shift 2
+  build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/linux-cross.cmake \
+    -DTEVUL_TARGET_TRIPLE="$triple" -DTEVUL_SYSROOT="$MIPSEL_SYSROOT" "$@"
+}
+
+# Every library source must compile for big-endian MIPS too; Debian has no
+# big-endian SQLite to link against, so this stops at object files.
+mips_big_endian_check() {
+  local out=build-mips-be
+  mkdir -p "$out"
+  for src in sources/*.cpp; do
+    mips-linux-gnu-g++ -std=c++14 -O2 -Wall -Wextra -Werror -fPIC \
+      -fvisibility=hidden -fvisibility-inlines-hidden \
+      -D_FILE_OFFSET_BITS=64 -D_GNU_SOURCE -Iinclude -Isources \
+      -isystem "$MIPSEL_SYSROOT/usr/include" \
+      -c "$src" -o "$out/$(basename "$src" .cpp).o"
+  done
+  echo "big-endian MIPS: $(ls "$out"/*.o | wc -l) objects compiled"
+}
+
 run_suite() {
   local dir=$1
   (cd "$dir" && ctest --output-on-failure -j "$JOBS")
@@ -55,9 +104,24 @@ case "${1:-}" in
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       run_suite build-sanitize
+    echo "== cross-build for mipsel and test under qemu-mipsel"
+    mipsel_sysroot
+    cross_build build-mipsel mipsel-linux-gnu
+    run_suite build-mipsel
+    echo "== compile check for big-endian MIPS"
+    mips_big_endian_check
+    ;;
+  size)
+    install_missing
+    mipsel_sysroot
+    cross_build build-mipsel-size mipsel-linux-gnu -DCMAKE_BUILD_TYPE=MinSizeRel \
+      -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
+    mipsel-linux-gnu-strip -o build-mipsel-size/libtevul.stripped.so build-mipsel-size/libtevul.so
+    echo "stripped: $(stat -c %s build-mipsel-size/libtevul.stripped.so) bytes"
+    mipsel-linux-gnu-readelf -d build-mipsel-size/libtevul.stripped.so | grep NEEDED
     ;;
   *)
-    echo "usage: bash dev.sh run|test" >&2
+    echo "usage: bash dev.sh run|test|size" >&2
     exit 2
     ;;
 esac

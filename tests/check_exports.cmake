@@ -1,5 +1,7 @@
 # Compares the dynamic symbols a library defines with an expected list.
-find_program(NM NAMES ${NM_PROGRAM} nm REQUIRED)
+if(NOT NM)
+  find_program(NM NAMES nm REQUIRED)
+endif()
 execute_process(COMMAND ${NM} -D --defined-only ${LIB}
   OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)

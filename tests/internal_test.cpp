@@ -90,6 +90,14 @@ TEST_F(QueryRunner, BusyIsRetriedTenTimesThenReported) {
 }
 
 TEST(ErrnoTable, MapsByUnsignedIndex) {
+#if defined(__mips__)
+  // The numbers of the 32-bit MIPS target.
+  EXPECT_EQ(metadb_errno(SQLITE_LOCKED), 45);
+  EXPECT_EQ(metadb_errno(SQLITE_TOOBIG), 27);
+  EXPECT_EQ(metadb_errno(SQLITE_FULL), 28);
+  EXPECT_EQ(metadb_errno(SQLITE_CONSTRAINT), 29);
+#endif
+  EXPECT_EQ(metadb_errno(SQLITE_LOCKED), EDEADLK);
   EXPECT_EQ(metadb_errno(SQLITE_OK), 0);
   EXPECT_EQ(metadb_errno(SQLITE_CONSTRAINT), ESPIPE);
   EXPECT_EQ(metadb_errno(SQLITE_MISMATCH), ENODEV);
