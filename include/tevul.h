@@ -146,6 +146,106 @@ TEVUL_API int metadb_tagdb_sync(metadb_tagdb *tagdb, const char *path);
 TEVUL_API int metadb_tagdb_sync_all(metadb_tagdb *tagdb);
 
 /* ------------------------------------------------------------------------ */
+/* Path maintenance: tags follow deleted, moved and vanished files           */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * The filter of a cleanup: receives the absolute path of one tagged file and
+ * an int that is always 0; returns non-zero when the file is gone and its
+ * row is to be deleted, 0 to keep it. Called once per row, on the caller's
+ * thread.
+ */
+typedef int (*metadb_cleanup_filter)(const char *path, int unused);
+
+/*
+ * In the functions below a path names itself and everything below it: the
+ * rows selected are Path='p' OR Path GLOB 'p/' followed by '*'. A sibling that only shares
+ * a prefix ("a/bc" for "a/b") is never selected; the characters "*", "?" and
+ * "[" in a path act as patterns below it, as they always have.
+ */
+
+/*
+ * Deletes the rows of `path` and below (the empty path: every row of the
+ * volume), inside the caller's transaction. Returns 0, or 1 for a NULL
+ * handle or path or a failed statement.
+ */
+TEVUL_API int metadb_tagdb_delete_path(metadb_tagdb *tagdb, const char *path);
+
+/*
+ * Gives the rows of `old_path` and below the prefix `new_path` instead
+ * ("a/b" -> "x/y" turns "a/b/c" into "x/y/c"), keeping their tags and Data,
+ * all or none. Returns 0, or 1 for a NULL handle, a NULL or empty path, or a
+ * failed statement (for instance a target path that already has a row).
+ */
+TEVUL_API int metadb_tagdb_rename_path(metadb_tagdb *tagdb,
+                                       const char *old_path,
+                                       const char *new_path);
+
+/*
+ * Copies the rows of `old_path` and below from `src` into `dst` under
+ * `new_path`, with every tag that is set (their Data is left to be encoded
+ * again), then deletes them from `src` inside src's transaction. The
+ * deletion is committed only if `src` has written otherwise: this operation
+ * does not mark `src` as written. Returns 0, or EIO for a NULL handle, a
+ * NULL or empty path, an unusable selection, or a destination row that could
+ * not be created (the move then stops: rows copied so far stay in `dst`,
+ * nothing is deleted from `src`).
+ */
+TEVUL_API int metadb_tagdb_move_path(metadb_tagdb *src, const char *old_path,
+                                     metadb_tagdb *dst, const char *new_path);
+
+/*
+ * Deletes the rows of files that `filter` reports gone, in one statement
+ * after scanning every row of the database file `db_file`; `root` (without a
+ * trailing "/") is put before each stored path for the filter. Opens a
+ * connection of its own, outside any transaction. `*cancel` is read before
+ * each row and ends the scan when non-zero; the rows collected until then are
+ * still deleted. A NULL `cancel` never cancels; a NULL filter keeps every
+ * row. Returns 0 after a complete scan; 1 when *cancel is already non-zero
+ * on entry (nothing is opened); EIO when the database cannot be used (a
+ * missing file is left behind empty); after a cancelled scan the flag's
+ * value mapped like an SQLite result (1 gives EIO).
+ */
+TEVUL_API int metadb_tagdb_cleanup(const char *db_file, const char *root,
+                                   int *cancel, metadb_cleanup_filter filter);
+
+/*
+ * Removes the rows of `path` (absolute, used as given, not made canonical)
+ * and of everything below it from its volume's database, commits and wakes
+ * the daemon. A volume root ("/usb1" or "/usb1/") removes every row of the
+ * volume. Returns 0, or -1 on any failure.
+ */
+TEVUL_API int tevu_delete(const char *path);
+
+/*
+ * Makes the rows of `src` and below follow a move to `dst` (both absolute,
+ * used as given). Within one volume the rows are renamed. To another volume
+ * they are copied into that volume's database, and the source rows stay
+ * where they were (the tags then stand in both). To a place on no tagged
+ * volume the source rows are deleted. Returns -1 for a NULL or empty path,
+ * no tag file system, or no database for `src`; otherwise the result of the
+ * rename (0 or 1), the copy (0 or EIO) or the delete (0 or 1).
+ */
+TEVUL_API int tevu_move(const char *src, const char *dst);
+
+/*
+ * Runs metadb_tagdb_cleanup() on the database file `db_path`, whose stored
+ * paths belong below the directory `dir`. Returns -1 when db_path or dir is
+ * NULL or empty, otherwise metadb_tagdb_cleanup()'s result.
+ */
+TEVUL_API int tevu_cleanup(const char *db_path, const char *dir, int *cancel,
+                           metadb_cleanup_filter filter);
+
+/*
+ * Runs tevu_cleanup() on the database of the volume holding `path`, with
+ * the canonical form of `path` as the directory. Returns -1 when path does
+ * not exist, the tag file system is not mounted or the path lies on no
+ * tagged volume; otherwise tevu_cleanup()'s result.
+ */
+TEVUL_API int tevu_cleanup_attached(const char *path, int *cancel,
+                                    metadb_cleanup_filter filter);
+
+/* ------------------------------------------------------------------------ */
 /* Mount and limits                                                          */
 /* ------------------------------------------------------------------------ */
 

@@ -1,0 +1,139 @@
+// Delete, move and cleanup through the public functions, in the real
+// setting: volumes, databases, FUSE mount and FIFO.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <string>
+#include <vector>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+using Rows = std::vector<std::vector<std::string>>;
+
+namespace {
+
+class Maintenance : public tevul_test::SandboxTest {
+ protected:
+  // Creates and tags files (t = volume-relative path) through the bulk API.
+  void tag_files(const std::vector<std::string>& files) {
+    tevu_bulk_ctx* bulk = tevu_bulk_init();
+    ASSERT_NE(bulk, nullptr);
+    for (const auto& f : files) {
+      tevul_test::make_dirs(f.substr(0, f.rfind('/')));
+      tevul_test::write_file(f, "x");
+      ASSERT_EQ(tevu_bulk_setpath(bulk, f.c_str()), 0) << f;
+      ASSERT_EQ(tevu_bulk_settag(bulk, "t", f.substr(5).c_str()), 0);
+    }
+    tevu_bulk_fini(bulk);
+    sandbox_.drain_fifo();
+  }
+  static Rows rows(const std::string& volume) {
+    RawDb db(Sandbox::db_path(volume));
+    return db.rows("SELECT Path, \".t\", Data FROM Meta ORDER BY Path");
+  }
+};
+
+TEST_F(Maintenance, DeleteRemovesTheTreeAndWakesTheDaemon) {
+  tag_files({"/mnt/a/1", "/mnt/a/2", "/mnt/ab", "/srv/a/1"});
+  EXPECT_EQ(tevu_delete("/mnt/a"), 0);
+  EXPECT_EQ(sandbox_.drain_fifo(), 1);
+  EXPECT_EQ(rows("mnt"), (Rows{{"ab", "ab", "t=ab"}}));
+  EXPECT_EQ(rows("srv").size(), 1u);
+
+  EXPECT_EQ(tevu_delete("/tmp/elsewhere"), -1);
+  EXPECT_EQ(tevu_delete(""), -1);
+  EXPECT_EQ(sandbox_.drain_fifo(), 0);
+}
+
+TEST_F(Maintenance, DeleteOfAVolumeRootEmptiesTheVolume) {
+  tag_files({"/mnt/a", "/mnt/b/c", "/srv/s"});
+  EXPECT_EQ(tevu_delete("/mnt"), 0);
+  EXPECT_TRUE(rows("mnt").empty());
+  tag_files({"/srv/t"});
+  EXPECT_EQ(tevu_delete("/srv/"), 0);
+  EXPECT_TRUE(rows("srv").empty());
+}
+
+TEST_F(Maintenance, MoveWithinAVolumeRenames) {
+  tag_files({"/mnt/old/1", "/mnt/old/sub/2", "/mnt/older"});
+  EXPECT_EQ(tevu_move("/mnt/old", "/mnt/new/place"), 0);
+  EXPECT_EQ(sandbox_.drain_fifo(), 1);
+  EXPECT_EQ(rows("mnt"), (Rows{{"new/place/1", "old/1", "t=old\\1"},
+                               {"new/place/sub/2", "old/sub/2", "t=old\\sub\\2"},
+                               {"older", "older", "t=older"}}));
+}
+
+// Across volumes the rows are copied and, deliberately, stay at the source.
+TEST_F(Maintenance, MoveAcrossVolumesCopiesAndKeepsTheSource) {
+  tag_files({"/mnt/album/1", "/mnt/album/2"});
+  const Rows source = rows("mnt");
+  EXPECT_EQ(tevu_move("/mnt/album", "/srv/music/album"), 0);
+  EXPECT_EQ(sandbox_.drain_fifo(), 1);
+  EXPECT_EQ(rows("mnt"), source);
+  EXPECT_EQ(rows("srv"), (Rows{{"music/album/1", "album/1", "NULL"},
+                               {"music/album/2", "album/2", "NULL"}}));
+}
+
+TEST_F(Maintenance, MoveOffTheTaggedVolumesDropsTheRows) {
+  tag_files({"/mnt/gone/1", "/mnt/kept"});
+  EXPECT_EQ(tevu_move("/mnt/gone", "/tmp/outside/gone"), 0);
+  EXPECT_EQ(sandbox_.drain_fifo(), 1);
+  EXPECT_EQ(rows("mnt"), (Rows{{"kept", "kept", "t=kept"}}));
+  EXPECT_EQ(tevu_move("/tmp/x", "/mnt/y"), -1) << "no database for the source";
+  EXPECT_EQ(tevu_move(nullptr, "/mnt/y"), -1);
+}
+
+// A volume root without its slash fails the same-volume test and opens the
+// same database a second time, on the same thread: that must fail, not hang.
+TEST_F(Maintenance, MoveOntoAVolumeRootWithoutSlashDoesNotHang) {
+  tag_files({"/mnt/a/1"});
+  const Rows before = rows("mnt");
+  auto result = std::async(std::launch::async, [] { return tevu_move("/mnt/a", "/mnt"); });
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_NE(result.get(), 0);
+  EXPECT_EQ(rows("mnt"), before);
+}
+
+int g_calls = 0;
+int* g_cancel = nullptr;
+int missing_file(const char* path, int) {
+  ++g_calls;
+  if (g_cancel != nullptr && g_calls == 3) *g_cancel = 1;
+  return access(path, F_OK) != 0;
+}
+
+TEST_F(Maintenance, CleanupDropsTheRowsOfVanishedFiles) {
+  tag_files({"/mnt/a", "/mnt/d/b", "/mnt/d/c", "/mnt/e"});
+  ASSERT_EQ(unlink("/mnt/d/b"), 0);
+  ASSERT_EQ(unlink("/mnt/e"), 0);
+  int cancel = 0;
+  EXPECT_EQ(tevu_cleanup_attached("/mnt", &cancel, missing_file), 0);
+  EXPECT_EQ(g_calls, 4);
+  EXPECT_EQ(rows("mnt"), (Rows{{"a", "a", "t=a"}, {"d/c", "d/c", "t=d\\c"}}));
+  EXPECT_EQ(sandbox_.drain_fifo(), 0) << "a cleanup does not wake the daemon";
+
+  EXPECT_EQ(tevu_cleanup_attached("/mnt/missing", &cancel, missing_file), -1);
+  EXPECT_EQ(tevu_cleanup_attached("/tmp", &cancel, missing_file), -1);
+  EXPECT_EQ(tevu_cleanup("", "/mnt", &cancel, missing_file), -1);
+  EXPECT_EQ(tevu_cleanup(Sandbox::db_path("mnt").c_str(), "", &cancel, missing_file), -1);
+}
+
+TEST_F(Maintenance, CleanupCancelledByItsFilterMidScan) {
+  tag_files({"/mnt/1", "/mnt/2", "/mnt/3", "/mnt/4", "/mnt/5"});
+  for (const char* f : {"/mnt/1", "/mnt/2", "/mnt/3", "/mnt/4", "/mnt/5"}) unlink(f);
+  int cancel = 0;
+  g_cancel = &cancel;
+  EXPECT_EQ(tevu_cleanup(Sandbox::db_path("mnt").c_str(), "/mnt", &cancel, missing_file),
+            EIO);
+  EXPECT_EQ(g_calls, 3);
+  EXPECT_EQ(rows("mnt"), (Rows{{"4", "4", "t=4"}, {"5", "5", "t=5"}}))
+      << "the three rows collected before the cancel are deleted";
+}
+
+}  // namespace
