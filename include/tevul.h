@@ -20,6 +20,7 @@
 #define TEVUL_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -244,6 +245,179 @@ TEVUL_API int tevu_cleanup(const char *db_path, const char *dir, int *cancel,
  */
 TEVUL_API int tevu_cleanup_attached(const char *path, int *cancel,
                                     metadb_cleanup_filter filter);
+
+/* ------------------------------------------------------------------------ */
+/* Lookup by tag value                                                       */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Finds the first row, in the volume databases linked under <mount>/meta (in
+ * directory order), whose tag `tag` equals `value` (ignoring the case of
+ * ASCII letters), and writes that row's tags into `dest` of `size` bytes as
+ * text lines "name=value", each ended by a line feed (an escaped "\|" in the
+ * stored list comes back as "|"; a row without tags gives one line feed).
+ * Rows whose cached Data is not yet encoded are never found. Only reads.
+ * Returns 0 (found), ENOSPC (found, but cut to size-1 bytes and terminated),
+ * or ENOENT (nothing found, no meta directory, or a NULL argument or size 0).
+ */
+TEVUL_API int metadb_tagsfile_get_for_tagvalue(const char *mount,
+                                               const char *tag,
+                                               const char *value, char *dest,
+                                               size_t size);
+
+/*
+ * metadb_tagsfile_get_for_tagvalue() on the mounted tag file system
+ * (ENOENT when none is mounted).
+ */
+TEVUL_API int tevu_metadata_for_tagvalue(const char *tag, const char *value,
+                                         char *dest, size_t size);
+
+/* ------------------------------------------------------------------------ */
+/* Single tags through the mount                                             */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Each tag of a file is the file <mount>/meta/<canonical path without its
+ * leading "/">/<tag>, holding the value byte for byte; the daemon does the
+ * database work. `path` may be relative or hold symbolic links, but must
+ * exist. Results: 0 for success, ENOENT when no tag file system is mounted
+ * or an argument is NULL or empty, otherwise the errno of the failing call
+ * (ENOENT for a missing file or tag). Never negative.
+ */
+
+/* Writes `value` (NULL: empty) as the whole content of the tag file. The
+ * outcome of the write itself is not reported. */
+TEVUL_API int tevu_settag(const char *path, const char *tag, const char *value);
+
+/* Reads the value into `buf` as a string of at most size-1 bytes (a longer
+ * value is cut). With size 0 nothing is read and 0 is returned. */
+TEVUL_API int tevu_gettag(const char *path, const char *tag, char *buf,
+                          size_t size);
+
+/* Removes one tag. */
+TEVUL_API int tevu_deltag(const char *path, const char *tag);
+
+/* Removes every tag of the file whose name matches the glob `pattern` (the
+ * whole tag file path is the pattern). With no match, the result is errno as
+ * it stands. Stops at the first tag that cannot be removed. */
+TEVUL_API int tevu_deltag_glob(const char *path, const char *pattern);
+
+/* ------------------------------------------------------------------------ */
+/* Views                                                                     */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * A view V is configured by files under <mount>/view/.config/V/: cond.ini
+ * (condition), group.ini (grouping) and events.ini ("1" or "0"), written
+ * whole, without a line end; the daemon shows its files under <mount>/view/V.
+ * Results: 0, -1 for a NULL or empty argument, ENOENT when no tag file
+ * system is mounted, otherwise an errno value or the fsutil_ result.
+ */
+
+/* Creates the view's configuration directory (0 also when it exists). */
+TEVUL_API int tevu_view_create(const char *name);
+
+/* Formats <mount>/view/<name> into `buf` of `size` bytes and returns buf;
+ * NULL when an argument is missing, nothing is mounted or the view does not
+ * exist. */
+TEVUL_API char *tevu_view_get_path(const char *name, char *buf, size_t size);
+
+/* Removes the view's configuration directory with everything in it. */
+TEVUL_API int tevu_view_delete(const char *name);
+
+/* Writes the condition (creating the view first). */
+TEVUL_API int tevu_view_set_cond(const char *name, const char *cond);
+
+/* Writes the grouping (creating the view first). */
+TEVUL_API int tevu_view_set_group(const char *name, const char *group);
+
+/* Switches the view's events on or off; the view must exist (ENOENT). */
+TEVUL_API int tevu_view_enable_events(const char *name);
+TEVUL_API int tevu_view_disable_events(const char *name);
+
+/* ------------------------------------------------------------------------ */
+/* File-system utilities                                                     */
+/* ------------------------------------------------------------------------ */
+
+/* The platform's stat record with 64-bit offsets (from <sys/stat.h> with
+ * large-file support). */
+struct stat64;
+
+/* Sets the process-wide default time used by the stat templates. */
+TEVUL_API void fsutil_setdeftime(int32_t t);
+
+/* 1 when `path` is a regular file (links followed), else 0. */
+TEVUL_API int fsutil_isfile(const char *path);
+
+/* 1 when `path` is a directory (links followed), else 0. */
+TEVUL_API int fsutil_isdir(const char *path);
+
+/* 1 when statfs() succeeds on `path` (any existing path), else 0. */
+TEVUL_API int fsutil_isactivedir(const char *path);
+
+/*
+ * Stat templates: fill `st` for a synthetic regular file (0100664, or
+ * 0100444 read-only, 1 link), directory (040775 / 040555, link count left
+ * alone) or symbolic link (0120775 / 0120555, 1 link). Writable: owner and
+ * group of the process; read-only: 0 and 0. Access, modification and change
+ * seconds: the default time. `clear` non-zero zeroes the record first.
+ */
+TEVUL_API void fsutil_stat_setreg(struct stat64 *st, int clear, int writable);
+TEVUL_API void fsutil_stat_setdir(struct stat64 *st, int clear, int writable);
+TEVUL_API void fsutil_stat_setsymlink(struct stat64 *st, int clear,
+                                      int writable);
+
+/*
+ * Makes directory `path` (with `recursive`, its missing parents too) and
+ * raises its permission bits to `mode` when they are numerically lower.
+ * Returns 0; -1 with errno set when mkdir, stat or chmod fails; ENAMETOOLONG
+ * (positive) when recursive and path is 4097 bytes or longer.
+ */
+TEVUL_API int fsutil_mkdir(const char *path, unsigned int mode, int recursive);
+
+/*
+ * fsutil_mkdir() on the part of `path` before its last "/". Returns 1 when
+ * path holds no "/", ENAMETOOLONG when it is 4097 bytes or longer.
+ */
+TEVUL_API int fsutil_mkdir_forfile(const char *path, unsigned int mode,
+                                   int recursive);
+
+/*
+ * Removes directory `path`; with `recursive`, everything in it first
+ * (symbolic links are removed, never followed). Returns 0; -1 with errno set
+ * when rmdir or unlink fails; ENOENT when recursive and the directory cannot
+ * be opened. Work done before a failure stays done.
+ */
+TEVUL_API int fsutil_rmdir(const char *path, int recursive);
+
+/* The last component of `s`: a pointer just past its last "/", "." for NULL
+ * or empty, NULL when s holds no "/". */
+TEVUL_API const char *fsutil_basename(const char *s);
+
+/* The number of bytes before the first "/" or the end of `s`. */
+TEVUL_API size_t fsutil_dentrylen(const char *s);
+
+/* 1 when `path` after its first byte equals `name` (exact) or begins with
+ * it (not exact), else 0. No component boundary is required. */
+TEVUL_API int fsutil_prefix_match(const char *path, const char *name,
+                                  int exact);
+
+/* 1 when the first n bytes of `name` and of `path` after its first byte are
+ * equal, else 0. */
+TEVUL_API int fsutil_prefix_match_len(const char *path, const char *name,
+                                      size_t n);
+
+/* 1 when `s` ends with `suffix`; 0 also when either is NULL. */
+TEVUL_API int fsutil_suffix_match(const char *s, const char *suffix);
+
+/* 1 when `needle` occurs in `haystack`. */
+TEVUL_API int fsutil_infix_match(const char *haystack, const char *needle);
+
+/* Replaces every occurrence of `from` in `str`, in place, by `to`. Returns 1,
+ * or 0 (str untouched) when `to` is longer than `from`. `from` must not be
+ * empty. */
+TEVUL_API int fsutil_string_replace(char *str, const char *from,
+                                    const char *to);
 
 /* ------------------------------------------------------------------------ */
 /* Mount and limits                                                          */

@@ -1,0 +1,140 @@
+// File tests and directories. See fsutil.h.
+#include "fsutil.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include "common.h"
+
+namespace {
+
+constexpr std::size_t kPathSize = 4097;
+
+// The default time of the stat templates; meant to be set once at start-up.
+int32_t g_default_time = 0;
+
+// Refuses a NULL path the way a system call would.
+bool null_path(const char* path) {
+  if (path != nullptr) return false;
+  errno = EINVAL;
+  return true;
+}
+
+// Copies `path` into `buf` of kPathSize bytes; false when it does not fit.
+bool copy_path(char* buf, const char* path) {
+  const std::size_t len = strlen(path);
+  if (len >= kPathSize) return false;
+  memcpy(buf, path, len + 1);
+  return true;
+}
+
+void fill_template(struct stat64* st, int clear, int writable,
+                   mode_t writable_mode, mode_t read_only_mode, bool one_link) {
+  if (clear) memset(st, 0, sizeof *st);
+  st->st_mode = writable ? writable_mode : read_only_mode;
+  if (one_link) st->st_nlink = 1;
+  st->st_uid = writable ? getuid() : 0;
+  st->st_gid = writable ? getgid() : 0;
+  st->st_atime = g_default_time;
+  st->st_mtime = g_default_time;
+  st->st_ctime = g_default_time;
+}
+
+bool has_type(const char* path, mode_t type) {
+  struct stat64 st;
+  return !tevul::is_empty(path) && stat64(path, &st) == 0 &&
+         (st.st_mode & S_IFMT) == type;
+}
+
+}  // namespace
+
+extern "C" void fsutil_setdeftime(int32_t t) { g_default_time = t; }
+
+extern "C" int fsutil_isfile(const char* path) {
+  return has_type(path, S_IFREG) ? 1 : 0;
+}
+
+extern "C" int fsutil_isdir(const char* path) {
+  return has_type(path, S_IFDIR) ? 1 : 0;
+}
+
+extern "C" int fsutil_isactivedir(const char* path) {
+  struct statfs64 info;
+  return statfs64(path, &info) == 0 ? 1 : 0;
+}
+
+extern "C" void fsutil_stat_setreg(struct stat64* st, int clear, int writable) {
+  fill_template(st, clear, writable, 0100664, 0100444, true);
+}
+
+extern "C" void fsutil_stat_setdir(struct stat64* st, int clear, int writable) {
+  // A directory's link count is the caller's to keep.
+  fill_template(st, clear, writable, 040775, 040555, false);
+}
+
+extern "C" void fsutil_stat_setsymlink(struct stat64* st, int clear,
+                                       int writable) {
+  fill_template(st, clear, writable, 0120775, 0120555, true);
+}
+
+extern "C" int fsutil_mkdir(const char* path, unsigned int mode, int recursive) {
+  if (null_path(path)) return -1;
+  if (!fsutil_isdir(path)) {
+    if (recursive) {
+      char copy[kPathSize];
+      if (!copy_path(copy, path)) return ENAMETOOLONG;
+      // From the second byte on, so that a leading "/" yields no empty
+      // component; after each "/" the search goes on from the second byte
+      // after it, so a doubled "/" yields none either.
+      char* from = copy[0] != '\0' ? copy + 1 : copy;
+      for (char* slash; (slash = strchr(from, '/')) != nullptr;) {
+        *slash = '\0';
+        if (!fsutil_isdir(copy) && mkdir(copy, mode) != 0) return -1;
+        *slash = '/';
+        if (slash[1] == '\0') break;
+        from = slash + 2;
+      }
+    }
+    if (mkdir(path, mode) != 0) return -1;
+  }
+  struct stat64 st;
+  if (stat64(path, &st) != 0) return -1;
+  // A plain numeric comparison, not a test of bits: 0755 asked for 0700
+  // stays 0755, 0700 asked for 0750 becomes 0750.
+  if ((st.st_mode & ~static_cast<mode_t>(S_IFMT)) < mode) return chmod(path, mode);
+  return 0;
+}
+
+extern "C" int fsutil_mkdir_forfile(const char* path, unsigned int mode,
+                                    int recursive) {
+  if (null_path(path)) return -1;
+  char copy[kPathSize];
+  if (!copy_path(copy, path)) return ENAMETOOLONG;
+  char* last = strrchr(copy, '/');
+  if (last == nullptr) return 1;
+  *last = '\0';
+  return fsutil_mkdir(copy, mode, recursive);
+}
+
+extern "C" int fsutil_rmdir(const char* path, int recursive) {
+  if (null_path(path)) return -1;
+  if (!recursive) return rmdir(path);
+  tevul::dir_ptr dir(opendir(path));
+  if (!dir) return ENOENT;  // whatever the cause, as callers expect
+  // readdir() on a stream of its own is safe beside other threads' walks.
+  while (const dirent* entry = readdir(dir.get())) {
+    const char* name = entry->d_name;
+    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
+    char child[kPathSize];
+    tevul::format_cut(child, sizeof child, "%s/%s", path, name);
+    // Links are removed, not followed; an entry of unknown type is unlinked.
+    const int rc = entry->d_type == DT_DIR ? fsutil_rmdir(child, 1) : unlink(child);
+    if (rc != 0) return rc;
+  }
+  dir.reset();
+  return rmdir(path);
+}

@@ -1,0 +1,103 @@
+// Lookup by tag value. See metadb_tagsfile.h.
+#include "metadb_tagsfile.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <string.h>
+
+#include <cstdio>
+#include <new>
+
+#include "common.h"
+#include "metadb_bulk.h"
+#include "metadb_tagdb.h"
+
+namespace {
+
+constexpr std::size_t kPathSize = 4097;
+constexpr std::size_t kLookupSqlSize = 306;
+// "Data>=''" leaves out rows whose Data is not encoded yet (NULL); the tag
+// column's own index serves "=?", with the column's NOCASE collation.
+constexpr char kLookupSql[] =
+    "SELECT Data FROM Meta WHERE Meta.\".%s\"=? AND Data>=''";
+constexpr char kMarker[] = "#ESCAPED#";
+
+void replace_all(std::string& s, const char* from, const char* to) {
+  const std::size_t from_len = strlen(from);
+  const std::size_t to_len = strlen(to);
+  for (std::size_t pos = 0; (pos = s.find(from, pos)) != std::string::npos;
+       pos += to_len) {
+    s.replace(pos, from_len, to);
+  }
+}
+
+// Looks `value` up in one volume database. Returns 0 or ENOSPC when a row
+// was found (and copied into dest), ENOENT otherwise.
+int lookup_in(metadb_tagdb* tagdb, const char* tag, const char* value,
+              char* dest, std::size_t size) {
+  // Formatted with plain snprintf into the format's fixed buffer; a text it
+  // would cut, or a tag that could name other columns, is never prepared.
+  char sql[kLookupSqlSize + 1];
+  const int len = std::snprintf(sql, sizeof sql, kLookupSql, tag);
+  if (len < 0 || static_cast<std::size_t>(len) >= kLookupSqlSize ||
+      !metadb_tag_sql_safe(tag)) {
+    return ENOENT;
+  }
+  metadb_stmt_ptr stmt;
+  if (metadb_prepare(tagdb->db.get(), sql, -1, stmt) != SQLITE_OK) return ENOENT;
+  if (sqlite3_bind_text(stmt.get(), 1, value, -1, SQLITE_STATIC) != SQLITE_OK ||
+      metadb_step(stmt.get()) != SQLITE_ROW) {
+    return ENOENT;
+  }
+  const char* data = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
+  try {
+    const std::string lines = metadb_tagsfile_lines(data != nullptr ? data : "");
+    tevul::format_cut(dest, size, "%s", lines.c_str());
+    return lines.size() < size ? 0 : ENOSPC;
+  } catch (const std::bad_alloc&) {
+    return ENOENT;
+  }
+}
+
+}  // namespace
+
+std::string metadb_tagsfile_lines(const std::string& data) {
+  std::string s = data;
+  replace_all(s, "\\|", kMarker);
+  replace_all(s, "|", "\n");
+  replace_all(s, kMarker, "|");
+  s += '\n';
+  return s;
+}
+
+extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
+                                                const char* tag,
+                                                const char* value, char* dest,
+                                                size_t size) {
+  if (mount == nullptr) return ENOENT;
+  char meta[kPathSize];
+  tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
+  tevul::dir_ptr dir(opendir(meta));
+  if (!dir) return ENOENT;
+
+  int result = ENOENT;
+  while (const dirent* entry = readdir(dir.get())) {
+    // Volumes are links; "<name>@@db" links are visited too and name no
+    // database ("<name>@@db@@db").
+    if (entry->d_type != DT_LNK) continue;
+    char db_file[kPathSize];
+    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta, entry->d_name);
+    metadb_tagdb* opened = metadb_tagdb_open(db_file);
+    if (opened == nullptr) continue;
+    std::unique_ptr<metadb_tagdb, void (*)(metadb_tagdb*)> tagdb(opened, metadb_tagdb_close);
+    // The arguments are tested only here, so a call without them still
+    // opens and closes every database once; kept as callers have seen it.
+    if (tag == nullptr || value == nullptr || dest == nullptr || size == 0) {
+      result = ENOENT;
+      continue;
+    }
+    result = lookup_in(tagdb.get(), tag, value, dest, size);
+    if (result == 0 || result == ENOSPC) break;
+  }
+  return result;
+}

@@ -1,0 +1,99 @@
+// Views. See tevu_view.h.
+#include "tevu_view.h"
+
+#include <errno.h>
+
+#include <cstdio>
+
+#include "common.h"
+#include "tevu_volume.h"
+
+namespace {
+
+constexpr char kConfigDir[] = "%s/view/.config/%s";
+constexpr char kContentsDir[] = "%s/view/%s";
+
+// Bad arguments are -1 here, unlike the tag-file functions' 2: views have
+// always reported them so.
+constexpr int kBadArgument = -1;
+
+// Formats the view's configuration directory, or the file `file` in it,
+// into `out` of tevu_path_size bytes. Returns 0, or ENOENT without a mount.
+int config_path(const char* name, const char* file, char* out) {
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return ENOENT;
+  if (file == nullptr) {
+    tevul::format_cut(out, tevu_path_size, kConfigDir, mount, name);
+  } else {
+    tevul::format_cut(out, tevu_path_size, "%s/view/.config/%s/%s", mount,
+                      name, file);
+  }
+  return 0;
+}
+
+// Replaces `file` of the view with `text`. Returns 0 or the errno of the
+// failing open or write.
+int write_config(const char* name, const char* file, const char* text) {
+  char path[tevu_path_size];
+  if (const int rc = config_path(name, file, path)) return rc;
+  tevul::file_ptr out(std::fopen(path, "w"));
+  if (!out) return errno;
+  return std::fprintf(out.get(), "%s", text) < 0 ? errno : 0;
+}
+
+int set_string(const char* name, const char* file, const char* text) {
+  if (tevul::is_empty(name) || tevul::is_empty(text)) return kBadArgument;
+  if (tevu_find_mount() == nullptr) return ENOENT;
+  if (const int rc = tevu_view_create(name)) return rc;
+  return write_config(name, file, text);
+}
+
+int set_events(const char* name, const char* on_off) {
+  if (tevul::is_empty(name)) return kBadArgument;
+  // Does not create the view: ENOENT when it was never created.
+  return write_config(name, "events.ini", on_off);
+}
+
+}  // namespace
+
+extern "C" int tevu_view_create(const char* name) {
+  if (tevul::is_empty(name)) return kBadArgument;
+  char path[tevu_path_size];
+  if (const int rc = config_path(name, nullptr, path)) return rc;
+  // Mode 0 is deliberate: it never exceeds the existing bits, so no
+  // permission change follows.
+  return fsutil_mkdir(path, 0, 1);
+}
+
+extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
+  if (tevul::is_empty(name) || buf == nullptr) return nullptr;
+  char config[tevu_path_size];
+  if (config_path(name, nullptr, config) != 0 || !fsutil_isdir(config)) {
+    return nullptr;
+  }
+  tevul::format_cut(buf, size, kContentsDir, tevu_find_mount(), name);
+  return buf;
+}
+
+extern "C" int tevu_view_delete(const char* name) {
+  if (tevul::is_empty(name)) return kBadArgument;
+  char path[tevu_path_size];
+  if (const int rc = config_path(name, nullptr, path)) return rc;
+  return fsutil_rmdir(path, 1);
+}
+
+extern "C" int tevu_view_set_cond(const char* name, const char* cond) {
+  return set_string(name, "cond.ini", cond);
+}
+
+extern "C" int tevu_view_set_group(const char* name, const char* group) {
+  return set_string(name, "group.ini", group);
+}
+
+extern "C" int tevu_view_enable_events(const char* name) {
+  return set_events(name, "1");
+}
+
+extern "C" int tevu_view_disable_events(const char* name) {
+  return set_events(name, "0");
+}

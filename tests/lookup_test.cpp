@@ -1,0 +1,120 @@
+// Lookup by tag value, across the real volume databases of the sandbox.
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+
+namespace {
+
+class Lookup : public tevul_test::SandboxTest {
+ protected:
+  // Tags files through the bulk API: each entry is path, then name/value
+  // pairs.
+  void tag(const std::string& path,
+           const std::vector<std::pair<std::string, std::string>>& tags) {
+    tevul_test::write_file(path, "x");
+    tevu_bulk_ctx* bulk = tevu_bulk_init();
+    ASSERT_EQ(tevu_bulk_setpath(bulk, path.c_str()), 0);
+    for (const auto& [name, value] : tags)
+      ASSERT_EQ(tevu_bulk_settag(bulk, name.c_str(), value.c_str()), 0);
+    tevu_bulk_fini(bulk);
+  }
+  static std::string find(const char* tag, const char* value, int want = 0) {
+    char buf[512];
+    std::memset(buf, '#', sizeof buf);
+    EXPECT_EQ(tevu_metadata_for_tagvalue(tag, value, buf, sizeof buf), want)
+        << tag << "=" << value;
+    return want == 0 ? std::string(buf) : std::string();
+  }
+};
+
+// One volume holds a matching row that is not encoded yet (Data NULL), the
+// other a row whose value differs only in case: the second is the answer.
+TEST_F(Lookup, AcrossTwoVolumes) {
+  tag("/mnt/a.jpg", {{"id", "abc"}, {"kind", "photo"}});
+  tag("/srv/b.mp3", {{"id", "ABC"}, {"artist", "AC/DC"}});
+  {
+    RawDb mnt(Sandbox::db_path("mnt"));
+    mnt.exec("UPDATE Meta SET Data=NULL");
+  }
+  EXPECT_EQ(find("id", "aBc"), "id=ABC\nartist=AC\\DC\n");
+  find("id", "missing", ENOENT);
+  find("nosuchtag", "abc", ENOENT);
+  find("artist", "AC\\/DC", ENOENT);  // stored values hold no backslash
+  find("id\" OR 1=1 OR \"x", "abc", ENOENT);
+
+  char buf[8];
+  EXPECT_EQ(tevu_metadata_for_tagvalue(nullptr, "abc", buf, sizeof buf), ENOENT);
+  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "ABC", buf, 0), ENOENT);
+  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "ABC", nullptr, 8), ENOENT);
+}
+
+TEST_F(Lookup, ATagKnownOnlyToOneVolumeIsFoundThere) {
+  tag("/mnt/a", {{"other", "1"}});
+  tag("/srv/b", {{"serial", "42"}});
+  EXPECT_EQ(find("serial", "42"), "serial=42\n");
+}
+
+TEST_F(Lookup, EncodedListsBecomeLines) {
+  tag("/mnt/x", {{"id", "1"}});
+  RawDb mnt(Sandbox::db_path("mnt"));
+  mnt.exec("UPDATE Meta SET Data='a=1|b=x\\|y'");
+  EXPECT_EQ(find("id", "1"), "a=1\nb=x|y\n");
+  mnt.exec("UPDATE Meta SET Data=''");
+  EXPECT_EQ(find("id", "1"), "\n");
+  mnt.exec("UPDATE Meta SET Data='dir=home\\|k=v|n=#ESCAPED#'");
+  EXPECT_EQ(find("id", "1"), "dir=home|k=v\nn=|\n");
+}
+
+TEST_F(Lookup, ATextThatDoesNotFitIsCut) {
+  tag("/mnt/x", {{"id", "1"}, {"k", "v"}});  // "id=1\nk=v\n": 9 bytes
+  char buf[16];
+  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "1", buf, 10), 0);
+  EXPECT_STREQ(buf, "id=1\nk=v\n");
+  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "1", buf, 9), ENOSPC);
+  EXPECT_STREQ(buf, "id=1\nk=v");
+}
+
+TEST_F(Lookup, NothingMountedNothingFound) {
+  sandbox_.unmount_tag_fs();
+  char buf[16];
+  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "1", buf, sizeof buf), ENOENT);
+  EXPECT_EQ(metadb_tagsfile_get_for_tagvalue(nullptr, "id", "1", buf, sizeof buf),
+            ENOENT);
+}
+
+// At 100,000 rows the lookup must search the tag column's index, not scan.
+TEST_F(Lookup, UsesTheTagColumnsIndexAt100000Rows) {
+  tag("/mnt/seed", {{"id", "seed"}});  // the library makes column and index
+  {
+    RawDb mnt(Sandbox::db_path("mnt"));
+    mnt.exec("BEGIN");
+    mnt.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n "
+             "WHERE i<100000) INSERT INTO Meta(Path, Data, \".id\") "
+             "SELECT 'f'||i, 'id=v'||i, 'v'||i FROM n");
+    mnt.exec("COMMIT");
+    const auto plan = mnt.rows(
+        "EXPLAIN QUERY PLAN SELECT Data FROM Meta WHERE Meta.\".id\"=? AND Data>=''");
+    ASSERT_EQ(plan.size(), 1u);
+    EXPECT_NE(plan[0][3].find("USING INDEX Cidx_id"), std::string::npos) << plan[0][3];
+  }
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(find("id", "V77777"), "id=v77777\n");
+  const auto us = std::chrono::duration_cast<std::chrono::microseconds>(
+                      std::chrono::steady_clock::now() - start)
+                      .count();
+  std::cout << "lookup at 100000 rows: " << us << " us\n";
+  RecordProperty("lookup_us", static_cast<int>(us));
+}
+
+}  // namespace

@@ -1,0 +1,105 @@
+// Single tags as files through the real FUSE mount.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::Sandbox;
+
+namespace {
+
+class TagFiles : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    tevul_test::make_dirs("/mnt/photos");
+    tevul_test::write_file("/mnt/photos/a.jpg", "jpeg");
+    // What the daemon shows for a tagged file: a directory of tag files.
+    ASSERT_TRUE(tevul_test::make_dirs(tag_dir()));
+  }
+  // Where the tag files of /mnt/photos/a.jpg land behind the mount.
+  static std::string tag_dir() {
+    return std::string(Sandbox::kBacking) + "/.tagfiles/mnt/photos/a.jpg";
+  }
+  static std::string backing(const std::string& tag) {
+    std::ifstream in(tag_dir() + "/" + tag, std::ios::binary);
+    if (!in) return "(none)";
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+};
+
+TEST_F(TagFiles, SetReadCutAndDelete) {
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "rating", "0123456789"), 0);
+  EXPECT_EQ(backing("rating"), "0123456789");
+  char buf[32];
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "0123456789");
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, 4), 0);
+  EXPECT_STREQ(buf, "012");
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, 1), 0);
+  EXPECT_STREQ(buf, "");
+  std::memset(buf, '#', sizeof buf);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, 0), 0);
+  EXPECT_EQ(buf[0], '#') << "size 0 reads nothing";
+
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "note", "line\n"), 0);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "note", buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "line\n");
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "empty", nullptr), 0);
+  EXPECT_EQ(backing("empty"), "");
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "empty", buf, sizeof buf), 0);
+  EXPECT_STREQ(buf, "");
+
+  EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "rating"), 0);
+  EXPECT_EQ(backing("rating"), "(none)");
+  EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "rating"), ENOENT);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, sizeof buf), ENOENT);
+}
+
+TEST_F(TagFiles, PathsAreMadeCanonical) {
+  ASSERT_EQ(symlink("/mnt/photos/a.jpg", "/mnt/alias"), 0);
+  ASSERT_EQ(chdir("/mnt/photos"), 0);
+  EXPECT_EQ(tevu_settag("/mnt/alias", "via", "link"), 0);
+  EXPECT_EQ(tevu_settag("a.jpg", "rel", "ative"), 0);
+  EXPECT_EQ(backing("via"), "link");
+  EXPECT_EQ(backing("rel"), "ative");
+  EXPECT_EQ(tevu_settag("/mnt/photos/missing.jpg", "t", "v"), ENOENT);
+}
+
+TEST_F(TagFiles, GlobDeletionRemovesTheMatchingTags) {
+  for (const char* t : {"exif.make", "exif.model", "rating"})
+    ASSERT_EQ(tevu_settag("/mnt/photos/a.jpg", t, "v"), 0);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/a.jpg", "exif.*"), 0);
+  EXPECT_EQ(backing("exif.make"), "(none)");
+  EXPECT_EQ(backing("rating"), "v");
+  const int rc = tevu_deltag_glob("/mnt/photos/a.jpg", "nothing*");
+  EXPECT_NE(rc, 0);
+  EXPECT_EQ(rc, errno) << "errno as it stands, not glob's code";
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/a.jpg", "*"), 0);
+  EXPECT_EQ(backing("rating"), "(none)");
+}
+
+TEST_F(TagFiles, MissingArgumentsAndNoMount) {
+  char buf[8];
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "", "v"), ENOENT);
+  EXPECT_EQ(tevu_settag(nullptr, "t", "v"), ENOENT);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "t", nullptr, 8), ENOENT);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/a.jpg", nullptr), ENOENT);
+  sandbox_.unmount_tag_fs();
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "t", "v"), ENOENT);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "t", buf, sizeof buf), ENOENT);
+  EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "t"), ENOENT);
+  EXPECT_EQ(backing("t"), "(none)");
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// View configuration files under the real mount, byte for byte.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::Sandbox;
+
+namespace {
+
+class Views : public tevul_test::SandboxTest {
+ protected:
+  // The view's file as the daemon would read it, from behind the mount.
+  static std::string config(const std::string& view, const std::string& file) {
+    std::ifstream in(std::string(Sandbox::kBacking) + "/view/.config/" + view + "/" + file,
+                     std::ios::binary);
+    if (!in) return "(none)";
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  static bool exists(const std::string& view) {
+    return access((std::string(Sandbox::kBacking) + "/view/.config/" + view).c_str(),
+                  F_OK) == 0;
+  }
+};
+
+TEST_F(Views, ConfigurationFilesAreWrittenWhole) {
+  EXPECT_EQ(tevu_view_set_cond("photos", "kind=photo & rating>3"), 0);
+  EXPECT_EQ(config("photos", "cond.ini"), "kind=photo & rating>3");
+  EXPECT_EQ(tevu_view_set_cond("photos", "kind=video"), 0);
+  EXPECT_EQ(config("photos", "cond.ini"), "kind=video");
+  EXPECT_EQ(tevu_view_set_group("photos", "album/year"), 0);
+  EXPECT_EQ(config("photos", "group.ini"), "album/year");
+  EXPECT_EQ(tevu_view_set_cond("photos", " "), 0);
+  EXPECT_EQ(config("photos", "cond.ini"), " ");
+  EXPECT_EQ(tevu_view_enable_events("photos"), 0);
+  EXPECT_EQ(config("photos", "events.ini"), "1");
+  EXPECT_EQ(tevu_view_disable_events("photos"), 0);
+  EXPECT_EQ(config("photos", "events.ini"), "0");
+
+  EXPECT_EQ(tevu_view_set_group("nested/view", "g"), 0) << "slashes nest";
+  EXPECT_EQ(config("nested/view", "group.ini"), "g");
+}
+
+TEST_F(Views, EventsNeedAnExistingView) {
+  EXPECT_EQ(tevu_view_enable_events("never"), ENOENT);
+  EXPECT_FALSE(exists("never"));
+  EXPECT_EQ(tevu_view_create("v"), 0);
+  EXPECT_EQ(tevu_view_create("v"), 0) << "an existing view is fine";
+  EXPECT_EQ(tevu_view_disable_events("v"), 0);
+  EXPECT_EQ(config("v", "events.ini"), "0");
+}
+
+TEST_F(Views, PathOfTheViewsContents) {
+  char buf[64];
+  std::memset(buf, '#', sizeof buf);
+  EXPECT_EQ(tevu_view_get_path("unknown", buf, sizeof buf), nullptr);
+  EXPECT_EQ(buf[0], '#') << "untouched";
+  ASSERT_EQ(tevu_view_create("music"), 0);
+  EXPECT_EQ(tevu_view_get_path("music", buf, sizeof buf), buf);
+  EXPECT_STREQ(buf, "/tmp/tevu/view/music");
+  EXPECT_EQ(tevu_view_get_path("music", buf, 10), buf);
+  EXPECT_STREQ(buf, "/tmp/tevu");
+}
+
+TEST_F(Views, DeleteRemovesTheConfiguration) {
+  ASSERT_EQ(tevu_view_set_cond("gone", "x"), 0);
+  ASSERT_EQ(tevu_view_enable_events("gone"), 0);
+  EXPECT_EQ(tevu_view_delete("gone"), 0);
+  EXPECT_FALSE(exists("gone"));
+  EXPECT_EQ(tevu_view_delete("gone"), ENOENT);
+}
+
+TEST_F(Views, BadArgumentsComeBeforeTheMount) {
+  sandbox_.unmount_tag_fs();
+  char buf[8];
+  EXPECT_EQ(tevu_view_set_cond("v", ""), -1);
+  EXPECT_EQ(tevu_view_set_group(nullptr, "g"), -1);
+  EXPECT_EQ(tevu_view_create(""), -1);
+  EXPECT_EQ(tevu_view_enable_events(nullptr), -1);
+  EXPECT_EQ(tevu_view_get_path("", buf, sizeof buf), nullptr);
+  EXPECT_EQ(tevu_view_create("v"), ENOENT);
+  EXPECT_EQ(tevu_view_delete("v"), ENOENT);
+  EXPECT_EQ(tevu_view_set_cond("v", "c"), ENOENT);
+  EXPECT_EQ(tevu_view_enable_events("v"), ENOENT);
+  EXPECT_EQ(tevu_view_get_path("v", buf, sizeof buf), nullptr);
+}
+
+}  // namespace
