@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <memory>
 
 #include "metadb_bulk.h"
 #include "tevul.h"
@@ -32,6 +33,12 @@ struct metadb_tagdb {
   metadb_tagdb& operator=(const metadb_tagdb&) = delete;
   ~metadb_tagdb();
 };
+
+struct metadb_tagdb_closer {
+  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
+};
+// A handle closed (and so committed, if it ever wrote) when its owner lets go.
+using metadb_tagdb_ptr = std::unique_ptr<metadb_tagdb, metadb_tagdb_closer>;
 
 // Returns 1 when the column of `tag` exists or was created together with its
 // index, 0 when creating failed (also for a NULL handle or connection), -1 for

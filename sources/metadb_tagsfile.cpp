@@ -87,9 +87,8 @@ extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
     if (entry->d_type != DT_LNK) continue;
     char db_file[kPathSize];
     tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta, entry->d_name);
-    metadb_tagdb* opened = metadb_tagdb_open(db_file);
-    if (opened == nullptr) continue;
-    std::unique_ptr<metadb_tagdb, void (*)(metadb_tagdb*)> tagdb(opened, metadb_tagdb_close);
+    metadb_tagdb_ptr tagdb(metadb_tagdb_open(db_file));
+    if (!tagdb) continue;
     // The arguments are tested only here, so a call without them still
     // opens and closes every database once; kept as callers have seen it.
     if (tag == nullptr || value == nullptr || dest == nullptr || size == 0) {

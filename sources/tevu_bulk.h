@@ -5,14 +5,9 @@
 #include <cstdint>
 #include <memory>
 
+#include "metadb_tagdb.h"
 #include "tevu_volume.h"
 #include "tevul.h"
-
-struct metadb_tagdb_closer {
-  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
-};
-// A tag database handle closed (and so committed) when its owner lets go.
-using metadb_tagdb_ptr = std::unique_ptr<metadb_tagdb, metadb_tagdb_closer>;
 
 // One bulk context; see tevul.h. Invariant: `tagdb` and `volume` describe
 // the same volume, and `path`, when not empty, begins with volume.prefix or
