@@ -18,6 +18,32 @@ constexpr char kUnsynced[] = "SELECT Path FROM Meta WHERE Data IS NULL";
 // Room for a typical list, so that most rows encode without reallocating.
 constexpr std::size_t kListHint = 3850;
 
+// Appends the escaped form of tag name `name` (without its leading ".").
+void escape_name(std::string& out, const char* name) {
+  for (const char* p = name; *p != '\0'; ++p) {
+    if (*p == '|' || *p == '=') out += '\\';
+    out += *p;
+  }
+}
+
+// Appends the escaped form of tag value `value`.
+void escape_value(std::string& out, const char* value) {
+  for (const char* p = value; *p != '\0'; ++p) {
+    switch (*p) {
+      case '|':
+        out += "\\|";
+        break;
+      case '/':
+        out += '\\';  // a lone backslash stands for "/"
+        break;
+      case '\n':
+        break;
+      default:
+        out += *p;
+    }
+  }
+}
+
 // Encodes the tag columns of the row `select` stands on into `list`.
 void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
   bool first = true;
@@ -28,9 +54,9 @@ void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
     if (sqlite3_column_type(select, i) != SQLITE_TEXT) continue;
     if (!first) list += '|';
     first = false;
-    metadb_data_escape_name(list, name + 1);
+    escape_name(list, name + 1);
     list += '=';
-    metadb_data_escape_value(
+    escape_value(
         list, reinterpret_cast<const char*>(sqlite3_column_text(select, i)));
   }
 }
@@ -66,30 +92,6 @@ int sync_row(metadb_tagdb* tagdb, const char* path) {
 }
 
 }  // namespace
-
-void metadb_data_escape_name(std::string& out, const char* name) {
-  for (const char* p = name; *p != '\0'; ++p) {
-    if (*p == '|' || *p == '=') out += '\\';
-    out += *p;
-  }
-}
-
-void metadb_data_escape_value(std::string& out, const char* value) {
-  for (const char* p = value; *p != '\0'; ++p) {
-    switch (*p) {
-      case '|':
-        out += "\\|";
-        break;
-      case '/':
-        out += '\\';  // a lone backslash stands for "/"
-        break;
-      case '\n':
-        break;
-      default:
-        out += *p;
-    }
-  }
-}
 
 extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
   if (tagdb == nullptr || !tagdb->db) return -1;

@@ -8,14 +8,6 @@
 #ifndef TEVUL_METADB_SYNC_H
 #define TEVUL_METADB_SYNC_H
 
-#include <string>
-
 #include "tevul.h"
-
-// Appends the escaped form of tag name `name` (without its leading ".").
-void metadb_data_escape_name(std::string& out, const char* name);
-
-// Appends the escaped form of tag value `value`.
-void metadb_data_escape_value(std::string& out, const char* value);
 
 #endif  // TEVUL_METADB_SYNC_H

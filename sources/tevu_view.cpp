@@ -22,11 +22,10 @@ constexpr int kBadArgument = -1;
 int config_path(const char* name, const char* file, char* out) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
-  if (file == nullptr) {
-    tevul::format_cut(out, tevu_path_size, kConfigDir, mount, name);
-  } else {
-    tevul::format_cut(out, tevu_path_size, "%s/view/.config/%s/%s", mount,
-                      name, file);
+  const int len = tevul::format_cut(out, tevu_path_size, kConfigDir, mount, name);
+  if (file != nullptr && len >= 0 &&
+      static_cast<std::size_t>(len) < tevu_path_size) {
+    tevul::format_cut(out + len, tevu_path_size - len, "/%s", file);
   }
   return 0;
 }

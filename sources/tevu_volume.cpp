@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -69,7 +68,7 @@ int32_t tevu_get_limit(const char* key) {
   char value[4096];
   for (;;) {
     if (std::fscanf(file.get(), kLimitsScan, name, value) != 2) return 0;
-    if (value[0] == '\0' || strcmp(name, key) != 0) continue;
+    if (strcmp(name, key) != 0) continue;
     // The first line with the key decides, even when it is unusable.
     char* end = nullptr;
     const long number = std::strtol(value, &end, 10);
