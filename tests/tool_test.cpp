@@ -1,0 +1,479 @@
+// The `tevu` tool, run as a program in the sandbox: every command, its
+// output for scripts, its messages and exit statuses, and a large import
+// checked against the databases.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+using tevul_test::make_dirs;
+using tevul_test::write_file;
+
+namespace {
+
+using Rows = std::vector<std::vector<std::string>>;
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string slurp(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// The command line that starts the tool: an emulator first when the suite
+// runs under one.
+std::vector<std::string> tool_command() {
+  std::vector<std::string> command;
+  std::istringstream emulator(TEVU_TOOL_EMULATOR);
+  for (std::string word; emulator >> word;) command.push_back(word);
+  command.push_back(TEVU_TOOL);
+  return command;
+}
+
+[[noreturn]] void exec_tool(const std::vector<std::string>& args) {
+  std::vector<std::string> command = tool_command();
+  command.insert(command.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  execv(argv[0], argv.data());
+  _exit(127);
+}
+
+int wait_status(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs the tool with `input` on its standard input (a file) and collects
+// its output. With `tty_stderr` its standard error is a terminal.
+Result run(const std::vector<std::string>& args, const std::string& input = "",
+           bool tty_stderr = false) {
+  const std::string in = "/tmp/tool.in", out = "/tmp/tool.out",
+                    err = "/tmp/tool.err";
+  write_file(in, input);
+  int master = -1, slave = -1;
+  if (tty_stderr && openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
+    return {};
+  }
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int in_fd = open(in.c_str(), O_RDONLY);
+    const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int err_fd = tty_stderr
+                           ? slave
+                           : open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(in_fd, 0);
+    dup2(out_fd, 1);
+    dup2(err_fd, 2);
+    exec_tool(args);
+  }
+  Result result;
+  if (tty_stderr) {
+    close(slave);
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(master, buf, sizeof buf)) > 0) result.err.append(buf, n);
+    close(master);
+  }
+  result.status = wait_status(pid);
+  result.out = slurp(out);
+  if (!tty_stderr) result.err = slurp(err);
+  return result;
+}
+
+class Tool : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    for (const char* dir : {"/mnt/photos", "/mnt/docs/old", "/srv/music"}) {
+      ASSERT_TRUE(make_dirs(dir));
+    }
+    for (const char* file : {"/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
+                             "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt",
+                             "/mnt/docs/z.txt", "/srv/music/s.mp3",
+                             "/tmp/untagged.txt"}) {
+      ASSERT_TRUE(write_file(file, "data"));
+    }
+  }
+  static Rows rows(const std::string& volume, const std::string& sql) {
+    RawDb db(Sandbox::db_path(volume));
+    return db.rows(sql);
+  }
+  // Where the daemon would show the tag files of `file` (behind the mount).
+  static std::string tag_dir(const std::string& file) {
+    return std::string(Sandbox::kBacking) + "/.tagfiles" + file;
+  }
+};
+
+TEST_F(Tool, SetGetAndDeleteInTheDatabases) {
+  Result r = run({"set", "-t", "rating=5", "--tag", "who=ann|bo", "-t", "empty=",
+                  "/mnt/photos/a.jpg", "/mnt/photos/b.jpg", "/srv/music/s.mp3"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out + r.err, "");
+  EXPECT_EQ(rows("mnt", "SELECT Path, \".rating\", Data FROM Meta ORDER BY Path"),
+            (Rows{{"photos/a.jpg", "5", "rating=5|who=ann\\|bo|empty="},
+                  {"photos/b.jpg", "5", "rating=5|who=ann\\|bo|empty="}}));
+  EXPECT_EQ(rows("srv", "SELECT Path, Data FROM Meta"),
+            (Rows{{"music/s.mp3", "rating=5|who=ann\\|bo|empty="}}));
+  EXPECT_EQ(sandbox_.drain_fifo(), 3) << "one wake-up per committed file";
+
+  r = run({"get", "/mnt/photos/a.jpg", "who"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "ann|bo\n");
+  r = run({"get", "-0", "/mnt/photos/../photos/a.jpg", "empty"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string(1, '\0'));
+
+  // A recursive set changes the tagged files below a directory only.
+  r = run({"set", "-r", "-t", "album=x", "/mnt/photos"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(rows("mnt", "SELECT count(*) FROM Meta WHERE \".album\"='x'"),
+            (Rows{{"2"}}));
+
+  r = run({"del", "-t", "rating", "-t", "never-set", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({"get", "/mnt/photos/a.jpg", "rating"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: rating: tag not set\n");
+  EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta WHERE Path='photos/a.jpg'"),
+            (Rows{{"who=ann\\|bo|empty=|album=x"}}));
+}
+
+TEST_F(Tool, EachFailureIsOneLineAndTheOthersGoOn) {
+  const std::string long_name(64, 'n');
+  const std::string long_value(160, 'v');
+  Result r = run({"set", "-t", "ok=1", "-t", long_name + "=1", "-t",
+                  "v=" + long_value, "-t", "bad\"name=1", "/mnt/missing.jpg",
+                  "/tmp/untagged.txt", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "tevu: /mnt/missing.jpg: no such file\n"
+            "tevu: /tmp/untagged.txt: file is not on a tagged volume\n"
+            "tevu: /mnt/photos/a.jpg: " + long_name +
+                ": tag name too long (limit 63)\n"
+                "tevu: /mnt/photos/a.jpg: v: tag value too long (limit 159)\n"
+                "tevu: /mnt/photos/a.jpg: bad\"name: tag name contains a double quote\n");
+  EXPECT_EQ(rows("mnt", "SELECT Path, Data FROM Meta"),
+            (Rows{{"photos/a.jpg", "ok=1"}}));
+
+  r = run({"get", "/mnt/missing.jpg", "ok"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /mnt/missing.jpg: no such file\n");
+  r = run({"del", "-t", "ok", "/tmp/untagged.txt"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
+}
+
+TEST_F(Tool, UsageErrorsAndHelp) {
+  struct Case {
+    std::vector<std::string> args;
+    std::string err;
+  };
+  const std::vector<Case> cases = {
+      {{}, "tevu: no command given (see 'tevu --help')\n"},
+      {{"frob"}, "tevu: unknown command 'frob' (see 'tevu --help')\n"},
+      {{"--frob"}, "tevu: unknown option --frob (see 'tevu --help')\n"},
+      {{"set", "/mnt/photos/a.jpg"},
+       "tevu set: no tag given (-t NAME=VALUE) (see 'tevu set --help')\n"},
+      {{"set", "-t", "novalue", "/mnt/photos/a.jpg"},
+       "tevu set: 'novalue' is not NAME=VALUE (see 'tevu set --help')\n"},
+      {{"set", "-x", "/mnt/photos/a.jpg"},
+       "tevu set: unknown option -x (see 'tevu set --help')\n"},
+      {{"set", "--tag"}, "tevu set: option --tag needs a value (see 'tevu set --help')\n"},
+      {{"get", "/mnt/photos/a.jpg"}, "tevu get: expected FILE NAME (see 'tevu get --help')\n"},
+      {{"del", "-t", "a", "-g", "b*", "/mnt/photos/a.jpg"},
+       "tevu del: give either -t NAME or -g PATTERN (see 'tevu del --help')\n"},
+      {{"view", "events", "v", "maybe"},
+       "tevu view: events are 'on' or 'off' (see 'tevu view --help')\n"},
+      {{"view", "rename", "v"},
+       "tevu view: unknown action 'rename' (see 'tevu view --help')\n"},
+      {{"import", "file"}, "tevu import: no arguments expected (see 'tevu import --help')\n"},
+  };
+  for (const Case& c : cases) {
+    const Result r = run(c.args);
+    EXPECT_EQ(r.status, 2) << c.err;
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_EQ(r.out, "");
+  }
+
+  Result r = run({"--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out.rfind("Usage: tevu [--help | --version] COMMAND", 0), 0u) << r.out;
+  for (const char* command : {"set", "get", "list", "del", "find", "import",
+                              "deleted", "moved", "cleanup", "view", "limits"}) {
+    EXPECT_NE(r.out.find(std::string("\n  ") + command + " "), std::string::npos)
+        << command;
+    const Result help = run({command, "--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.rfind(std::string("Usage: tevu ") + command, 0), 0u)
+        << help.out;
+  }
+  EXPECT_EQ(run({"help", "moved"}).out, run({"moved", "-h"}).out);
+  EXPECT_EQ(run({"--version"}).out, "tevu 0.1.0\n");
+}
+
+TEST_F(Tool, WithoutTheMountEveryCommandSaysSo) {
+  sandbox_.unmount_tag_fs();
+  const std::vector<std::vector<std::string>> commands = {
+      {"set", "-t", "a=1", "/mnt/photos/a.jpg"},
+      {"set", "-m", "-t", "a=1", "/mnt/photos/a.jpg"},
+      {"get", "/mnt/photos/a.jpg", "a"},
+      {"get", "-m", "/mnt/photos/a.jpg", "a"},
+      {"list", "/mnt/photos/a.jpg"},
+      {"del", "-g", "*", "/mnt/photos/a.jpg"},
+      {"find", "a", "1"},
+      {"import"},
+      {"deleted", "/mnt/photos"},
+      {"moved", "/mnt/photos", "/mnt/pics"},
+      {"cleanup", "/mnt"},
+      {"view", "create", "v"},
+      {"view", "path", "v"},
+      {"limits"},
+  };
+  for (const auto& args : commands) {
+    const Result r = run(args, "/mnt/photos/a.jpg\ta=1\n");
+    EXPECT_EQ(r.status, 3) << args[0];
+    EXPECT_EQ(r.err, "tevu: tag file system is not mounted\n") << args[0];
+  }
+}
+
+TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
+  ASSERT_TRUE(make_dirs(tag_dir("/mnt/photos/a.jpg")));
+  Result r = run({"set", "-m", "-t", "rating=5", "-t", "note=two\nlines",
+                  "-t", "keep=1", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(slurp(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
+
+  r = run({"list", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "keep=1\nnote=two\nlines\nrating=5\n");
+  r = run({"list", "--null", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.out, std::string("keep=1\0note=two\nlines\0rating=5\0", 31));
+  r = run({"get", "-m", "/mnt/photos/a.jpg", "rating"});
+  EXPECT_EQ(r.out, "5\n");
+  r = run({"get", "-m", "/mnt/photos/a.jpg", "nope"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: nope: tag not set\n");
+
+  r = run({"del", "-g", "*e*", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(run({"list", "/mnt/photos/a.jpg"}).out, "rating=5\n");
+  r = run({"del", "-g", "zz*", "-m", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << "nothing matched: nothing to remove\n" << r.err;
+  r = run({"del", "-m", "-t", "rating", "-t", "gone", "/mnt/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({"list", "/mnt/photos/b.jpg"});
+  EXPECT_EQ(r.status, 0) << "an untagged file lists nothing";
+  EXPECT_EQ(r.out, "");
+  r = run({"list", "/tmp/untagged.txt"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
+  r = run({"set", "-m", "-t", "a=1", "/mnt/nothere"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /mnt/nothere: a: no such file\n");
+}
+
+TEST_F(Tool, FindPrintsTheTagsOfTheFileWithAValue) {
+  ASSERT_EQ(run({"set", "-t", "id=Abc-1", "-t", "who=ann", "/srv/music/s.mp3"}).status, 0);
+  Result r = run({"find", "id", "abc-1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "id=Abc-1\nwho=ann\n");
+  r = run({"find", "-0", "who", "ann"});
+  EXPECT_EQ(r.out, std::string("id=Abc-1\0who=ann\0", 17));
+  r = run({"find", "id", "abc-2"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.err, "tevu: id=abc-2: no file has this tag value\n");
+}
+
+TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt",
+                 "/mnt/docs/z.txt", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg"})
+                .status,
+            0);
+  // Vanished behind the tool's back: one below the cleaned directory, one
+  // elsewhere on the volume, which must keep its row.
+  ASSERT_EQ(unlink("/mnt/docs/old/y.txt"), 0);
+  ASSERT_EQ(unlink("/mnt/photos/b.jpg"), 0);
+  const Rows all = rows("mnt", "SELECT Path FROM Meta ORDER BY Path");
+
+  Result r = run({"cleanup", "-n", "/mnt/docs"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "/mnt/docs/old/y.txt\n");
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"), all);
+  r = run({"cleanup", "-0", "/mnt/docs"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, std::string("/mnt/docs/old/y.txt\0", 20));
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"),
+            (Rows{{"docs/old/x.txt"}, {"docs/z.txt"}, {"photos/a.jpg"},
+                  {"photos/b.jpg"}}));
+
+  // A script moved a directory within the volume, then onto another one.
+  ASSERT_EQ(rename("/mnt/docs/old", "/mnt/docs/new"), 0);
+  r = run({"moved", "/mnt/docs/old", "/mnt/docs//new/"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta WHERE Path LIKE 'docs/%' ORDER BY Path"),
+            (Rows{{"docs/new/x.txt"}, {"docs/z.txt"}}));
+  r = run({"moved", "/mnt/docs/z.txt", "/srv/z.txt"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  // The copied row's Data is left for the daemon to encode.
+  EXPECT_EQ(rows("srv", "SELECT Path, \".k\", Data FROM Meta"),
+            (Rows{{"z.txt", "v", "NULL"}}));
+
+  r = run({"deleted", "/mnt/docs/new", "/mnt/photos/./a.jpg", "/tmp/untagged.txt"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"),
+            (Rows{{"docs/z.txt"}, {"photos/b.jpg"}}))
+      << "a move to another volume keeps the source rows";
+
+  r = run({"cleanup", "/tmp"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp: file is not on a tagged volume\n");
+  r = run({"cleanup", "/mnt/nothere"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /mnt/nothere: no such file\n");
+}
+
+TEST_F(Tool, ViewsAndLimits) {
+  const std::string config = std::string(Sandbox::kBacking) + "/view/.config/best";
+  EXPECT_EQ(run({"view", "cond", "best", "rating>4"}).status, 0);
+  EXPECT_EQ(run({"view", "group", "best", "album"}).status, 0);
+  EXPECT_EQ(run({"view", "events", "best", "on"}).status, 0);
+  EXPECT_EQ(slurp(config + "/cond.ini"), "rating>4");
+  EXPECT_EQ(slurp(config + "/group.ini"), "album");
+  EXPECT_EQ(slurp(config + "/events.ini"), "1");
+  EXPECT_EQ(run({"view", "events", "best", "off"}).status, 0);
+  EXPECT_EQ(slurp(config + "/events.ini"), "0");
+  Result r = run({"view", "path", "best"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string(Sandbox::kMount) + "/view/best\n");
+  EXPECT_EQ(run({"view", "delete", "best"}).status, 0);
+  struct stat st;
+  EXPECT_NE(stat(config.c_str(), &st), 0);
+
+  r = run({"view", "events", "other", "on"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: view: events: other: no such view\n");
+  r = run({"view", "path", "other"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: view: path: other: no such view\n");
+  EXPECT_EQ(run({"view", "create", "other"}).status, 0);
+  EXPECT_EQ(run({"view", "path", "other"}).out,
+            std::string(Sandbox::kMount) + "/view/other\n");
+
+  r = run({"limits"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n");
+  Sandbox::remove_limits();
+  r = run({"limits"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "TAG_NAME_MAX=0\nTAG_VALUE_MAX=0\n");
+}
+
+TEST_F(Tool, ImportReportsEachBadLineAndSumsUp) {
+  const std::string input =
+      "/mnt/photos/a.jpg\trating=5\twho=ann\n"
+      "\n"
+      "no tab here\n"
+      "/mnt/photos/b.jpg\tnoequals\n"
+      "/mnt/photos/b.jpg\t=x\n"
+      "/mnt/missing.jpg\ta=1\n"
+      "/tmp/untagged.txt\ta=1\n"
+      "/srv/music/s.mp3\tgood=1\t" + std::string(64, 'n') + "=1\n"
+      "/mnt/docs/z.txt\tlast=1";
+  Result r = run({"import"}, input);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  const std::string malformed =
+      ": malformed line (expected PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...])\n";
+  const std::string expected =
+      "tevu: import: line 3" + malformed +
+      "tevu: import: line 4" + malformed +
+      "tevu: import: line 5" + malformed +
+      "tevu: import: line 6: /mnt/missing.jpg: no such file\n"
+      "tevu: import: line 7: /tmp/untagged.txt: file is not on a tagged volume\n"
+      "tevu: import: line 8: /srv/music/s.mp3: " + std::string(64, 'n') +
+      ": tag name too long (limit 63)\n"
+      "tevu: import: 3 files, 4 tags, 6 failures, ";
+  EXPECT_EQ(r.err.substr(0, expected.size()), expected);
+  EXPECT_EQ(rows("mnt", "SELECT Path, Data FROM Meta ORDER BY Path"),
+            (Rows{{"docs/z.txt", "last=1"}, {"photos/a.jpg", "rating=5|who=ann"}}));
+  EXPECT_EQ(rows("srv", "SELECT Path, Data FROM Meta"),
+            (Rows{{"music/s.mp3", "good=1"}}));
+
+  // NUL-separated records may hold line feeds.
+  ASSERT_TRUE(write_file("/mnt/two\nlines.txt", "x"));
+  r = run({"import", "-0", "-q"},
+          std::string("/mnt/two\nlines.txt\tnote=a\nb\0", 29));
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(rows("mnt", "SELECT \".note\", Data FROM Meta WHERE Path='two\nlines.txt'"),
+            (Rows{{"a\nb", "note=ab"}}))
+      << "Data drops line feeds";
+}
+
+// Ten thousand files on two volumes in one run, with the progress line on a
+// terminal; every row and its Data is checked.
+TEST_F(Tool, ImportOfTenThousandFilesMatchesTheDatabases) {
+  constexpr int kFiles = 10000;
+  std::string input;
+  for (int i = 0; i < kFiles; ++i) {
+    const std::string volume = i < 9000 ? "mnt" : "srv";
+    const std::string dir = "/" + volume + "/bulk/d" + std::to_string(i / 500);
+    if (i % 500 == 0) {
+      ASSERT_TRUE(make_dirs(dir));
+    }
+    const std::string file = dir + "/f" + std::to_string(i) + ".dat";
+    ASSERT_TRUE(write_file(file, ""));
+    input += file + "\tid=" + std::to_string(i) + "\tkind=" +
+             (i % 2 ? "odd" : "even") + "\n";
+  }
+  const Result r = run({"import"}, input, /*tty_stderr=*/true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  const std::string summary = "tevu: import: 10000 files, 20000 tags, 0 failures, ";
+  const std::size_t at = r.err.rfind(summary);
+  ASSERT_NE(at, std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(" files/s, "), std::string::npos) << "progress line";
+  EXPECT_EQ(r.err.substr(0, at).find("failures"), std::string::npos);
+
+  for (const char* volume : {"mnt", "srv"}) {
+    SCOPED_TRACE(volume);
+    const Rows got = rows(volume, "SELECT Path, \".id\", Data FROM Meta");
+    EXPECT_EQ(got.size(), volume == std::string("mnt") ? 9000u : 1000u);
+    for (const auto& row : got) {
+      const int i = std::atoi(row[1].c_str());
+      const std::string rel = "bulk/d" + std::to_string(i / 500) + "/f" +
+                              std::to_string(i) + ".dat";
+      EXPECT_EQ(row[0], rel);
+      EXPECT_EQ(row[2], "id=" + row[1] + "|kind=" + (i % 2 ? "odd" : "even"));
+    }
+  }
+  EXPECT_EQ(sandbox_.drain_fifo(), kFiles) << "one wake-up per file";
+}
+
+}  // namespace

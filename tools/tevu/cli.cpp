@@ -1,0 +1,164 @@
+// Helpers shared by the commands of the `tevu` tool.
+#include "cli.h"
+
+#include <errno.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "tevul.h"
+
+namespace tevu_cli {
+
+int parse_options(int argc, char** argv, const std::string& shortopts,
+                  std::vector<option> longopts,
+                  const std::function<bool(int, const char*)>& on_option) {
+  // A leading "+" would stop at the first operand; commands take options
+  // anywhere, as GNU tools do, and "--" ends them.
+  const std::string shorts = ":h" + shortopts;
+  longopts.push_back({"help", no_argument, nullptr, 'h'});
+  longopts.push_back({nullptr, 0, nullptr, 0});
+  optind = 0;  // a full reset, also of getopt's hidden state
+  opterr = 0;  // the messages are ours, in the tool's one-line form
+  for (;;) {
+    const int c = getopt_long(argc, argv, shorts.c_str(), longopts.data(),
+                              nullptr);
+    if (c == -1) return -1;
+    if (c == 'h') {
+      print_help(argv[0] + std::strlen("tevu "));
+      return kExitOk;
+    }
+    // An unknown long option (optopt 0) and an option missing its value
+    // (always the last word) are shown as written, without "=VALUE"; an
+    // unknown short option by its letter.
+    const std::string last = argv[optind - 1];
+    const bool as_written =
+        (c == '?' && optopt == 0) || (c == ':' && last.compare(0, 2, "--") == 0);
+    const std::string shown = as_written
+                                  ? last.substr(0, last.find('='))
+                                  : std::string("-") + static_cast<char>(optopt);
+    if (c == '?') return usage_error(argv[0], "unknown option " + shown);
+    if (c == ':') return usage_error(argv[0], "option " + shown + " needs a value");
+    if (!on_option(c, optarg)) return kExitUsage;
+  }
+}
+
+void report(const std::vector<std::string>& parts, const std::string& reason) {
+  std::string line = "tevu";
+  for (const std::string& part : parts) {
+    if (!part.empty()) line += ": " + part;
+  }
+  line += ": " + reason + "\n";
+  std::fputs(line.c_str(), stderr);
+}
+
+int usage_error(const char* command, const std::string& what) {
+  // `command` is "tevu" or "tevu NAME".
+  std::fprintf(stderr, "%s: %s (see '%s --help')\n", command, what.c_str(),
+               command);
+  return kExitUsage;
+}
+
+void emit(const std::string& text, bool nul) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fputc(nul ? '\0' : '\n', stdout);
+}
+
+bulk_ptr open_bulk() {
+  bulk_ptr ctx(tevu_bulk_init());
+  if (!ctx) report_not_mounted();
+  return ctx;
+}
+
+int report_not_mounted() {
+  report({}, "tag file system is not mounted");
+  return kExitNotMounted;
+}
+
+bool tag_fs_mounted() {
+  // The library's own answer: a bulk context exists only with a mount.
+  tevu_bulk_ctx* probe = tevu_bulk_init();
+  tevu_bulk_fini(probe);
+  return probe != nullptr;
+}
+
+std::string errno_reason(int error) {
+  switch (error) {
+    case ENOENT:
+      return "no such file";
+    case ENOSPC:
+      return "no space left on the device";
+    default:
+      return std::strerror(error);
+  }
+}
+
+std::string bulk_reason(int result, const std::string& name) {
+  if (result == -ENAMETOOLONG || result == -EFBIG) {
+    const bool is_name = result == -ENAMETOOLONG;
+    const int limit = is_name ? tevu_getmaxnamelen() : tevu_getmaxvaluelen();
+    const char* what = is_name ? "tag name too long" : "tag value too long";
+    if (limit <= 0) {
+      return std::string(what) + " (the tag file system publishes no limit)";
+    }
+    // A length must stay below the published maximum.
+    return std::string(what) + " (limit " + std::to_string(limit - 1) + ")";
+  }
+  if (result == -1) return "tag database not available";
+  if (name.find('"') != std::string::npos) {
+    return "tag name contains a double quote";
+  }
+  if (result == 1) return "tag database statement failed";
+  return "tag database failed: " + errno_reason(result);
+}
+
+std::string setpath_reason(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return errno_reason(errno);
+  return "file is not on a tagged volume";
+}
+
+std::string absolute_path(const std::string& path) {
+  std::string joined = path;
+  if (path.empty() || path[0] != '/') {
+    std::vector<char> cwd(4096);
+    if (getcwd(cwd.data(), cwd.size()) == nullptr) return path;
+    joined = std::string(cwd.data()) + "/" + path;
+  }
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= joined.size()) {
+    std::size_t end = joined.find('/', start);
+    if (end == std::string::npos) end = joined.size();
+    const std::string part = joined.substr(start, end - start);
+    if (part == "..") {
+      if (!parts.empty()) parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    start = end + 1;
+  }
+  std::string result;
+  for (const std::string& part : parts) result += "/" + part;
+  return result.empty() ? "/" : result;
+}
+
+bool split_assignment(const std::string& text, std::string* name,
+                      std::string* value) {
+  const std::size_t eq = text.find('=');
+  if (eq == std::string::npos || eq == 0) return false;
+  *name = text.substr(0, eq);
+  *value = text.substr(eq + 1);
+  return true;
+}
+
+double now_seconds() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+}  // namespace tevu_cli

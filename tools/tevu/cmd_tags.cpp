@@ -1,0 +1,417 @@
+// The tag commands of `tevu`: set, get, list, del and find.
+#include <dirent.h>
+#include <errno.h>
+#include <glob.h>
+#include <limits.h>
+#include <mntent.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli.h"
+#include "tevul.h"
+
+namespace tevu_cli {
+
+namespace {
+
+using Tag = std::pair<std::string, std::string>;
+
+struct free_deleter {
+  void operator()(void* p) const { free(p); }
+};
+using malloc_buf = std::unique_ptr<char, free_deleter>;
+
+// The largest value a read is prepared for. Reads start with room for the
+// published value limit and grow to this only for longer, older values.
+constexpr std::size_t kValueCeiling = 1u << 20;
+
+std::size_t value_buffer_size() {
+  const int limit = tevu_getmaxvaluelen();
+  return static_cast<std::size_t>(std::max(limit, 4096)) + 1;
+}
+
+bool file_exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+// The reason for a tag-file function's errno result on `path`. ENOENT means
+// a missing file, or a file the tag file system does not show.
+std::string tagfile_reason(int error, const std::string& path) {
+  if (error == ENOENT && file_exists(path)) {
+    return "file is not on a tagged volume";
+  }
+  return errno_reason(error);
+}
+
+// Sets `tags` on every file through one bulk context.
+int set_in_databases(const std::vector<std::string>& files,
+                     const std::vector<Tag>& tags, bool recursive) {
+  bulk_ptr ctx = open_bulk();
+  if (!ctx) return kExitNotMounted;
+  bool failed = false;
+  for (const std::string& file : files) {
+    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
+      report({file}, setpath_reason(file));
+      failed = true;
+      continue;
+    }
+    for (const Tag& tag : tags) {
+      const char* name = tag.first.c_str();
+      const char* value = tag.second.c_str();
+      const int rc = recursive
+                         ? tevu_bulk_settag_recursive(ctx.get(), name, value)
+                         : tevu_bulk_settag(ctx.get(), name, value);
+      if (rc != 0) {
+        report({file, tag.first}, bulk_reason(rc, tag.first));
+        failed = true;
+      }
+    }
+  }
+  // Releasing the context commits the last file.
+  return failed ? kExitFailed : kExitOk;
+}
+
+int set_through_mount(const std::vector<std::string>& files,
+                      const std::vector<Tag>& tags) {
+  if (!tag_fs_mounted()) return report_not_mounted();
+  bool failed = false;
+  for (const std::string& file : files) {
+    for (const Tag& tag : tags) {
+      const int rc = tevu_settag(file.c_str(), tag.first.c_str(),
+                                 tag.second.c_str());
+      if (rc != 0) {
+        report({file, tag.first}, tagfile_reason(rc, file));
+        failed = true;
+      }
+    }
+  }
+  return failed ? kExitFailed : kExitOk;
+}
+
+// Reads tag `name` of the current file of `ctx` into `value`. Returns false
+// when the file does not carry it.
+bool read_from_database(tevu_bulk_ctx* ctx, const std::string& name,
+                        std::string* value) {
+  for (std::size_t size = value_buffer_size();; size = kValueCeiling) {
+    malloc_buf buf(static_cast<char*>(malloc(size)));
+    if (!buf) return false;
+    if (tevu_bulk_gettag(ctx, name.c_str(), buf.get(),
+                         static_cast<unsigned int>(size)) == 0) {
+      value->assign(buf.get());
+      return true;
+    }
+    // -1 is also what a too small buffer gives; one larger try settles it.
+    if (size >= kValueCeiling) return false;
+  }
+}
+
+// Reads tag `name` of `file` through the mount. Returns 0 or an errno value.
+int read_through_mount(const std::string& file, const std::string& name,
+                       std::string* value) {
+  // tevu_gettag() clears the whole buffer, so it is sized to the limit.
+  const std::size_t size = value_buffer_size();
+  malloc_buf buf(static_cast<char*>(malloc(size)));
+  if (!buf) return ENOMEM;
+  const int rc = tevu_gettag(file.c_str(), name.c_str(), buf.get(), size);
+  if (rc == 0) value->assign(buf.get());
+  return rc;
+}
+
+// The mount point of the tag file system, found in the mount table by the
+// same rule as the library's ("fuse" and "tevu" prefixes of type and
+// source); "" when there is none.
+std::string mount_point() {
+  std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/etc/mtab", "r"),
+                                              endmntent);
+  if (!table) return "";
+  while (struct mntent* entry = getmntent(table.get())) {
+    if (strncmp(entry->mnt_type, "fuse", 4) == 0 &&
+        strncmp(entry->mnt_fsname, "tevu", 4) == 0) {
+      return entry->mnt_dir;
+    }
+  }
+  return "";
+}
+
+// True when `file` still has a tag file whose name matches `pattern`.
+bool any_tag_matches(const std::string& file, const std::string& pattern) {
+  char canonical[PATH_MAX];
+  const std::string mount = mount_point();
+  if (mount.empty() || realpath(file.c_str(), canonical) == nullptr) {
+    return true;  // cannot tell: keep the failure
+  }
+  const std::string tag_files = mount + "/meta" + canonical + "/" + pattern;
+  glob_t found;
+  const int rc = glob(tag_files.c_str(), GLOB_NOSORT, nullptr, &found);
+  globfree(&found);
+  return rc != GLOB_NOMATCH;
+}
+
+bool is_regular_entry(const std::string& dir, const struct dirent* entry) {
+  if (entry->d_type == DT_REG) return true;
+  if (entry->d_type != DT_UNKNOWN) return false;
+  struct stat st;
+  return lstat((dir + "/" + entry->d_name).c_str(), &st) == 0 &&
+         S_ISREG(st.st_mode);
+}
+
+// Emits the lines of a lookup result, each as one record.
+void emit_lines(const std::string& text, bool nul) {
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    if (end > start) emit(text.substr(start, end - start), nul);
+    start = end + 1;
+  }
+}
+
+}  // namespace
+
+int cmd_set(int argc, char** argv) {
+  std::vector<Tag> tags;
+  bool recursive = false;
+  bool via_mount = false;
+  const int status = parse_options(
+      argc, argv, "t:rm",
+      {{"tag", required_argument, nullptr, 't'},
+       {"recursive", no_argument, nullptr, 'r'},
+       {"mount", no_argument, nullptr, 'm'}},
+      [&](int c, const char* arg) {
+        if (c == 'r') recursive = true;
+        if (c == 'm') via_mount = true;
+        if (c != 't') return true;
+        Tag tag;
+        if (!split_assignment(arg, &tag.first, &tag.second)) {
+          usage_error(argv[0], "'" + std::string(arg) + "' is not NAME=VALUE");
+          return false;
+        }
+        tags.push_back(tag);
+        return true;
+      });
+  if (status >= 0) return status;
+  if (tags.empty()) return usage_error(argv[0], "no tag given (-t NAME=VALUE)");
+  if (optind >= argc) return usage_error(argv[0], "no file given");
+  if (recursive && via_mount) {
+    return usage_error(argv[0], "-r and -m cannot be combined");
+  }
+  const std::vector<std::string> files(argv + optind, argv + argc);
+  return via_mount ? set_through_mount(files, tags)
+                   : set_in_databases(files, tags, recursive);
+}
+
+int cmd_get(int argc, char** argv) {
+  bool via_mount = false;
+  bool nul = false;
+  const int status = parse_options(
+      argc, argv, "m0",
+      {{"mount", no_argument, nullptr, 'm'},
+       {"null", no_argument, nullptr, '0'}},
+      [&](int c, const char*) {
+        (c == 'm' ? via_mount : nul) = true;
+        return true;
+      });
+  if (status >= 0) return status;
+  if (argc - optind != 2) return usage_error(argv[0], "expected FILE NAME");
+  const std::string file = argv[optind];
+  const std::string name = argv[optind + 1];
+  if (name.empty()) return usage_error(argv[0], "empty tag name");
+
+  std::string value;
+  if (via_mount) {
+    if (!tag_fs_mounted()) return report_not_mounted();
+    const int rc = read_through_mount(file, name, &value);
+    if (rc == ENOENT && file_exists(file)) {
+      report({file, name}, "tag not set");
+      return kExitNotFound;
+    }
+    if (rc != 0) {
+      report({file, name}, errno_reason(rc));
+      return kExitFailed;
+    }
+  } else {
+    bulk_ptr ctx = open_bulk();
+    if (!ctx) return kExitNotMounted;
+    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
+      report({file}, setpath_reason(file));
+      return kExitFailed;
+    }
+    if (!read_from_database(ctx.get(), name, &value)) {
+      report({file, name}, "tag not set");
+      return kExitNotFound;
+    }
+  }
+  emit(value, nul);
+  return kExitOk;
+}
+
+int cmd_list(int argc, char** argv) {
+  bool nul = false;
+  const int status =
+      parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
+                    [&](int, const char*) { return nul = true; });
+  if (status >= 0) return status;
+  if (argc - optind != 1) return usage_error(argv[0], "expected one FILE");
+  const std::string file = argv[optind];
+
+  bulk_ptr ctx = open_bulk();
+  if (!ctx) return kExitNotMounted;
+  // The bulk context answers whether the file lies on a tagged volume; the
+  // tags themselves are the daemon's tag files.
+  if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
+    report({file}, setpath_reason(file));
+    return kExitFailed;
+  }
+  ctx.reset();
+  char canonical[PATH_MAX];
+  const std::string mount = mount_point();
+  if (mount.empty()) return report_not_mounted();
+  if (realpath(file.c_str(), canonical) == nullptr) {
+    report({file}, errno_reason(errno));
+    return kExitFailed;
+  }
+  const std::string tag_dir = mount + "/meta" + canonical;
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tag_dir.c_str()), closedir);
+  if (!dir) {
+    if (errno == ENOENT) return kExitOk;  // the file carries no tag
+    report({file}, errno_reason(errno));
+    return kExitFailed;
+  }
+  std::vector<std::string> names;
+  while (const struct dirent* entry = readdir(dir.get())) {
+    if (is_regular_entry(tag_dir, entry)) names.push_back(entry->d_name);
+  }
+  dir.reset();
+  std::sort(names.begin(), names.end());
+  bool failed = false;
+  for (const std::string& name : names) {
+    std::string value;
+    const int rc = read_through_mount(file, name, &value);
+    if (rc != 0) {
+      report({file, name}, errno_reason(rc));
+      failed = true;
+      continue;
+    }
+    emit(name + "=" + value, nul);
+  }
+  return failed ? kExitFailed : kExitOk;
+}
+
+int cmd_del(int argc, char** argv) {
+  std::vector<std::string> names;
+  std::string pattern;
+  bool via_mount = false;
+  const int status = parse_options(
+      argc, argv, "t:g:m",
+      {{"tag", required_argument, nullptr, 't'},
+       {"glob", required_argument, nullptr, 'g'},
+       {"mount", no_argument, nullptr, 'm'}},
+      [&](int c, const char* arg) {
+        if (c == 'm') via_mount = true;
+        if (c == 'g') pattern = arg;
+        if (c == 't') names.push_back(arg);
+        return true;
+      });
+  if (status >= 0) return status;
+  if (names.empty() == pattern.empty()) {
+    return usage_error(argv[0], "give either -t NAME or -g PATTERN");
+  }
+  for (const std::string& name : names) {
+    if (name.empty()) return usage_error(argv[0], "empty tag name");
+  }
+  if (optind >= argc) return usage_error(argv[0], "no file given");
+  const std::vector<std::string> files(argv + optind, argv + argc);
+
+  bool failed = false;
+  if (!pattern.empty() || via_mount) {
+    if (!tag_fs_mounted()) return report_not_mounted();
+    for (const std::string& file : files) {
+      if (!file_exists(file)) {
+        report({file}, errno_reason(ENOENT));
+        failed = true;
+        continue;
+      }
+      if (!pattern.empty()) {
+        // A pattern that matches nothing gives whatever errno the search
+        // left, so a failure counts only while a matching tag remains.
+        const int rc = tevu_deltag_glob(file.c_str(), pattern.c_str());
+        if (rc != 0 && any_tag_matches(file, pattern)) {
+          report({file, pattern}, errno_reason(rc));
+          failed = true;
+        }
+        continue;
+      }
+      for (const std::string& name : names) {
+        const int rc = tevu_deltag(file.c_str(), name.c_str());
+        if (rc != 0 && rc != ENOENT) {  // a tag not set counts as removed
+          report({file, name}, errno_reason(rc));
+          failed = true;
+        }
+      }
+    }
+    return failed ? kExitFailed : kExitOk;
+  }
+
+  bulk_ptr ctx = open_bulk();
+  if (!ctx) return kExitNotMounted;
+  for (const std::string& file : files) {
+    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
+      report({file}, setpath_reason(file));
+      failed = true;
+      continue;
+    }
+    for (const std::string& name : names) {
+      const int rc = tevu_bulk_deltag(ctx.get(), name.c_str());
+      if (rc != 0) {
+        report({file, name}, bulk_reason(rc, name));
+        failed = true;
+      }
+    }
+  }
+  return failed ? kExitFailed : kExitOk;
+}
+
+int cmd_find(int argc, char** argv) {
+  bool nul = false;
+  const int status =
+      parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
+                    [&](int, const char*) { return nul = true; });
+  if (status >= 0) return status;
+  if (argc - optind != 2) return usage_error(argv[0], "expected NAME VALUE");
+  const std::string name = argv[optind];
+  const std::string value = argv[optind + 1];
+  if (name.empty()) return usage_error(argv[0], "empty tag name");
+
+  for (std::size_t size = 4096;; size *= 4) {
+    malloc_buf buf(static_cast<char*>(malloc(size)));
+    if (!buf) {
+      report({name + "=" + value}, errno_reason(ENOMEM));
+      return kExitFailed;
+    }
+    const int rc = tevu_metadata_for_tagvalue(name.c_str(), value.c_str(),
+                                              buf.get(), size);
+    if (rc == 0) {
+      emit_lines(buf.get(), nul);
+      return kExitOk;
+    }
+    if (rc == ENOSPC && size < kValueCeiling) continue;
+    if (!tag_fs_mounted()) return report_not_mounted();
+    if (rc == ENOSPC) {
+      report({name + "=" + value}, "the file's tags are too long to show");
+      return kExitFailed;
+    }
+    report({name + "=" + value}, "no file has this tag value");
+    return kExitNotFound;
+  }
+}
+
+}  // namespace tevu_cli

@@ -1,0 +1,230 @@
+// `tevu`: tags of the files on the tagged volumes, for shell scripts.
+//
+//   tevu [--help | --version] COMMAND [OPTIONS] [ARGUMENTS]
+//
+// The commands are in the table below; each has its own --help.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "cli.h"
+
+namespace tevu_cli {
+
+namespace {
+
+constexpr const char kVersion[] = "tevu 0.1.0";
+
+constexpr const char kOverview[] =
+    "Usage: tevu [--help | --version] COMMAND [OPTIONS] [ARGUMENTS]\n"
+    "\n"
+    "Tags (NAME=VALUE) of the files on the tagged volumes.\n"
+    "\n"
+    "Commands:\n";
+
+constexpr const char kOverviewEnd[] =
+    "\n"
+    "'tevu COMMAND --help' describes a command.\n"
+    "\n"
+    "Exit status: 0 success; 1 a file or tag failed (each failure is reported\n"
+    "on standard error as one line 'tevu: FILE: TAG: REASON'); 2 usage error;\n"
+    "3 the tag file system is not mounted; 4 not found (get, find).\n";
+
+constexpr const char kSetHelp[] =
+    "Usage: tevu set [-r] [-m] -t NAME=VALUE [-t NAME=VALUE ...] FILE...\n"
+    "\n"
+    "Sets every given tag on every FILE, directly in the volumes' tag\n"
+    "databases, one transaction per file. A failure of one file or tag is\n"
+    "reported and the others go on.\n"
+    "\n"
+    "  -t, --tag NAME=VALUE  a tag to set (repeatable; VALUE may be empty)\n"
+    "  -r, --recursive       also set the tags on every tagged file below each\n"
+    "                        FILE (a directory)\n"
+    "  -m, --mount           write the tag files through the mounted tag file\n"
+    "                        system instead; the daemon does the database work\n";
+
+constexpr const char kGetHelp[] =
+    "Usage: tevu get [-m] [-0] FILE NAME\n"
+    "\n"
+    "Prints the value of tag NAME of FILE, followed by a line feed. Exit\n"
+    "status 4 when FILE does not carry the tag.\n"
+    "\n"
+    "  -m, --mount  read the tag file through the mounted tag file system\n"
+    "  -0, --null   end the value with a NUL byte instead of a line feed\n";
+
+constexpr const char kListHelp[] =
+    "Usage: tevu list [-0] FILE\n"
+    "\n"
+    "Prints every tag of FILE as the tag file system shows it, one\n"
+    "'NAME=VALUE' per line, sorted by name.\n"
+    "\n"
+    "  -0, --null  end each entry with a NUL byte instead of a line feed\n";
+
+constexpr const char kDelHelp[] =
+    "Usage: tevu del [-m] -t NAME [-t NAME ...] FILE...\n"
+    "       tevu del -g PATTERN FILE...\n"
+    "\n"
+    "Removes the named tags from every FILE, directly in the tag databases\n"
+    "(a tag that is not set counts as removed), or every tag whose name\n"
+    "matches the glob PATTERN, through the mounted tag file system.\n"
+    "\n"
+    "  -t, --tag NAME       a tag to remove (repeatable)\n"
+    "  -g, --glob PATTERN   remove the tags matching PATTERN (*, ?, [...])\n"
+    "  -m, --mount          remove the named tag files through the mount\n";
+
+constexpr const char kFindHelp[] =
+    "Usage: tevu find [-0] NAME VALUE\n"
+    "\n"
+    "Finds a file whose tag NAME has the value VALUE (letter case ignored)\n"
+    "and prints all its tags, one 'NAME=VALUE' per line. Exit status 4 when\n"
+    "no file has it.\n"
+    "\n"
+    "  -0, --null  end each entry with a NUL byte instead of a line feed\n";
+
+constexpr const char kImportHelp[] =
+    "Usage: tevu import [-0] [-q] < LINES\n"
+    "\n"
+    "Sets tags read from standard input, one file per line:\n"
+    "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
+    "all through one connection per volume, one transaction per file. Values\n"
+    "cannot hold a TAB or a line feed (use -0 for line feeds). Failures are\n"
+    "reported one per line and the import goes on. While standard error is a\n"
+    "terminal a progress line shows the files done, the rate and the time\n"
+    "left; at the end one line sums up:\n"
+    "  tevu: import: FILES files, TAGS tags, FAILURES failures, SECONDS s\n"
+    "An interrupt (Ctrl-C) stops after the current file; what was done stays.\n"
+    "\n"
+    "  -0, --null   records end with a NUL byte instead of a line feed\n"
+    "  -q, --quiet  no progress line and no summary\n";
+
+constexpr const char kDeletedHelp[] =
+    "Usage: tevu deleted PATH...\n"
+    "\n"
+    "Removes the tags of each PATH and of everything below it: call it when\n"
+    "a script deleted (or is about to delete) those files. PATH is taken as\n"
+    "written (made absolute, not resolved: the file may be gone).\n";
+
+constexpr const char kMovedHelp[] =
+    "Usage: tevu moved SRC DST\n"
+    "\n"
+    "Carries the tags of SRC and of everything below it over to DST: call it\n"
+    "when a script moved or renamed SRC to DST. Within one volume the tags\n"
+    "are renamed; onto another volume they are copied there; a DST outside\n"
+    "the tagged volumes drops them. Paths are taken as written.\n";
+
+constexpr const char kCleanupHelp[] =
+    "Usage: tevu cleanup [-n] [-0] DIR\n"
+    "\n"
+    "Removes the tags of every file below DIR (or DIR itself) that no longer\n"
+    "exists, and prints each such path. An interrupt (Ctrl-C) stops the scan;\n"
+    "what was found until then is removed.\n"
+    "\n"
+    "  -n, --dry-run  only print the paths, remove nothing\n"
+    "  -0, --null     end each path with a NUL byte instead of a line feed\n";
+
+constexpr const char kViewHelp[] =
+    "Usage: tevu view create NAME\n"
+    "       tevu view cond NAME CONDITION\n"
+    "       tevu view group NAME GROUPING\n"
+    "       tevu view events NAME on|off\n"
+    "       tevu view path [-0] NAME\n"
+    "       tevu view delete NAME\n"
+    "\n"
+    "Configures the views that the tag file system builds. 'cond' and 'group'\n"
+    "create the view when needed; 'events' needs an existing view; 'path'\n"
+    "prints the directory in which the view's files appear.\n"
+    "\n"
+    "  -0, --null  (path) end the path with a NUL byte instead of a line feed\n";
+
+constexpr const char kLimitsHelp[] =
+    "Usage: tevu limits\n"
+    "\n"
+    "Prints the limits the tag file system publishes, as\n"
+    "  TAG_NAME_MAX=N\n"
+    "  TAG_VALUE_MAX=N\n"
+    "Names and values must be shorter than these. 0 means unknown (exit 1).\n";
+
+}  // namespace
+
+const std::vector<Command>& commands() {
+  static const std::vector<Command> table = {
+      {"set", "set tags on files", kSetHelp, cmd_set},
+      {"get", "print one tag of a file", kGetHelp, cmd_get},
+      {"list", "print every tag of a file", kListHelp, cmd_list},
+      {"del", "remove tags from files", kDelHelp, cmd_del},
+      {"find", "print the tags of the file with a given tag value", kFindHelp,
+       cmd_find},
+      {"import", "set tags read from standard input", kImportHelp, cmd_import},
+      {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
+      {"moved", "carry tags along after a move", kMovedHelp, cmd_moved},
+      {"cleanup", "drop the tags of vanished files", kCleanupHelp, cmd_cleanup},
+      {"view", "create, configure and delete views", kViewHelp, cmd_view},
+      {"limits", "print the tag name and value limits", kLimitsHelp,
+       cmd_limits},
+  };
+  return table;
+}
+
+void print_help(const char* command) {
+  for (const Command& c : commands()) {
+    if (std::strcmp(c.name, command) == 0) {
+      std::fputs(c.help, stdout);
+      return;
+    }
+  }
+  std::fputs(kOverview, stdout);
+  for (const Command& c : commands()) {
+    std::printf("  %-8s %s\n", c.name, c.summary);
+  }
+  std::fputs(kOverviewEnd, stdout);
+}
+
+namespace {
+
+int run(int argc, char** argv) {
+  if (argc < 2) {
+    return usage_error("tevu", "no command given");
+  }
+  const std::string first = argv[1];
+  if (first == "--help" || first == "-h" || first == "help") {
+    print_help(argc > 2 && first == "help" ? argv[2] : "");
+    return kExitOk;
+  }
+  if (first == "--version") {
+    std::puts(kVersion);
+    return kExitOk;
+  }
+  for (const Command& c : commands()) {
+    if (first != c.name) continue;
+    // The command sees "tevu NAME" as its program name, so that its
+    // messages and its help name it.
+    std::string program = std::string("tevu ") + c.name;
+    std::vector<char*> args(argv + 1, argv + argc);
+    args[0] = &program[0];
+    args.push_back(nullptr);
+    return c.run(argc - 1, args.data());
+  }
+  if (!first.empty() && first[0] == '-') {
+    return usage_error("tevu", "unknown option " + first);
+  }
+  return usage_error("tevu", "unknown command '" + first + "'");
+}
+
+}  // namespace
+}  // namespace tevu_cli
+
+int main(int argc, char** argv) {
+  int status;
+  try {
+    status = tevu_cli::run(argc, argv);
+  } catch (const std::exception& e) {
+    tevu_cli::report({}, e.what());
+    status = tevu_cli::kExitFailed;
+  }
+  if (std::fflush(stdout) != 0 && status == tevu_cli::kExitOk) {
+    tevu_cli::report({}, "cannot write the output");
+    status = tevu_cli::kExitFailed;
+  }
+  return status;
+}
