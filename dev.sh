@@ -7,7 +7,7 @@
 #                      32-bit little-endian MIPS under qemu-mipsel; then
 #                      compile every library source for big-endian MIPS
 #   bash dev.sh size   the stripped size and the needed libraries of the
-#                      mipsel libtevul.so
+#                      mipsel libtevul.so, and the size of the tevu tool
 set -euo pipefail
 cd "$(dirname "$0")"
 
@@ -68,15 +68,16 @@ cross_build() {
     -DTEVUL_TARGET_TRIPLE="$triple" -DTEVUL_SYSROOT="$MIPSEL_SYSROOT" "$@"
 }
 
-# Every library source must compile for big-endian MIPS too; Debian has no
-# big-endian SQLite to link against, so this stops at object files.
+# Every source of the library and the tool must compile for big-endian MIPS
+# too; Debian has no big-endian SQLite to link against, so this stops at
+# object files.
 mips_big_endian_check() {
   local out=build-mips-be
   mkdir -p "$out"
-  for src in sources/*.cpp; do
+  for src in sources/*.cpp tools/tevu/*.cpp; do
     mips-linux-gnu-g++ -std=c++14 -O2 -Wall -Wextra -Werror -fPIC \
       -fvisibility=hidden -fvisibility-inlines-hidden \
-      -D_FILE_OFFSET_BITS=64 -D_GNU_SOURCE -Iinclude -Isources \
+      -D_FILE_OFFSET_BITS=64 -D_GNU_SOURCE -Iinclude -Isources -Itools/tevu \
       -isystem "$MIPSEL_SYSROOT/usr/include" \
       -c "$src" -o "$out/$(basename "$src" .cpp).o"
   done
@@ -119,6 +120,8 @@ case "${1:-}" in
     mipsel-linux-gnu-strip -o build-mipsel-size/libtevul.stripped.so build-mipsel-size/libtevul.so
     echo "stripped: $(stat -c %s build-mipsel-size/libtevul.stripped.so) bytes"
     mipsel-linux-gnu-readelf -d build-mipsel-size/libtevul.stripped.so | grep NEEDED
+    mipsel-linux-gnu-strip -o build-mipsel-size/tevu.stripped build-mipsel-size/tools/tevu
+    echo "tevu tool, stripped: $(stat -c %s build-mipsel-size/tevu.stripped) bytes"
     ;;
   *)
     echo "usage: bash dev.sh run|test|size" >&2

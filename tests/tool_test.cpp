@@ -57,6 +57,7 @@ std::vector<std::string> tool_command() {
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
   execv(argv[0], argv.data());
+  std::perror(argv[0]);
   _exit(127);
 }
 
