@@ -2,6 +2,7 @@
 #include "cli.h"
 
 #include <errno.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -44,6 +45,19 @@ int parse_options(int argc, char** argv, const std::string& shortopts,
     if (c == ':') return usage_error(argv[0], "option " + shown + " needs a value");
     if (!on_option(c, optarg)) return kExitUsage;
   }
+}
+
+int parse_null_option(int argc, char** argv, bool* nul) {
+  return parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
+                       [nul](int, const char*) { return *nul = true; });
+}
+
+void catch_interrupts(void (*handler)(int)) {
+  struct sigaction action;
+  std::memset(&action, 0, sizeof action);
+  action.sa_handler = handler;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
 }
 
 void report(const std::vector<std::string>& parts, const std::string& reason) {

@@ -71,6 +71,13 @@ int parse_options(int argc, char** argv, const std::string& shortopts,
                   std::vector<option> longopts,
                   const std::function<bool(int, const char*)>& on_option);
 
+// parse_options() for a command whose only option is -0/--null.
+int parse_null_option(int argc, char** argv, bool* nul);
+
+// Calls `handler` on SIGINT and SIGTERM (interrupted calls are not
+// restarted).
+void catch_interrupts(void (*handler)(int));
+
 // Prints the help of the named command on standard output.
 void print_help(const char* command);
 

@@ -155,11 +155,7 @@ int cmd_import(int argc, char** argv) {
 
   // An interrupt ends the import after the current record; the records
   // done so far stay committed.
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
-  action.sa_handler = on_interrupt;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  catch_interrupts(on_interrupt);
 
   Progress progress(!quiet && isatty(STDERR_FILENO));
   Totals totals;

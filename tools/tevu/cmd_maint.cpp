@@ -108,11 +108,7 @@ int cmd_cleanup(int argc, char** argv) {
   const std::size_t second_slash = g_cleanup.dir.find('/', 1);
   const std::string root = g_cleanup.dir.substr(0, second_slash);
 
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
-  action.sa_handler = on_cancel;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  catch_interrupts(on_cancel);
 
   const int rc = tevu_cleanup_attached(root.c_str(), &g_cancel, vanished_filter);
   if (rc == -1) {

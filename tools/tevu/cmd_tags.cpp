@@ -256,9 +256,7 @@ int cmd_get(int argc, char** argv) {
 
 int cmd_list(int argc, char** argv) {
   bool nul = false;
-  const int status =
-      parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
-                    [&](int, const char*) { return nul = true; });
+  const int status = parse_null_option(argc, argv, &nul);
   if (status >= 0) return status;
   if (argc - optind != 1) return usage_error(argv[0], "expected one FILE");
   const std::string file = argv[optind];
@@ -382,9 +380,7 @@ int cmd_del(int argc, char** argv) {
 
 int cmd_find(int argc, char** argv) {
   bool nul = false;
-  const int status =
-      parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
-                    [&](int, const char*) { return nul = true; });
+  const int status = parse_null_option(argc, argv, &nul);
   if (status >= 0) return status;
   if (argc - optind != 2) return usage_error(argv[0], "expected NAME VALUE");
   const std::string name = argv[optind];

@@ -27,9 +27,7 @@ int view_status(int rc, const std::string& action, const std::string& name) {
 
 int cmd_view(int argc, char** argv) {
   bool nul = false;
-  const int status =
-      parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
-                    [&](int, const char*) { return nul = true; });
+  const int status = parse_null_option(argc, argv, &nul);
   if (status >= 0) return status;
   const int operands = argc - optind;
   if (operands < 2) return usage_error(argv[0], "expected ACTION NAME");
