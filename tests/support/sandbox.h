@@ -73,6 +73,10 @@ class Sandbox {
   static void write_ini(const std::string& text);
   static void remove_ini();
 
+  // Makes /etc/mtab, for this namespace only, a plain file holding `text`
+  // (as on systems with a static mount table). Returns "" on success.
+  static std::string replace_mtab(const std::string& text);
+
   // Reads every byte waiting on the FIFO. Returns how many arrived, or -1 if
   // any of them was not a zero byte.
   int drain_fifo();

@@ -1,0 +1,192 @@
+// Bad things from outside: files that are not what they should be, links
+// that point nowhere, a mount table that lies, a full disk. Each gives a
+// clear result and changes nothing else.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+using tevul_test::make_dirs;
+using tevul_test::write_file;
+
+namespace {
+
+struct BulkFini {
+  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
+};
+using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
+
+std::string slurp(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool exists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+class Faults : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
+    ASSERT_TRUE(write_file("/srv/b.txt", "b"));
+  }
+  // Tags /srv/b.txt, the file on the healthy volume.
+  static void tag_healthy_file(tevu_bulk_ctx* bulk) {
+    ASSERT_EQ(tevu_bulk_setpath(bulk, "/srv/b.txt"), 0);
+    ASSERT_EQ(tevu_bulk_settag(bulk, "k", "v"), 0);
+  }
+};
+
+TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
+  const std::string garbage(3000, 'x');
+  ASSERT_TRUE(write_file(Sandbox::db_path("mnt"), garbage));
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr);
+  // The file opens (SQLite reads lazily); every statement then fails.
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
+  EXPECT_NE(tevu_bulk_settag(bulk.get(), "k", "v"), 0);
+  char buf[16];
+  EXPECT_EQ(tevu_bulk_gettag(bulk.get(), "k", buf, sizeof buf), -1);
+  EXPECT_EQ(tevu_bulk_deltag(bulk.get(), "k"), 0)
+      << "a tag whose column cannot be seen counts as removed";
+  // The other volume is not disturbed by the broken one.
+  tag_healthy_file(bulk.get());
+  bulk.reset();
+  EXPECT_EQ(slurp(Sandbox::db_path("mnt")), garbage);
+
+  EXPECT_EQ(tevu_delete("/mnt/a.txt"), -1);
+  EXPECT_EQ(tevu_move("/mnt/a.txt", "/mnt/c.txt"), 1);
+  int cancel = 0;
+  EXPECT_EQ(tevu_cleanup_attached("/mnt", &cancel, nullptr), EIO);
+  EXPECT_EQ(tevu_metadata_for_tagvalue("k", "v", buf, sizeof buf), 0)
+      << "the lookup skips the broken volume and finds the healthy one";
+  EXPECT_EQ(slurp(Sandbox::db_path("mnt")), garbage);
+  EXPECT_EQ(RawDb(Sandbox::db_path("srv")).value("SELECT Data FROM Meta"), "k=v");
+}
+
+TEST_F(Faults, DatabaseLinkThatPointsNowhere) {
+  const std::string link = Sandbox::meta_backing() + "/mnt@@db";
+  ASSERT_EQ(unlink(link.c_str()), 0);
+  ASSERT_EQ(symlink("/mnt/gone/.tags.db", link.c_str()), 0);
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr);
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), -1);
+  EXPECT_EQ(tevu_bulk_settag(bulk.get(), "k", "v"), -1);
+  tag_healthy_file(bulk.get());
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), -1)
+      << "a failed switch away from a working volume";
+  EXPECT_EQ(tevu_bulk_settag(bulk.get(), "k", "v"), -1);
+  bulk.reset();
+  EXPECT_EQ(tevu_delete("/mnt/a.txt"), -1);
+  EXPECT_EQ(tevu_move("/srv/b.txt", "/mnt/b.txt"), 0)
+      << "a destination without a database: the tags are dropped";
+  int cancel = 0;
+  EXPECT_EQ(tevu_cleanup_attached("/mnt", &cancel, nullptr), EIO);
+  EXPECT_FALSE(exists("/mnt/gone")) << "nothing is created where the link points";
+  EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT count(*) FROM Meta"), "0");
+}
+
+TEST_F(Faults, LimitsFileThatCannotBeRead) {
+  const std::string limits = Sandbox::meta_backing() + "/.info/limits.txt";
+  // Root reads any file, so "unreadable" is a directory in its place and
+  // then a link loop.
+  ASSERT_EQ(unlink(limits.c_str()), 0);
+  ASSERT_EQ(mkdir(limits.c_str(), 0755), 0);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    SCOPED_TRACE(attempt == 0 ? "directory" : "link loop");
+    EXPECT_EQ(tevu_getmaxnamelen(), 0);
+    EXPECT_EQ(tevu_getmaxvaluelen(), 0);
+    Bulk bulk(tevu_bulk_init());
+    ASSERT_NE(bulk, nullptr);
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
+    // Unknown limits refuse every name: nothing is written.
+    EXPECT_EQ(tevu_bulk_settag(bulk.get(), "k", "v"), -ENAMETOOLONG);
+    EXPECT_EQ(tevu_bulk_settag_recursive(bulk.get(), "k", "v"), -ENAMETOOLONG);
+    bulk.reset();
+    EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT count(*) FROM Meta"), "0");
+    ASSERT_EQ(rmdir(limits.c_str()) == 0 || unlink(limits.c_str()) == 0, true);
+    ASSERT_EQ(symlink("limits.txt", limits.c_str()), 0);
+  }
+}
+
+TEST_F(Faults, MountTableEntryWhoseMountPointVanished) {
+  // A static mount table that still lists the tag file system at a
+  // directory that no longer exists.
+  ASSERT_EQ(Sandbox::replace_mtab("tevu /tmp/vanished fuse.tevu rw 0 0\n"), "");
+  EXPECT_EQ(tevu_getmaxnamelen(), 0);
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr) << "the mount point is known, though gone";
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), -1);
+  bulk.reset();
+  char buf[64];
+  EXPECT_EQ(tevu_settag("/mnt/a.txt", "k", "v"), ENOENT);
+  EXPECT_EQ(tevu_gettag("/mnt/a.txt", "k", buf, sizeof buf), ENOENT);
+  EXPECT_EQ(tevu_deltag("/mnt/a.txt", "k"), ENOENT);
+  EXPECT_EQ(tevu_metadata_for_tagvalue("k", "v", buf, sizeof buf), ENOENT);
+  EXPECT_EQ(tevu_delete("/mnt/a.txt"), -1);
+  EXPECT_EQ(tevu_move("/mnt/a.txt", "/mnt/b.txt"), -1);
+  EXPECT_EQ(tevu_view_get_path("v", buf, sizeof buf), nullptr);
+  EXPECT_FALSE(exists("/tmp/vanished"));
+  EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT count(*) FROM Meta"), "0");
+}
+
+// The volume is a small tmpfs that is full when a file is being tagged.
+TEST_F(Faults, FullDiskDuringATransaction) {
+  Sandbox::write_limits("TAG_NAME_MAX=64\nTAG_VALUE_MAX=1000000\n");
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT, "size=512k"), 0);
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr);
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
+  ASSERT_EQ(tevu_bulk_settag(bulk.get(), "k", "committed"), 0);
+  ASSERT_EQ(tevu_bulk_settag(bulk.get(), "big", ""), 0);
+  ASSERT_EQ(tevu_bulk_commit(bulk.get()), 0);
+
+  // Fill the volume up to its last block: less than any journal needs.
+  struct statvfs vfs;
+  ASSERT_EQ(statvfs("/mnt", &vfs), 0);
+  const std::size_t free_bytes = vfs.f_bavail * vfs.f_frsize;
+  ASSERT_GT(free_bytes, 8192u);
+  ASSERT_TRUE(write_file("/mnt/filler", std::string(free_bytes - 4096, 'f')));
+  const std::string before = RawDb(Sandbox::db_path("mnt")).snapshot();
+
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
+  EXPECT_EQ(tevu_bulk_settag(bulk.get(), "big", std::string(200000, 'v').c_str()), 1)
+      << "the failed statement is reported";
+  EXPECT_EQ(tevu_bulk_rollback(bulk.get()), 0);
+  bulk.reset();
+  {
+    RawDb db(Sandbox::db_path("mnt"));
+    EXPECT_EQ(db.value("PRAGMA integrity_check"), "ok");
+    EXPECT_EQ(db.snapshot(), before) << "nothing changed";
+  }
+
+  // With room again, the next run proceeds.
+  ASSERT_EQ(unlink("/mnt/filler"), 0);
+  Bulk again(tevu_bulk_init());
+  ASSERT_EQ(tevu_bulk_setpath(again.get(), "/mnt/a.txt"), 0);
+  EXPECT_EQ(tevu_bulk_settag(again.get(), "big", "small"), 0);
+  again.reset();
+  EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT Data FROM Meta"),
+            "k=committed|big=small");
+}
+
+}  // namespace

@@ -1,0 +1,231 @@
+// Load: several processes with several bulk contexts each on one volume
+// while another process looks tags up, and a process killed in the middle of
+// a bulk run. No tag that was committed may be lost, every Data must match
+// its row, and no call may report a lock.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/select.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+using Rows = std::vector<std::vector<std::string>>;
+
+namespace {
+
+struct BulkFini {
+  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
+};
+using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
+
+std::string file_name(int i) { return "/mnt/load/f" + std::to_string(i); }
+
+// Every row's Data must be the encoding of its tag columns, in column order.
+// The values used here need no escapes.
+void expect_data_matches_columns(const std::string& volume) {
+  RawDb db(Sandbox::db_path(volume));
+  const std::vector<std::string> columns = db.columns();
+  for (const auto& row : db.rows("SELECT * FROM Meta")) {
+    std::string data;
+    std::string path;
+    for (std::size_t c = 0; c < columns.size(); ++c) {
+      if (columns[c] == "Path") path = row[c];
+      if (columns[c][0] != '.' || row[c] == "NULL") continue;
+      if (!data.empty()) data += "|";
+      data += columns[c].substr(1) + "=" + row[c];
+    }
+    for (std::size_t c = 0; c < columns.size(); ++c) {
+      if (columns[c] == "Data") {
+        EXPECT_EQ(row[c], data) << path;
+      }
+    }
+  }
+}
+
+// Forks a process that runs `body` and exits with its result.
+template <typename Body>
+pid_t spawn(Body body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  return pid;
+}
+
+int exit_status(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+class Load : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    ASSERT_TRUE(tevul_test::make_dirs("/mnt/load"));
+    for (int i = 0; i < kFiles; ++i) {
+      ASSERT_TRUE(tevul_test::write_file(file_name(i), ""));
+    }
+  }
+  static constexpr int kFiles = 48;
+};
+
+// Four processes, two threads each with its own bulk context, tag
+// overlapping ranges of files for several rounds; a fifth process looks tags
+// up by value meanwhile.
+TEST_F(Load, FourProcessesWithTwoContextsEachLoseNothing) {
+  constexpr int kProcesses = 4, kContexts = 2, kRounds = 5, kSpan = 24;
+  // The range of context c of process p: overlapping neighbours.
+  auto first_file = [](int p, int c) { return (p * kContexts + c) * 6; };
+  auto tag = [](int p, int c) {
+    return "w" + std::to_string(p) + std::to_string(c);
+  };
+  auto value = [](int round, int i) {
+    return "r" + std::to_string(round) + "i" + std::to_string(i);
+  };
+
+  std::vector<pid_t> workers;
+  for (int p = 0; p < kProcesses; ++p) {
+    workers.push_back(spawn([&, p] {
+      std::atomic<int> failures{0};
+      std::vector<std::thread> threads;
+      for (int c = 0; c < kContexts; ++c) {
+        threads.emplace_back([&, c] {
+          Bulk bulk(tevu_bulk_init());
+          if (!bulk) {
+            ++failures;
+            return;
+          }
+          for (int round = 0; round < kRounds; ++round) {
+            for (int k = 0; k < kSpan; ++k) {
+              const int i = (first_file(p, c) + k) % kFiles;
+              const std::string path = file_name(i);
+              if (tevu_bulk_setpath(bulk.get(), path.c_str()) != 0 ||
+                  tevu_bulk_settag(bulk.get(), tag(p, c).c_str(),
+                                   value(round, i).c_str()) != 0 ||
+                  tevu_bulk_settag(bulk.get(), "last", tag(p, c).c_str()) != 0) {
+                ++failures;
+              }
+            }
+          }
+        });
+      }
+      for (auto& t : threads) t.join();
+      return failures.load() > 100 ? 100 : failures.load();
+    }));
+  }
+  int stop_pipe[2];
+  ASSERT_EQ(pipe(stop_pipe), 0);
+  const pid_t looker = spawn([&] {
+    close(stop_pipe[1]);
+    int bad = 0, calls = 0;
+    char buf[512];
+    // Runs until the workers are done (the pipe reports end of file).
+    for (;;) {
+      fd_set in;
+      FD_ZERO(&in);
+      FD_SET(stop_pipe[0], &in);
+      timeval none{0, 0};
+      if (select(stop_pipe[0] + 1, &in, nullptr, nullptr, &none) > 0) break;
+      const int rc = tevu_metadata_for_tagvalue("last", "w00", buf, sizeof buf);
+      if (rc != 0 && rc != ENOENT) ++bad;
+      ++calls;
+    }
+    return bad > 0 ? 1 : calls > 0 ? 0 : 2;
+  });
+  close(stop_pipe[0]);
+  for (pid_t pid : workers) EXPECT_EQ(exit_status(pid), 0) << "failed calls";
+  close(stop_pipe[1]);
+  EXPECT_EQ(exit_status(looker), 0) << "a lookup failed, or none ran";
+
+  // Every context's tag of the last round is on every file of its range.
+  RawDb db(Sandbox::db_path("mnt"));
+  EXPECT_EQ(db.value("PRAGMA integrity_check"), "ok");
+  for (int p = 0; p < kProcesses; ++p) {
+    for (int c = 0; c < kContexts; ++c) {
+      for (int k = 0; k < kSpan; ++k) {
+        const int i = (first_file(p, c) + k) % kFiles;
+        EXPECT_EQ(db.value("SELECT \"." + tag(p, c) + "\" FROM Meta WHERE Path='load/f" +
+                           std::to_string(i) + "'"),
+                  value(kRounds - 1, i))
+            << tag(p, c) << " on f" << i;
+      }
+    }
+  }
+  expect_data_matches_columns("mnt");
+}
+
+// A bulk run killed with SIGKILL half-way through a file: what was committed
+// stays whole, the half-done file has none of its changes, and the next run
+// goes on.
+TEST_F(Load, KilledRunLeavesCommittedFilesWhole) {
+  constexpr int kKilledAt = 20;
+  int progress[2];
+  ASSERT_EQ(pipe(progress), 0);
+  const pid_t runner = spawn([&] {
+    close(progress[0]);
+    Bulk bulk(tevu_bulk_init());
+    for (int i = 0; bulk && i < kFiles; ++i) {
+      const std::string path = file_name(i);
+      const std::string n = std::to_string(i);
+      if (tevu_bulk_setpath(bulk.get(), path.c_str()) != 0 ||
+          tevu_bulk_settag(bulk.get(), "n", n.c_str()) != 0 ||
+          tevu_bulk_settag(bulk.get(), "kind", "test") != 0) {
+        return 1;
+      }
+      if (i == kKilledAt) {
+        // Half-way through this file: say so and wait to be killed.
+        if (write(progress[1], "k", 1) != 1) return 1;
+        pause();
+      }
+      if (tevu_bulk_settag(bulk.get(), "done", "yes") != 0) return 1;
+    }
+    return 0;
+  });
+  close(progress[1]);
+  char mark = 0;
+  ASSERT_EQ(read(progress[0], &mark, 1), 1);
+  close(progress[0]);
+  kill(runner, SIGKILL);
+  EXPECT_EQ(exit_status(runner), 128 + SIGKILL);
+
+  {
+    RawDb db(Sandbox::db_path("mnt"));
+    EXPECT_EQ(db.value("PRAGMA integrity_check"), "ok");
+    Rows expected;
+    for (int i = 0; i < kKilledAt; ++i) {
+      expected.push_back({"load/f" + std::to_string(i),
+                          "n=" + std::to_string(i) + "|kind=test|done=yes"});
+    }
+    EXPECT_EQ(db.rows("SELECT Path, Data FROM Meta ORDER BY ROWID"), expected)
+        << "only the committed files, each whole";
+  }
+
+  // The next run recovers the journal the killed one left and goes on.
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr);
+  for (int i = kKilledAt; i < kFiles; ++i) {
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), file_name(i).c_str()), 0);
+    ASSERT_EQ(tevu_bulk_settag(bulk.get(), "n", std::to_string(i).c_str()), 0);
+  }
+  bulk.reset();
+  RawDb db(Sandbox::db_path("mnt"));
+  EXPECT_EQ(db.value("PRAGMA integrity_check"), "ok");
+  EXPECT_EQ(db.value("SELECT count(*) FROM Meta"), std::to_string(kFiles));
+  EXPECT_EQ(db.value("SELECT Data FROM Meta WHERE Path='load/f20'"), "n=20");
+  expect_data_matches_columns("mnt");
+}
+
+}  // namespace
