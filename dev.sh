@@ -5,14 +5,16 @@
 #                      suite, again under AddressSanitizer and
 #                      UndefinedBehaviorSanitizer, and again cross-built for
 #                      32-bit little-endian MIPS under qemu-mipsel; then
-#                      compile every library source for big-endian MIPS
+#                      compile every library source for big-endian MIPS;
+#                      then run each fuzz target for FUZZ_SECONDS (20)
+#   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped size and the needed libraries of the
 #                      mipsel libtevul.so, and the size of the tevu tool
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest mergerfs fuse3
-          g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static)
+          g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static clang libclang-rt-14-dev)
 # The target's SQLite and GoogleTest, unpacked into a sysroot: installing
 # them through multiarch fails on Debian 12 (versions skew between the
 # architectures), so the packages are only downloaded.
@@ -84,6 +86,29 @@ mips_big_endian_check() {
   echo "big-endian MIPS: $(ls "$out"/*.o | wc -l) objects compiled"
 }
 
+# The libFuzzer targets, each for FUZZ_SECONDS (default 20) on its seed
+# corpus; what they find is written to build-fuzz/findings/.
+FUZZ_SECONDS=${FUZZ_SECONDS:-20}
+fuzz() {
+  CC=clang CXX=clang++ build build-fuzz -DTEVUL_BUILD_FUZZERS=ON \
+    -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF -DTEVUL_BUILD_TOOLS=OFF
+  mkdir -p build-fuzz/findings
+  for target in fuzz_limits fuzz_runtime_file fuzz_data_encoding fuzz_strings; do
+    mkdir -p "build-fuzz/corpus/$target"
+    echo "fuzzing $target for ${FUZZ_SECONDS} s"
+    local status=0
+    build-fuzz/tests/fuzz/$target -max_total_time="$FUZZ_SECONDS" -print_final_stats=1 \
+      -artifact_prefix=build-fuzz/findings/ \
+      "build-fuzz/corpus/$target" "tests/fuzz/corpus/$target" \
+      >"build-fuzz/$target.log" 2>&1 || status=$?
+    grep -E '^(Done|stat::number_of_executed_units)|ERROR|SUMMARY' "build-fuzz/$target.log" || true
+    if [ "$status" -ne 0 ]; then
+      echo "dev.sh: $target found a fault (see build-fuzz/$target.log and build-fuzz/findings/)" >&2
+      exit 1
+    fi
+  done
+}
+
 run_suite() {
   local dir=$1
   (cd "$dir" && ctest --output-on-failure -j "$JOBS")
@@ -111,6 +136,12 @@ case "${1:-}" in
     run_suite build-mipsel
     echo "== compile check for big-endian MIPS"
     mips_big_endian_check
+    echo "== fuzzing (clang, libFuzzer)"
+    fuzz
+    ;;
+  fuzz)
+    install_missing
+    fuzz
     ;;
   size)
     install_missing
@@ -124,7 +155,7 @@ case "${1:-}" in
     echo "tevu tool, stripped: $(stat -c %s build-mipsel-size/tevu.stripped) bytes"
     ;;
   *)
-    echo "usage: bash dev.sh run|test|size" >&2
+    echo "usage: bash dev.sh run|test|fuzz|size" >&2
     exit 2
     ;;
 esac

@@ -12,18 +12,25 @@ extern "C" const char* fsutil_basename(const char* s) {
 
 extern "C" size_t fsutil_dentrylen(const char* s) { return strcspn(s, "/"); }
 
-// The first byte of `path` is its leading "/" and is not examined; no
-// component boundary is required after `name`.
+namespace {
+// `path` after its first byte, which is its leading "/" and is not
+// examined; an empty path has nothing after it.
+const char* after_first(const char* path) {
+  return path[0] == '\0' ? path : path + 1;
+}
+}  // namespace
+
+// No component boundary is required after `name`.
 extern "C" int fsutil_prefix_match(const char* path, const char* name,
                                    int exact) {
-  const char* rest = path + 1;
+  const char* rest = after_first(path);
   if (exact) return strcmp(rest, name) == 0 ? 1 : 0;
   return strncmp(rest, name, strlen(name)) == 0 ? 1 : 0;
 }
 
 extern "C" int fsutil_prefix_match_len(const char* path, const char* name,
                                        size_t n) {
-  return strncmp(path + 1, name, n) == 0 ? 1 : 0;
+  return strncmp(after_first(path), name, n) == 0 ? 1 : 0;
 }
 
 extern "C" int fsutil_suffix_match(const char* s, const char* suffix) {

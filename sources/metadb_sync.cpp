@@ -44,6 +44,18 @@ void escape_value(std::string& out, const char* value) {
   }
 }
 
+}  // namespace
+
+void metadb_data_append(std::string& list, bool first, const char* name,
+                        const char* value) {
+  if (!first) list += '|';
+  escape_name(list, name);
+  list += '=';
+  escape_value(list, value);
+}
+
+namespace {
+
 // Encodes the tag columns of the row `select` stands on into `list`.
 void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
   bool first = true;
@@ -52,12 +64,10 @@ void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
     const char* name = sqlite3_column_name(select, i);
     if (name == nullptr || name[0] != '.') continue;  // Path, Data, others
     if (sqlite3_column_type(select, i) != SQLITE_TEXT) continue;
-    if (!first) list += '|';
+    metadb_data_append(
+        list, first, name + 1,
+        reinterpret_cast<const char*>(sqlite3_column_text(select, i)));
     first = false;
-    escape_name(list, name + 1);
-    list += '=';
-    escape_value(
-        list, reinterpret_cast<const char*>(sqlite3_column_text(select, i)));
   }
 }
 

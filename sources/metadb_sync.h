@@ -8,6 +8,14 @@
 #ifndef TEVUL_METADB_SYNC_H
 #define TEVUL_METADB_SYNC_H
 
+#include <string>
+
 #include "tevul.h"
+
+// Appends the entry of tag `name` (without its column's leading ".") with
+// `value` to the encoded list `list`, after a "|" unless it is the `first`
+// entry. Neither argument may be NULL.
+void metadb_data_append(std::string& list, bool first, const char* name,
+                        const char* value);
 
 #endif  // TEVUL_METADB_SYNC_H

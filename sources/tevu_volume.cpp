@@ -63,11 +63,14 @@ int32_t tevu_get_limit(const char* key) {
                 ".info", "limits.txt");
   tevul::file_ptr file(std::fopen(file_name, "r"));
   if (!file) return 0;
+  return tevu_scan_limit(file.get(), key);
+}
 
+int32_t tevu_scan_limit(FILE* file, const char* key) {
   char name[4096];
   char value[4096];
   for (;;) {
-    if (std::fscanf(file.get(), kLimitsScan, name, value) != 2) return 0;
+    if (std::fscanf(file, kLimitsScan, name, value) != 2) return 0;
     if (strcmp(name, key) != 0) continue;
     // The first line with the key decides, even when it is unusable.
     char* end = nullptr;
@@ -89,14 +92,16 @@ extern "C" int tevu_getmaxvaluelen(void) {
 int tevu_read_ini(char* dst) {
   tevul::file_ptr file(std::fopen(kRuntimeFile, "r"));
   if (!file) return 0;
+  return tevu_scan_ini(file.get(), dst);
+}
+
+int tevu_scan_ini(FILE* file, char* dst) {
   char first[256] = "";
   char root[4097] = "";
   char third[4097] = "";
   // Only end of input counts as "no line": a line matching just its first
   // field still counts as read, with an empty root.
-  if (std::fscanf(file.get(), kRuntimeScan, first, root, third) == EOF) {
-    return 0;
-  }
+  if (std::fscanf(file, kRuntimeScan, first, root, third) == EOF) return 0;
   tevul::format_cut(dst, tevu_path_size, "%s", root);
   return 1;
 }

@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "tevul.h"
 
@@ -37,11 +38,19 @@ const char* tevu_find_mount();
 // decimal digits).
 int32_t tevu_get_limit(const char* key);
 
+// The scan behind tevu_get_limit(): reads key=value lines from `file` up to
+// the first line whose key is `key` and returns its value by the same rules.
+int32_t tevu_scan_limit(FILE* file, const char* key);
+
 // Reads the volume root (the second ":"-separated field of the first line of
 // the runtime file) into `dst` of tevu_path_size bytes. Returns 1 when a line
 // was read (dst may be empty when the line had only its first field), 0
 // otherwise.
 int tevu_read_ini(char* dst);
+
+// The scan behind tevu_read_ini(): reads the first line of `file`, with the
+// same result and the same `dst`.
+int tevu_scan_ini(FILE* file, char* dst);
 
 // Fills `vol` for the volume holding the absolute path `path`. Returns 1 when
 // db_path, prefix and prefix_len were filled, 0 otherwise (prefix and

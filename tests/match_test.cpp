@@ -1,6 +1,8 @@
 // Path and string matching.
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include <cstring>
 #include <string>
 
@@ -32,6 +34,12 @@ TEST(Match, PrefixSuffixInfix) {
   EXPECT_EQ(fsutil_prefix_match("/meta/x", "meta", 0), 1);
   EXPECT_EQ(fsutil_prefix_match("/metadata", "meta", 0), 1) << "no boundary";
   EXPECT_EQ(fsutil_prefix_match("Xmeta", "meta", 1), 1) << "first byte unexamined";
+  // An empty path has nothing after its first byte: nothing past its
+  // terminator is read (a one-byte allocation shows it under ASan).
+  const std::unique_ptr<char[]> empty = std::make_unique<char[]>(1);
+  EXPECT_EQ(fsutil_prefix_match(empty.get(), "", 1), 1);
+  EXPECT_EQ(fsutil_prefix_match(empty.get(), "m", 0), 0);
+  EXPECT_EQ(fsutil_prefix_match_len(empty.get(), "m", 1), 0);
   EXPECT_EQ(fsutil_prefix_match("/x", "", 0), 1);
   EXPECT_EQ(fsutil_prefix_match_len("/music/a", "mus", 3), 1);
   EXPECT_EQ(fsutil_prefix_match_len("/mu", "music", 4), 0);
