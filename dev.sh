@@ -7,6 +7,8 @@
 #                      32-bit little-endian MIPS under qemu-mipsel; then
 #                      compile every library source for big-endian MIPS;
 #                      then run each fuzz target for FUZZ_SECONDS (20)
+#   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
+#                      about ten minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped size and the needed libraries of the
 #                      mipsel libtevul.so, and the size of the tevu tool
@@ -139,6 +141,16 @@ case "${1:-}" in
     echo "== fuzzing (clang, libFuzzer)"
     fuzz
     ;;
+  bench)
+    install_missing
+    command -v gnuplot >/dev/null || { apt-get install -y -qq --no-install-recommends gnuplot-nox >/dev/null; }
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON
+    rm -rf /var/tmp/tevul-bench
+    build-bench/bench/bulk_bench --disk /var/tmp/tevul-bench --tsv bench/results.tsv \
+      1000 10000 100000 | tee build-bench/results.md
+    gnuplot -c bench/plot.gp bench/results.tsv bench/bulk_rate.png
+    echo "table: build-bench/results.md, plot: bench/bulk_rate.png"
+    ;;
   fuzz)
     install_missing
     fuzz
@@ -155,7 +167,7 @@ case "${1:-}" in
     echo "tevu tool, stripped: $(stat -c %s build-mipsel-size/tevu.stripped) bytes"
     ;;
   *)
-    echo "usage: bash dev.sh run|test|fuzz|size" >&2
+    echo "usage: bash dev.sh run|test|fuzz|bench|size" >&2
     exit 2
     ;;
 esac

@@ -13,15 +13,11 @@
 #include "sandbox_test.h"
 #include "tevul.h"
 
+using tevul_test::Bulk;
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
 
 namespace {
-
-struct BulkCloser {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkCloser>;
 
 class BulkTest : public tevul_test::SandboxTest {
  protected:

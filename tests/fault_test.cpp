@@ -17,24 +17,13 @@
 #include "sandbox_test.h"
 #include "tevul.h"
 
+using tevul_test::Bulk;
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
 using tevul_test::make_dirs;
 using tevul_test::write_file;
 
 namespace {
-
-struct BulkFini {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
-
-std::string slurp(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 bool exists(const std::string& path) {
   struct stat st;
@@ -71,7 +60,7 @@ TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
   // The other volume is not disturbed by the broken one.
   tag_healthy_file(bulk.get());
   bulk.reset();
-  EXPECT_EQ(slurp(Sandbox::db_path("mnt")), garbage);
+  EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("mnt")), garbage);
 
   EXPECT_EQ(tevu_delete("/mnt/a.txt"), -1);
   EXPECT_EQ(tevu_move("/mnt/a.txt", "/mnt/c.txt"), 1);
@@ -79,7 +68,7 @@ TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
   EXPECT_EQ(tevu_cleanup_attached("/mnt", &cancel, nullptr), EIO);
   EXPECT_EQ(tevu_metadata_for_tagvalue("k", "v", buf, sizeof buf), 0)
       << "the lookup skips the broken volume and finds the healthy one";
-  EXPECT_EQ(slurp(Sandbox::db_path("mnt")), garbage);
+  EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("mnt")), garbage);
   EXPECT_EQ(RawDb(Sandbox::db_path("srv")).value("SELECT Data FROM Meta"), "k=v");
 }
 

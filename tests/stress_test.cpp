@@ -20,16 +20,12 @@
 #include "sandbox_test.h"
 #include "tevul.h"
 
+using tevul_test::Bulk;
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
 using Rows = std::vector<std::vector<std::string>>;
 
 namespace {
-
-struct BulkFini {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
 
 std::string file_name(int i) { return "/mnt/load/f" + std::to_string(i); }
 

@@ -33,13 +33,6 @@ struct Result {
   std::string err;
 };
 
-std::string slurp(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 // The command line that starts the tool: an emulator first when the suite
 // runs under one.
 std::vector<std::string> tool_command() {
@@ -99,8 +92,8 @@ Result run(const std::vector<std::string>& args, const std::string& input = "",
     close(master);
   }
   result.status = wait_status(pid);
-  result.out = slurp(out);
-  if (!tty_stderr) result.err = slurp(err);
+  result.out = tevul_test::read_file(out);
+  if (!tty_stderr) result.err = tevul_test::read_file(err);
   return result;
 }
 
@@ -268,7 +261,7 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
   Result r = run({"set", "-m", "-t", "rating=5", "-t", "note=two\nlines",
                   "-t", "keep=1", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(slurp(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
+  EXPECT_EQ(tevul_test::read_file(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
 
   r = run({"list", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
@@ -365,11 +358,11 @@ TEST_F(Tool, ViewsAndLimits) {
   EXPECT_EQ(run({"view", "cond", "best", "rating>4"}).status, 0);
   EXPECT_EQ(run({"view", "group", "best", "album"}).status, 0);
   EXPECT_EQ(run({"view", "events", "best", "on"}).status, 0);
-  EXPECT_EQ(slurp(config + "/cond.ini"), "rating>4");
-  EXPECT_EQ(slurp(config + "/group.ini"), "album");
-  EXPECT_EQ(slurp(config + "/events.ini"), "1");
+  EXPECT_EQ(tevul_test::read_file(config + "/cond.ini"), "rating>4");
+  EXPECT_EQ(tevul_test::read_file(config + "/group.ini"), "album");
+  EXPECT_EQ(tevul_test::read_file(config + "/events.ini"), "1");
   EXPECT_EQ(run({"view", "events", "best", "off"}).status, 0);
-  EXPECT_EQ(slurp(config + "/events.ini"), "0");
+  EXPECT_EQ(tevul_test::read_file(config + "/events.ini"), "0");
   Result r = run({"view", "path", "best"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, std::string(Sandbox::kMount) + "/view/best\n");

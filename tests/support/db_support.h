@@ -67,6 +67,12 @@ struct TagDbCloser {
 // A library handle closed at the end of its scope.
 using TagDbHandle = std::unique_ptr<metadb_tagdb, TagDbCloser>;
 
+struct BulkFini {
+  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
+};
+// A bulk context released (and committed) at the end of its scope.
+using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
+
 // A test with a fresh tag database file_ in dir_, open through db_.
 class TagDbTest : public ::testing::Test {
  protected:

@@ -49,6 +49,8 @@ bool is_mounted(const std::string& mount_point) {
   return false;
 }
 
+}  // namespace
+
 std::string create_tag_db(const std::string& file) {
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(file.c_str(), &db,
@@ -63,12 +65,17 @@ std::string create_tag_db(const std::string& file) {
   return rc == SQLITE_OK ? "" : "cannot create " + file;
 }
 
-}  // namespace
-
 bool write_file(const std::string& file, const std::string& text) {
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << text;
   return static_cast<bool>(out);
+}
+
+std::string read_file(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
 }
 
 bool make_dirs(const std::string& dir) {

@@ -1,0 +1,352 @@
+// Bulk tagging through the library against a floor that issues the same
+// SQLite statements in the same transactions directly, plus the latency of a
+// lookup by value and of a bulk gettag, and the time of a cleanup, at the
+// largest N. Every measured run is a process of its own, so that its peak
+// resident memory (ru_maxrss) is its own.
+//
+//   bulk_bench [--disk DIR] [--tsv FILE] N...
+//
+// Runs in the library's real setting (see tests/support/sandbox.h): the
+// volume /mnt is a tmpfs; with --disk, the volume /srv is DIR bind-mounted
+// (a directory on a disk). Prints a Markdown table; --tsv also writes the
+// rates for plotting. Needs root.
+#include <sqlite3.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "sandbox.h"
+#include "tevul.h"
+
+namespace {
+
+using tevul_test::Sandbox;
+
+constexpr int kTags = 4;
+const char* const kTagNames[kTags] = {"id", "album", "kind", "rating"};
+
+std::string file_path(const std::string& volume, long i) {
+  return "/" + volume + "/bench/d" + std::to_string(i / 1000) + "/f" +
+         std::to_string(i) + ".jpg";
+}
+
+std::string tag_value(long i, int t) {
+  switch (t) {
+    case 0:
+      return "i" + std::to_string(i);
+    case 1:
+      return "album " + std::to_string(i / 100);
+    case 2:
+      return i % 2 ? "photo" : "scan";
+    default:
+      return std::to_string(i % 5);
+  }
+}
+
+double seconds_since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+struct Measure {
+  double seconds = -1;
+  long peak_kb = 0;
+};
+
+// Runs `body` in a child process; it returns the seconds it measured.
+Measure in_child(const std::function<double()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return {};
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    const double s = body();
+    const ssize_t n = write(fds[1], &s, sizeof s);
+    _exit(n == sizeof s ? 0 : 1);
+  }
+  close(fds[1]);
+  Measure m;
+  if (read(fds[0], &m.seconds, sizeof m.seconds) != sizeof m.seconds) {
+    m.seconds = -1;
+  }
+  close(fds[0]);
+  int status = 0;
+  struct rusage usage;
+  if (wait4(pid, &status, 0, &usage) == pid) m.peak_kb = usage.ru_maxrss;
+  return m;
+}
+
+// The library: one bulk context, one file after another, four tags each.
+double run_library(const std::string& volume, long n) {
+  const auto start = std::chrono::steady_clock::now();
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  if (bulk == nullptr) return -1;
+  for (long i = 0; i < n; ++i) {
+    if (tevu_bulk_setpath(bulk, file_path(volume, i).c_str()) != 0) return -1;
+    for (int t = 0; t < kTags; ++t) {
+      if (tevu_bulk_settag(bulk, kTagNames[t], tag_value(i, t).c_str()) != 0) {
+        return -1;
+      }
+    }
+  }
+  tevu_bulk_fini(bulk);
+  return seconds_since(start);
+}
+
+struct Stmt {
+  sqlite3_stmt* s = nullptr;
+  Stmt(sqlite3* db, const std::string& sql) {
+    sqlite3_prepare_v2(db, sql.c_str(), -1, &s, nullptr);
+  }
+  ~Stmt() { sqlite3_finalize(s); }
+  int step() {
+    const int rc = sqlite3_step(s);
+    sqlite3_reset(s);
+    return rc;
+  }
+};
+
+// The floor: the statements the library issues for the same work, in the
+// same transactions, on a connection opened the same way, with every
+// statement prepared once and reused, and nothing else.
+double run_floor(const std::string& volume, long n) {
+  const auto start = std::chrono::steady_clock::now();
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(Sandbox::db_path(volume).c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_SHAREDCACHE,
+                      nullptr) != SQLITE_OK) {
+    return -1;
+  }
+  sqlite3_busy_timeout(db, 100000);
+  const std::string prefix_dir = "/" + volume + "/";
+  {
+    Stmt begin(db, "BEGIN IMMEDIATE"), commit(db, "COMMIT"),
+        rollback(db, "ROLLBACK");
+    Stmt select_rowid(db, "SELECT ROWID FROM Meta WHERE Path=?");
+    Stmt insert(db, "INSERT OR IGNORE INTO Meta(Path) Values (?)");
+    Stmt select_row(db, "SELECT * FROM Meta WHERE Path=?");
+    Stmt update_data(db, "UPDATE Meta SET Data=? WHERE Path=?");
+    std::vector<std::unique_ptr<Stmt>> update_tag;
+    for (long i = 0; i < n; ++i) {
+      const std::string rel = file_path(volume, i).substr(prefix_dir.size());
+      if (i > 0) rollback.step();  // the library's begin rolls back first
+      begin.step();
+      sqlite3_bind_text(select_rowid.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+      sqlite3_int64 rowid = 0;
+      if (sqlite3_step(select_rowid.s) == SQLITE_ROW) {
+        rowid = sqlite3_column_int64(select_rowid.s, 0);
+      }
+      sqlite3_reset(select_rowid.s);
+      if (rowid == 0) {
+        sqlite3_bind_text(insert.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+        insert.step();
+        rowid = sqlite3_last_insert_rowid(db);
+      }
+      for (int t = 0; t < kTags; ++t) {
+        if (update_tag.size() <= static_cast<std::size_t>(t)) {
+          const std::string column = std::string("\".") + kTagNames[t] + "\"";
+          sqlite3_exec(db, ("ALTER TABLE Meta ADD " + column + " TEXT COLLATE NOCASE").c_str(),
+                       nullptr, nullptr, nullptr);
+          sqlite3_exec(db, ("CREATE INDEX 'Cidx_" + std::string(kTagNames[t]) +
+                            "' ON Meta (" + column + ")").c_str(),
+                       nullptr, nullptr, nullptr);
+          update_tag.push_back(std::make_unique<Stmt>(
+              db, "UPDATE Meta SET " + column + "=REPLACE(?,'\\','') WHERE ROWID=?"));
+        }
+        const std::string value = tag_value(i, t);
+        sqlite3_bind_text(update_tag[t]->s, 1, value.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_int64(update_tag[t]->s, 2, rowid);
+        update_tag[t]->step();
+      }
+      // The row's Data, from its tag columns (these values need no escapes).
+      std::string data;
+      sqlite3_bind_text(select_row.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+      if (sqlite3_step(select_row.s) == SQLITE_ROW) {
+        for (int c = 0; c < sqlite3_column_count(select_row.s); ++c) {
+          const char* name = sqlite3_column_name(select_row.s, c);
+          if (name[0] != '.' || sqlite3_column_type(select_row.s, c) != SQLITE_TEXT) {
+            continue;
+          }
+          if (!data.empty()) data += '|';
+          data += std::string(name + 1) + "=" +
+                  reinterpret_cast<const char*>(sqlite3_column_text(select_row.s, c));
+        }
+      }
+      sqlite3_reset(select_row.s);
+      sqlite3_bind_text(update_data.s, 1, data.c_str(), -1, SQLITE_STATIC);
+      sqlite3_bind_text(update_data.s, 2, rel.c_str(), -1, SQLITE_STATIC);
+      update_data.step();
+      commit.step();
+    }
+  }
+  sqlite3_close(db);
+  return seconds_since(start);
+}
+
+// Mean seconds of one lookup by value, over `count` random files.
+double run_lookups(long n, int count) {
+  std::mt19937 random(1);
+  std::vector<char> buf(4096);
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    const std::string id = tag_value(static_cast<long>(random() % n), 0);
+    if (tevu_metadata_for_tagvalue("id", id.c_str(), buf.data(), buf.size()) != 0) {
+      return -1;
+    }
+  }
+  return seconds_since(start) / count;
+}
+
+// Mean seconds of one bulk gettag (after its setpath, which is not timed),
+// over `count` random files.
+double run_gettags(const std::string& volume, long n, int count) {
+  std::mt19937 random(2);
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  if (bulk == nullptr) return -1;
+  char buf[256];
+  double total = 0;
+  for (int k = 0; k < count; ++k) {
+    const long i = static_cast<long>(random() % n);
+    if (tevu_bulk_setpath(bulk, file_path(volume, i).c_str()) != 0) return -1;
+    const auto start = std::chrono::steady_clock::now();
+    if (tevu_bulk_gettag(bulk, "album", buf, sizeof buf) != 0) return -1;
+    total += seconds_since(start);
+  }
+  tevu_bulk_fini(bulk);
+  return total / count;
+}
+
+long g_rows_seen = 0;
+int every_tenth_gone(const char*, int) { return ++g_rows_seen % 10 == 0; }
+
+double run_cleanup(const std::string& volume) {
+  int cancel = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int rc = tevu_cleanup(Sandbox::db_path(volume).c_str(),
+                              Sandbox::volume_root(volume).c_str(), &cancel,
+                              every_tenth_gone);
+  return rc == 0 ? seconds_since(start) : -1;
+}
+
+bool fresh_database(const std::string& volume) {
+  const std::string db = Sandbox::db_path(volume);
+  unlink(db.c_str());
+  unlink((db + "-journal").c_str());
+  return tevul_test::create_tag_db(db).empty();
+}
+
+bool make_files(const std::string& volume, long n) {
+  for (long i = 0; i < n; ++i) {
+    const std::string path = file_path(volume, i);
+    if (i % 1000 == 0 && !tevul_test::make_dirs(path.substr(0, path.rfind('/')))) {
+      return false;
+    }
+    if (access(path.c_str(), F_OK) != 0 && !tevul_test::write_file(path, "")) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void row(const char* medium, const char* what, long n, const Measure& m,
+         const char* extra = "") {
+  std::printf("| %s | %s | %ld | %.3f | %.0f | %.1f | %s |\n", medium, what, n,
+              m.seconds, m.seconds > 0 ? n / m.seconds : 0.0, m.peak_kb / 1024.0,
+              extra);
+  std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string disk;
+  std::string tsv_file;
+  std::vector<long> sizes;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--disk") == 0 && i + 1 < argc) {
+      disk = argv[++i];
+    } else if (std::strcmp(argv[i], "--tsv") == 0 && i + 1 < argc) {
+      tsv_file = argv[++i];
+    } else {
+      sizes.push_back(std::atol(argv[i]));
+    }
+  }
+  if (sizes.empty()) {
+    std::fprintf(stderr, "usage: bulk_bench [--disk DIR] [--tsv FILE] N...\n");
+    return 2;
+  }
+  Sandbox sandbox;
+  if (const std::string why = sandbox.start({"mnt", "srv"}); !why.empty()) {
+    std::fprintf(stderr, "bulk_bench: %s\n", why.c_str());
+    return 1;
+  }
+  struct Medium {
+    const char* name;
+    std::string volume;
+  };
+  std::vector<Medium> media = {{"tmpfs", "mnt"}};
+  if (!disk.empty()) {
+    if (!tevul_test::make_dirs(disk) ||
+        mount(disk.c_str(), "/srv", nullptr, MS_BIND, nullptr) != 0) {
+      std::fprintf(stderr, "bulk_bench: cannot bind %s on /srv\n", disk.c_str());
+      return 1;
+    }
+    media.push_back({"disk", "srv"});
+  }
+  const long largest = *std::max_element(sizes.begin(), sizes.end());
+  FILE* tsv = tsv_file.empty() ? nullptr : std::fopen(tsv_file.c_str(), "w");
+  if (tsv) std::fprintf(tsv, "# medium\tN\tlibrary_files_per_s\tfloor_files_per_s\n");
+
+  std::printf("| medium | run | N | seconds | files/s | peak RSS MB | note |\n");
+  std::printf("|---|---|---|---|---|---|---|\n");
+  for (const Medium& medium : media) {
+    if (!make_files(medium.volume, largest)) {
+      std::fprintf(stderr, "bulk_bench: cannot create the files\n");
+      return 1;
+    }
+    for (long n : sizes) {
+      fresh_database(medium.volume);
+      const Measure floor = in_child([&] { return run_floor(medium.volume, n); });
+      fresh_database(medium.volume);
+      sandbox.drain_fifo();
+      const Measure lib = in_child([&] { return run_library(medium.volume, n); });
+      sandbox.drain_fifo();
+      char ratio[64];
+      std::snprintf(ratio, sizeof ratio, "%.2f x the floor's time",
+                    lib.seconds / floor.seconds);
+      row(medium.name, "floor (SQLite only)", n, floor);
+      row(medium.name, "library", n, lib, ratio);
+      if (tsv) {
+        std::fprintf(tsv, "%s\t%ld\t%.1f\t%.1f\n", medium.name, n, n / lib.seconds,
+                     n / floor.seconds);
+        std::fflush(tsv);  // a run stopped early keeps what it measured
+      }
+      if (n != largest) continue;
+      // At the largest N, on the database the library just filled.
+      const Measure lookup = in_child([&] { return run_lookups(n, 200); });
+      const Measure gettag =
+          in_child([&] { return run_gettags(medium.volume, n, 2000); });
+      const Measure cleanup = in_child([&] { return run_cleanup(medium.volume); });
+      std::printf("| %s | lookup by value (mean of 200) | %ld | %.6f | | %.1f | |\n",
+                  medium.name, n, lookup.seconds, lookup.peak_kb / 1024.0);
+      std::printf("| %s | bulk gettag (mean of 2000) | %ld | %.6f | | %.1f | |\n",
+                  medium.name, n, gettag.seconds, gettag.peak_kb / 1024.0);
+      std::printf("| %s | cleanup, every 10th gone | %ld | %.3f | | %.1f | |\n",
+                  medium.name, n, cleanup.seconds, cleanup.peak_kb / 1024.0);
+    }
+  }
+  if (tsv) std::fclose(tsv);
+  return 0;
+}
