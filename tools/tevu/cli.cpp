@@ -113,7 +113,11 @@ std::string errno_reason(int error) {
 std::string bulk_reason(int result, const std::string& name) {
   if (result == -ENAMETOOLONG || result == -EFBIG) {
     const bool is_name = result == -ENAMETOOLONG;
-    const int limit = is_name ? tevu_getmaxnamelen() : tevu_getmaxvaluelen();
+    // Read once per process, as each bulk context reads them once: an
+    // import with many refused tags does not reread the limits file.
+    static const int name_limit = tevu_getmaxnamelen();
+    static const int value_limit = tevu_getmaxvaluelen();
+    const int limit = is_name ? name_limit : value_limit;
     const char* what = is_name ? "tag name too long" : "tag value too long";
     if (limit <= 0) {
       return std::string(what) + " (the tag file system publishes no limit)";

@@ -8,6 +8,7 @@
 #define TEVU_CLI_H
 
 #include <getopt.h>
+#include <stdlib.h>
 
 #include "tevul.h"
 
@@ -34,6 +35,12 @@ struct Command {
   const char* help;     // the whole text of `tevu COMMAND --help`
   int (*run)(int argc, char** argv);
 };
+
+// Memory from malloc() (or getdelim()), released with free().
+struct free_deleter {
+  void operator()(void* p) const { free(p); }
+};
+using malloc_ptr = std::unique_ptr<char, free_deleter>;
 
 // A bulk context released (and committed) with tevu_bulk_fini().
 struct bulk_fini {

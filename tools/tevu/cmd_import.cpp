@@ -161,7 +161,7 @@ int cmd_import(int argc, char** argv) {
   Totals totals;
   unsigned long line = 0;
   unsigned long long bytes_read = 0;
-  std::unique_ptr<char, void (*)(void*)> buf(nullptr, free);
+  malloc_ptr buf;
   std::size_t capacity = 0;
   const int delimiter = nul ? '\0' : '\n';
   while (!g_interrupted) {

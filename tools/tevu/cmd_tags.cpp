@@ -24,11 +24,6 @@ namespace {
 
 using Tag = std::pair<std::string, std::string>;
 
-struct free_deleter {
-  void operator()(void* p) const { free(p); }
-};
-using malloc_buf = std::unique_ptr<char, free_deleter>;
-
 // The largest value a read is prepared for. Reads start with room for the
 // published value limit and grow to this only for longer, older values.
 constexpr std::size_t kValueCeiling = 1u << 20;
@@ -102,7 +97,7 @@ int set_through_mount(const std::vector<std::string>& files,
 bool read_from_database(tevu_bulk_ctx* ctx, const std::string& name,
                         std::string* value) {
   for (std::size_t size = value_buffer_size();; size = kValueCeiling) {
-    malloc_buf buf(static_cast<char*>(malloc(size)));
+    malloc_ptr buf(static_cast<char*>(malloc(size)));
     if (!buf) return false;
     if (tevu_bulk_gettag(ctx, name.c_str(), buf.get(),
                          static_cast<unsigned int>(size)) == 0) {
@@ -114,12 +109,12 @@ bool read_from_database(tevu_bulk_ctx* ctx, const std::string& name,
   }
 }
 
-// Reads tag `name` of `file` through the mount. Returns 0 or an errno value.
+// Reads tag `name` of `file` through the mount into a buffer of `size`
+// bytes (tevu_gettag() clears all of it, so callers size it to the limit,
+// value_buffer_size()). Returns 0 or an errno value.
 int read_through_mount(const std::string& file, const std::string& name,
-                       std::string* value) {
-  // tevu_gettag() clears the whole buffer, so it is sized to the limit.
-  const std::size_t size = value_buffer_size();
-  malloc_buf buf(static_cast<char*>(malloc(size)));
+                       std::size_t size, std::string* value) {
+  malloc_ptr buf(static_cast<char*>(malloc(size)));
   if (!buf) return ENOMEM;
   const int rc = tevu_gettag(file.c_str(), name.c_str(), buf.get(), size);
   if (rc == 0) value->assign(buf.get());
@@ -229,7 +224,7 @@ int cmd_get(int argc, char** argv) {
   std::string value;
   if (via_mount) {
     if (!tag_fs_mounted()) return report_not_mounted();
-    const int rc = read_through_mount(file, name, &value);
+    const int rc = read_through_mount(file, name, value_buffer_size(), &value);
     if (rc == ENOENT && file_exists(file)) {
       report({file, name}, "tag not set");
       return kExitNotFound;
@@ -261,26 +256,25 @@ int cmd_list(int argc, char** argv) {
   if (argc - optind != 1) return usage_error(argv[0], "expected one FILE");
   const std::string file = argv[optind];
 
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) return kExitNotMounted;
-  // The bulk context answers whether the file lies on a tagged volume; the
-  // tags themselves are the daemon's tag files.
-  if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
-    report({file}, setpath_reason(file));
-    return kExitFailed;
-  }
-  ctx.reset();
-  char canonical[PATH_MAX];
   const std::string mount = mount_point();
   if (mount.empty()) return report_not_mounted();
+  char canonical[PATH_MAX];
   if (realpath(file.c_str(), canonical) == nullptr) {
     report({file}, errno_reason(errno));
     return kExitFailed;
   }
   const std::string tag_dir = mount + "/meta" + canonical;
   std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tag_dir.c_str()), closedir);
+  if (!dir && errno == ENOENT) {
+    // No tag directory: a file without tags, or a file on no tagged volume.
+    // Only then is a bulk context asked which (it holds a write lock).
+    bulk_ptr ctx = open_bulk();
+    if (!ctx) return kExitNotMounted;
+    if (tevu_bulk_setpath(ctx.get(), file.c_str()) == 0) return kExitOk;
+    report({file}, setpath_reason(file));
+    return kExitFailed;
+  }
   if (!dir) {
-    if (errno == ENOENT) return kExitOk;  // the file carries no tag
     report({file}, errno_reason(errno));
     return kExitFailed;
   }
@@ -290,10 +284,11 @@ int cmd_list(int argc, char** argv) {
   }
   dir.reset();
   std::sort(names.begin(), names.end());
+  const std::size_t value_size = value_buffer_size();
   bool failed = false;
   for (const std::string& name : names) {
     std::string value;
-    const int rc = read_through_mount(file, name, &value);
+    const int rc = read_through_mount(file, name, value_size, &value);
     if (rc != 0) {
       report({file, name}, errno_reason(rc));
       failed = true;
@@ -388,7 +383,7 @@ int cmd_find(int argc, char** argv) {
   if (name.empty()) return usage_error(argv[0], "empty tag name");
 
   for (std::size_t size = 4096;; size *= 4) {
-    malloc_buf buf(static_cast<char*>(malloc(size)));
+    malloc_ptr buf(static_cast<char*>(malloc(size)));
     if (!buf) {
       report({name + "=" + value}, errno_reason(ENOMEM));
       return kExitFailed;
