@@ -232,19 +232,13 @@ int metadb_busy_handler(void* /*unused*/, int /*count*/) {
   return 1;
 }
 
-int metadb_exec_query(sqlite3* db, const char* sql,
-                      metadb_row_callback callback, void* user) {
-  sqlite3_stmt* raw = nullptr;
-  int rc = metadb_prepare(db, sql, -1, &raw);
-  metadb_stmt_ptr stmt(raw);
-  if (rc != SQLITE_OK) return rc;
-  if (!stmt) return SQLITE_OK;  // the text holds no statement
-
+int metadb_run_stmt(sqlite3_stmt* stmt, metadb_row_callback callback,
+                    void* user) {
   int budget = 10;
   int columns = 0;
   std::unique_ptr<char*, tevul::free_deleter> array;
   for (;;) {
-    rc = metadb_step(stmt.get());
+    const int rc = metadb_step(stmt);
     if (rc == SQLITE_DONE) return SQLITE_OK;
     if (rc == SQLITE_BUSY || rc == SQLITE_LOCKED) {
       if (budget == 0) return rc;
@@ -256,25 +250,64 @@ int metadb_exec_query(sqlite3* db, const char* sql,
     if (user == nullptr) continue;  // executed for its effect only
 
     if (!array) {
-      columns = sqlite3_column_count(stmt.get());
+      columns = sqlite3_column_count(stmt);
       array.reset(static_cast<char**>(
           std::calloc(2 * static_cast<std::size_t>(columns) + 1,
                       sizeof(char*))));
       if (!array) return SQLITE_NOMEM;
       for (int i = 0; i < columns; ++i) {
-        array.get()[i] = const_cast<char*>(sqlite3_column_name(stmt.get(), i));
+        array.get()[i] = const_cast<char*>(sqlite3_column_name(stmt, i));
       }
     }
     char** names = array.get();
     char** values = names + columns;
     for (int i = 0; i < columns; ++i) {
       values[i] = reinterpret_cast<char*>(
-          const_cast<unsigned char*>(sqlite3_column_text(stmt.get(), i)));
+          const_cast<unsigned char*>(sqlite3_column_text(stmt, i)));
     }
     if (callback != nullptr && callback(user, columns, values, names) != 0) {
       return SQLITE_ROW;
     }
   }
+}
+
+int metadb_exec_query(sqlite3* db, const char* sql,
+                      metadb_row_callback callback, void* user) {
+  sqlite3_stmt* raw = nullptr;
+  const int rc = metadb_prepare(db, sql, -1, &raw);
+  metadb_stmt_ptr stmt(raw);
+  if (rc != SQLITE_OK) return rc;
+  if (!stmt) return SQLITE_OK;  // the text holds no statement
+  return metadb_run_stmt(stmt.get(), callback, user);
+}
+
+int metadb_stmt_cache::get(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
+  ++clock_;
+  slot* victim = &slots_[0];
+  for (slot& s : slots_) {
+    if (s.stmt && std::strcmp(sqlite3_sql(s.stmt.get()), sql) == 0) {
+      s.used = clock_;
+      *stmt = s.stmt.get();
+      return SQLITE_OK;
+    }
+    // An empty slot is taken before any kept statement is given up; the
+    // clock's wrap-around only makes an older statement look recent.
+    if (!victim->stmt) continue;
+    if (!s.stmt || s.used < victim->used) victim = &s;
+  }
+  victim->stmt.reset();
+  const int rc = metadb_prepare(db, sql, -1, victim->stmt);
+  victim->used = clock_;
+  *stmt = victim->stmt.get();
+  if (rc != SQLITE_OK) {
+    victim->stmt.reset();
+    *stmt = nullptr;
+  }
+  return rc;
+}
+
+void metadb_stmt_cache::clear() {
+  for (slot& s : slots_) s.stmt.reset();
 }
 
 int metadb_transaction_op(metadb_tagdb* tagdb, int op) {

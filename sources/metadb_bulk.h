@@ -191,6 +191,40 @@ int metadb_busy_handler(void* unused, int count);
 int metadb_exec_query(sqlite3* db, const char* sql,
                       metadb_row_callback callback, void* user);
 
+// Runs the prepared statement `stmt` to its end exactly as
+// metadb_exec_query() runs the statement of its text, with the same callback
+// rules and lock retries, and the same results. The statement is left as its
+// last step left it: the caller resets or finalises it.
+int metadb_run_stmt(sqlite3_stmt* stmt, metadb_row_callback callback,
+                    void* user);
+
+// A few prepared statements of one connection, kept by their text, for
+// statements that are run with the same text over and over (a tag's update,
+// once per file) and would otherwise be compiled anew every time. At most
+// kSlots statements are kept; the one used least recently makes room. The
+// owner must clear() the cache before it closes the connection.
+class metadb_stmt_cache {
+ public:
+  static constexpr std::size_t kSlots = 8;
+
+  // Sets *stmt to the statement for the text `sql` of connection `db`,
+  // preparing it first (through metadb_prepare()) unless it is kept
+  // already. The caller resets it after each use. Returns SQLITE_OK, or the
+  // code of the failed prepare (*stmt is then NULL).
+  int get(sqlite3* db, const char* sql, sqlite3_stmt** stmt);
+
+  // Finalises every kept statement.
+  void clear();
+
+ private:
+  struct slot {
+    metadb_stmt_ptr stmt;
+    uint32_t used = 0;
+  };
+  slot slots_[kSlots];
+  uint32_t clock_ = 0;
+};
+
 // Runs a formatted statement text, or gives SQLITE_ERROR without running
 // anything when the text did not fit its buffer.
 template <std::size_t N>

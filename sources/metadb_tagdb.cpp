@@ -34,6 +34,12 @@ constexpr char kAddIndexSql[] = "CREATE INDEX 'Cidx_%q' ON Meta (\".%s\")";
 // the backslash as its escape character.
 constexpr char kSettagSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\','') WHERE ROWID=%lld";
+// The same update with the value and the row bound, so that it is compiled
+// once per tag rather than once per file. Never longer than kSettagSql
+// formatted ("?" against a quoted value and a row number of one digit or
+// more), so it always fits where that text fits.
+constexpr char kSettagBoundSql[] =
+    "UPDATE Meta SET \".%s\"=REPLACE(?,'\\','') WHERE ROWID=?";
 constexpr char kGettagSql[] = "SELECT Meta.\".%s\" FROM Meta WHERE Path='%q'";
 constexpr char kDeltagSql[] = "UPDATE Meta SET \".%s\"=NULL WHERE Path='%q'";
 constexpr char kRecursiveAllSql[] =
@@ -43,6 +49,26 @@ constexpr char kRecursiveAllSql[] =
 constexpr char kRecursiveSubtreeSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL "
     "WHERE Path='%q' OR Path GLOB '%q/*'";
+
+// Runs the value update of `tag` on row `rowid` with the handle's kept
+// statement for that tag: the effect of the formatted kSettagSql, without
+// compiling a new statement per file. Returns an SQLite code as
+// metadb_exec_query() does.
+int run_settag(metadb_tagdb* tagdb, const char* tag, const char* value,
+               int64_t rowid) {
+  const metadb_sql_text<kSettagSqlSize> sql(kSettagBoundSql,
+                                            metadb_tag_ident{tag});
+  if (!sql.fits()) return SQLITE_ERROR;
+  sqlite3_stmt* stmt = nullptr;
+  const int rc = tagdb->settag_stmts.get(tagdb->db.get(), sql.c_str(), &stmt);
+  if (rc != SQLITE_OK) return rc;
+  sqlite3_bind_text(stmt, 1, value, -1, SQLITE_STATIC);
+  sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(rowid));
+  const int result = metadb_run_stmt(stmt, nullptr, nullptr);
+  sqlite3_reset(stmt);
+  sqlite3_clear_bindings(stmt);  // the value is the caller's
+  return result;
+}
 
 }  // namespace
 
@@ -81,6 +107,7 @@ extern "C" void metadb_tagdb_close(metadb_tagdb* tagdb) {
         &tagdb->stmt_unsynced}) {
     stmt->reset();
   }
+  tagdb->settag_stmts.clear();
   tagdb->db.reset();
 }
 
@@ -154,10 +181,13 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
   if (metadb_add_tag_column(tagdb, tag) != 1) {
     return metadb_errno_table[SQLITE_ERROR];
   }
+  const char* v = value != nullptr ? value : "";
+  // The full text decides whether the update may run at all: one that its
+  // buffer would cut is never run.
   const metadb_sql_text<kSettagSqlSize> sql(
-      kSettagSql, metadb_tag_ident{tag}, value != nullptr ? value : "",
-      static_cast<sqlite3_int64>(rowid));
-  if (metadb_exec_text(db, sql) != SQLITE_OK) return 1;
+      kSettagSql, metadb_tag_ident{tag}, v, static_cast<sqlite3_int64>(rowid));
+  if (!sql.fits()) return 1;
+  if (run_settag(tagdb, tag, v, rowid) != SQLITE_OK) return 1;
   tagdb->modified = 1;
   return metadb_errno_table[SQLITE_OK];
 }

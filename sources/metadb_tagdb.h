@@ -23,6 +23,8 @@ struct metadb_tagdb {
   metadb_stmt_ptr stmt_sync_select;   // "SELECT * FROM Meta WHERE Path=?"
   metadb_stmt_ptr stmt_sync_update;   // "UPDATE Meta SET Data=? WHERE Path=?"
   metadb_stmt_ptr stmt_unsynced;      // "SELECT Path FROM Meta WHERE Data IS NULL"
+  // The value updates of the tags set most recently, value and row bound.
+  metadb_stmt_cache settag_stmts;
   // 1 once anything was written through the handle; never reset. Commit,
   // rollback and the Data sync do nothing while it is 0.
   int modified = 0;

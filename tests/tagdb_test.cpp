@@ -292,6 +292,66 @@ TEST_F(TagDb, CommitAndRollbackFollowTheModifiedRule) {
       << "a COMMIT without a transaction still reports success";
 }
 
+// A tag's value update is compiled once and kept by the handle, for a few
+// tags at a time: more tags than it keeps, schema changes by another
+// connection and a close must all leave every value right and nothing open.
+TEST_F(TagDb, KeptTagUpdatesStayRightAcrossManyTagsAndSchemaChanges) {
+  constexpr int kTags = 12;  // more than the handle keeps
+  const auto value = [](int round, int tag, int file) {
+    return "v'" + std::to_string(round) + "\\" + std::to_string(tag) + "-" +
+           std::to_string(file);
+  };
+  const auto stored = [](const std::string& v) {
+    std::string s;
+    for (char c : v) {
+      if (c != '\\') s += c;
+    }
+    return s;
+  };
+  RawDb raw(file_);
+  for (int round = 0; round < 3; ++round) {
+    for (int file = 0; file < 3; ++file) {
+      for (int tag = 0; tag < kTags; ++tag) {
+        const std::string path = "f" + std::to_string(file);
+        const std::string name = "t" + std::to_string((tag + file) % kTags);
+        ASSERT_EQ(metadb_tagdb_settag(db_.get(), path.c_str(), name.c_str(),
+                                      value(round, (tag + file) % kTags, file).c_str()),
+                  0);
+      }
+    }
+    if (round == 0) {
+      // Another connection changes the schema under the kept statements.
+      raw.exec("ALTER TABLE Meta ADD \".other\" TEXT COLLATE NOCASE;"
+               "CREATE INDEX 'Cidx_other' ON Meta (\".other\");"
+               "DROP INDEX 'Cidx_t1'");
+    }
+  }
+  for (int file = 0; file < 3; ++file) {
+    for (int tag = 0; tag < kTags; ++tag) {
+      EXPECT_EQ(raw.value("SELECT \".t" + std::to_string(tag) +
+                          "\" FROM Meta WHERE Path='f" + std::to_string(file) + "'"),
+                stored(value(2, tag, file)))
+          << "file " << file << " tag " << tag;
+    }
+  }
+  EXPECT_EQ(raw.value("SELECT count(*) FROM Meta"), "3");
+  EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE \".other\" IS NOT NULL"), "0");
+
+  // Closing a handle frees everything it held: SQLite's own count of the
+  // memory in use returns to where it was before the open.
+  const std::string alone = dir_ / "alone@@db";
+  tevul_test::create_tag_database(alone);
+  metadb_tagdb_close(metadb_tagdb_open(alone.c_str()));  // first-use work
+  const sqlite3_int64 before = sqlite3_memory_used();
+  metadb_tagdb* handle = metadb_tagdb_open(alone.c_str());
+  ASSERT_NE(handle, nullptr);
+  for (int tag = 0; tag < kTags; ++tag) {
+    ASSERT_EQ(metadb_tagdb_settag(handle, "x", ("t" + std::to_string(tag)).c_str(), "v"), 0);
+  }
+  metadb_tagdb_close(handle);
+  EXPECT_EQ(sqlite3_memory_used(), before);
+}
+
 TEST_F(TagDb, CloseCommitsPendingWork) {
   ASSERT_EQ(metadb_tagdb_transaction_start(db_.get()), 0);
   ASSERT_EQ(metadb_tagdb_settag(db_.get(), "a", "t", "1"), 0);
