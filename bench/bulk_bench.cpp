@@ -1,15 +1,21 @@
 // Bulk tagging through the library against a floor that issues the same
-// SQLite statements in the same transactions directly, plus the latency of a
+// SQLite statements in the same transactions directly, and against the same
+// floor that also reads the tag file system's meta directory once per file
+// (as the library's volume check does on every path), plus the latency of a
 // lookup by value and of a bulk gettag, and the time of a cleanup, at the
 // largest N. Every measured run is a process of its own, so that its peak
 // resident memory (ru_maxrss) is its own.
 //
-//   bulk_bench [--disk DIR] [--tsv FILE] N...
+//   bulk_bench [--tmpfs] [--disk DIR] [--one-cpu] [--repeat R] [--tsv FILE] N...
 //
 // Runs in the library's real setting (see tests/support/sandbox.h): the
-// volume /mnt is a tmpfs; with --disk, the volume /srv is DIR bind-mounted
-// (a directory on a disk). Prints a Markdown table; --tsv also writes the
-// rates for plotting. Needs root.
+// volume /mnt is a tmpfs (--tmpfs, the default without --disk); with --disk,
+// the volume /srv is DIR bind-mounted (a directory on a disk). Each bulk run
+// is repeated R times (default 1) and the median reported. --one-cpu runs
+// everything, the FUSE daemon included, on one CPU. Prints a Markdown
+// table; --tsv also appends the rates to FILE for plotting. Needs root.
+#include <dirent.h>
+#include <sched.h>
 #include <sqlite3.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -118,10 +124,27 @@ struct Stmt {
   }
 };
 
+// True when the meta directory holds the volume link `name`, read the way
+// the library's volume check reads it: open, entries up to the link, close.
+bool scan_meta(const std::string& meta, const std::string& name) {
+  DIR* dir = opendir(meta.c_str());
+  if (dir == nullptr) return false;
+  bool found = false;
+  while (const dirent* entry = readdir(dir)) {
+    if (entry->d_type == DT_LNK && name == entry->d_name) {
+      found = true;
+      break;
+    }
+  }
+  closedir(dir);
+  return found;
+}
+
 // The floor: the statements the library issues for the same work, in the
 // same transactions, on a connection opened the same way, with every
-// statement prepared once and reused, and nothing else.
-double run_floor(const std::string& volume, long n) {
+// statement prepared once and reused, and nothing else. With `with_scan`,
+// it also reads the meta directory before each file, as the library must.
+double run_floor(const std::string& volume, long n, bool with_scan) {
   const auto start = std::chrono::steady_clock::now();
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(Sandbox::db_path(volume).c_str(), &db,
@@ -131,6 +154,7 @@ double run_floor(const std::string& volume, long n) {
   }
   sqlite3_busy_timeout(db, 100000);
   const std::string prefix_dir = "/" + volume + "/";
+  const std::string meta = std::string(Sandbox::kMount) + "/meta";
   {
     Stmt begin(db, "BEGIN IMMEDIATE"), commit(db, "COMMIT"),
         rollback(db, "ROLLBACK");
@@ -141,20 +165,22 @@ double run_floor(const std::string& volume, long n) {
     std::vector<std::unique_ptr<Stmt>> update_tag;
     for (long i = 0; i < n; ++i) {
       const std::string rel = file_path(volume, i).substr(prefix_dir.size());
+      if (with_scan && !scan_meta(meta, volume)) return -1;
       if (i > 0) rollback.step();  // the library's begin rolls back first
       begin.step();
-      sqlite3_bind_text(select_rowid.s, 1, rel.c_str(), -1, SQLITE_STATIC);
-      sqlite3_int64 rowid = 0;
-      if (sqlite3_step(select_rowid.s) == SQLITE_ROW) {
-        rowid = sqlite3_column_int64(select_rowid.s, 0);
-      }
-      sqlite3_reset(select_rowid.s);
-      if (rowid == 0) {
-        sqlite3_bind_text(insert.s, 1, rel.c_str(), -1, SQLITE_STATIC);
-        insert.step();
-        rowid = sqlite3_last_insert_rowid(db);
-      }
       for (int t = 0; t < kTags; ++t) {
+        // Every tag looks its row up, the first one inserts it.
+        sqlite3_bind_text(select_rowid.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+        sqlite3_int64 rowid = 0;
+        if (sqlite3_step(select_rowid.s) == SQLITE_ROW) {
+          rowid = sqlite3_column_int64(select_rowid.s, 0);
+        }
+        sqlite3_reset(select_rowid.s);
+        if (rowid == 0) {
+          sqlite3_bind_text(insert.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+          insert.step();
+          rowid = sqlite3_last_insert_rowid(db);
+        }
         if (update_tag.size() <= static_cast<std::size_t>(t)) {
           const std::string column = std::string("\".") + kTagNames[t] + "\"";
           sqlite3_exec(db, ("ALTER TABLE Meta ADD " + column + " TEXT COLLATE NOCASE").c_str(),
@@ -262,10 +288,22 @@ bool make_files(const std::string& volume, long n) {
 
 void row(const char* medium, const char* what, long n, const Measure& m,
          const char* extra = "") {
-  std::printf("| %s | %s | %ld | %.3f | %.0f | %.1f | %s |\n", medium, what, n,
-              m.seconds, m.seconds > 0 ? n / m.seconds : 0.0, m.peak_kb / 1024.0,
-              extra);
+  std::printf("| %s | %s | %ld | %.3f | %.0f | %.3f | %.1f | %s |\n", medium, what,
+              n, m.seconds, m.seconds > 0 ? n / m.seconds : 0.0,
+              m.seconds * 1000 / n, m.peak_kb / 1024.0, extra);
   std::fflush(stdout);
+}
+
+// The run with the median time of `runs` (an odd count is best); its peak
+// RSS is the largest of all of them, so a run's memory is never understated.
+Measure median(std::vector<Measure> runs) {
+  long peak_kb = 0;
+  for (const Measure& m : runs) peak_kb = std::max(peak_kb, m.peak_kb);
+  std::sort(runs.begin(), runs.end(),
+            [](const Measure& a, const Measure& b) { return a.seconds < b.seconds; });
+  Measure m = runs[runs.size() / 2];
+  m.peak_kb = peak_kb;
+  return m;
 }
 
 }  // namespace
@@ -273,19 +311,43 @@ void row(const char* medium, const char* what, long n, const Measure& m,
 int main(int argc, char** argv) {
   std::string disk;
   std::string tsv_file;
+  bool tmpfs = false;
+  bool one_cpu = false;
+  int repeat = 1;
   std::vector<long> sizes;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--disk") == 0 && i + 1 < argc) {
       disk = argv[++i];
+    } else if (std::strcmp(argv[i], "--tmpfs") == 0) {
+      tmpfs = true;
     } else if (std::strcmp(argv[i], "--tsv") == 0 && i + 1 < argc) {
       tsv_file = argv[++i];
+    } else if (std::strcmp(argv[i], "--one-cpu") == 0) {
+      one_cpu = true;
+    } else if (std::strcmp(argv[i], "--repeat") == 0 && i + 1 < argc) {
+      repeat = std::atoi(argv[++i]);
     } else {
       sizes.push_back(std::atol(argv[i]));
     }
   }
-  if (sizes.empty()) {
-    std::fprintf(stderr, "usage: bulk_bench [--disk DIR] [--tsv FILE] N...\n");
+  if (sizes.empty() || repeat < 1 ||
+      std::any_of(sizes.begin(), sizes.end(), [](long n) { return n < 1; })) {
+    std::fprintf(stderr,
+                 "usage: bulk_bench [--tmpfs] [--disk DIR] [--one-cpu] [--repeat R] "
+                 "[--tsv FILE] N...\n");
     return 2;
+  }
+  // Before the sandbox starts, so that the FUSE daemon inherits it: every
+  // round trip to the daemon is then a switch on one CPU, as on a
+  // single-core device, instead of a wake-up of another CPU.
+  if (one_cpu) {
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(sched_getcpu(), &cpus);
+    if (sched_setaffinity(0, sizeof cpus, &cpus) != 0) {
+      std::fprintf(stderr, "bulk_bench: cannot pin to one CPU\n");
+      return 1;
+    }
   }
   Sandbox sandbox;
   if (const std::string why = sandbox.start({"mnt", "srv"}); !why.empty()) {
@@ -296,54 +358,72 @@ int main(int argc, char** argv) {
     const char* name;
     std::string volume;
   };
-  std::vector<Medium> media = {{"tmpfs", "mnt"}};
+  std::vector<Medium> media;
+  if (tmpfs || disk.empty()) media.push_back({one_cpu ? "tmpfs-1cpu" : "tmpfs", "mnt"});
   if (!disk.empty()) {
     if (!tevul_test::make_dirs(disk) ||
         mount(disk.c_str(), "/srv", nullptr, MS_BIND, nullptr) != 0) {
       std::fprintf(stderr, "bulk_bench: cannot bind %s on /srv\n", disk.c_str());
       return 1;
     }
-    media.push_back({"disk", "srv"});
+    media.push_back({one_cpu ? "disk-1cpu" : "disk", "srv"});
   }
   const long largest = *std::max_element(sizes.begin(), sizes.end());
-  FILE* tsv = tsv_file.empty() ? nullptr : std::fopen(tsv_file.c_str(), "w");
-  if (tsv) std::fprintf(tsv, "# medium\tN\tlibrary_files_per_s\tfloor_files_per_s\n");
+  // Appends, so that runs with different options can share one file.
+  FILE* tsv = tsv_file.empty() ? nullptr : std::fopen(tsv_file.c_str(), "a");
+  if (tsv && std::ftell(tsv) == 0) {
+    std::fprintf(tsv,
+                 "# medium\tN\tlibrary_files_per_s\tfloor_files_per_s\t"
+                 "floor_with_scan_files_per_s\n");
+  }
 
-  std::printf("| medium | run | N | seconds | files/s | peak RSS MB | note |\n");
-  std::printf("|---|---|---|---|---|---|---|\n");
+  std::printf("median of %d run(s) each\n\n", repeat);
+  std::printf("| medium | run | N | seconds | files/s | ms per file | peak RSS MB | note |\n");
+  std::printf("|---|---|---|---|---|---|---|---|\n");
   for (const Medium& medium : media) {
     if (!make_files(medium.volume, largest)) {
       std::fprintf(stderr, "bulk_bench: cannot create the files\n");
       return 1;
     }
     for (long n : sizes) {
-      fresh_database(medium.volume);
-      const Measure floor = in_child([&] { return run_floor(medium.volume, n); });
-      fresh_database(medium.volume);
-      sandbox.drain_fifo();
-      const Measure lib = in_child([&] { return run_library(medium.volume, n); });
-      sandbox.drain_fifo();
-      char ratio[64];
-      std::snprintf(ratio, sizeof ratio, "%.2f x the floor's time",
-                    lib.seconds / floor.seconds);
+      // The three runs alternate, so that a slow spell of the machine
+      // falls on all of them.
+      std::vector<Measure> floors, scans, libs;
+      for (int r = 0; r < repeat; ++r) {
+        fresh_database(medium.volume);
+        floors.push_back(in_child([&] { return run_floor(medium.volume, n, false); }));
+        fresh_database(medium.volume);
+        scans.push_back(in_child([&] { return run_floor(medium.volume, n, true); }));
+        fresh_database(medium.volume);
+        sandbox.drain_fifo();
+        libs.push_back(in_child([&] { return run_library(medium.volume, n); }));
+        sandbox.drain_fifo();
+      }
+      const Measure floor = median(floors);
+      const Measure scan = median(scans);
+      const Measure lib = median(libs);
+      char ratio[96];
+      std::snprintf(ratio, sizeof ratio, "%.2f x floor, %.2f x floor + meta scan",
+                    lib.seconds / floor.seconds, lib.seconds / scan.seconds);
       row(medium.name, "floor (SQLite only)", n, floor);
+      row(medium.name, "floor + meta scan", n, scan);
       row(medium.name, "library", n, lib, ratio);
       if (tsv) {
-        std::fprintf(tsv, "%s\t%ld\t%.1f\t%.1f\n", medium.name, n, n / lib.seconds,
-                     n / floor.seconds);
+        std::fprintf(tsv, "%s\t%ld\t%.1f\t%.1f\t%.1f\n", medium.name, n,
+                     n / lib.seconds, n / floor.seconds, n / scan.seconds);
         std::fflush(tsv);  // a run stopped early keeps what it measured
       }
       if (n != largest) continue;
-      // At the largest N, on the database the library just filled.
+      // At the largest N, on the database the last library run filled.
       const Measure lookup = in_child([&] { return run_lookups(n, 200); });
       const Measure gettag =
           in_child([&] { return run_gettags(medium.volume, n, 2000); });
       const Measure cleanup = in_child([&] { return run_cleanup(medium.volume); });
-      std::printf("| %s | lookup by value (mean of 200) | %ld | %.6f | | %.1f | |\n",
+      std::printf("| %s | lookup by value (mean of 200) | %ld | %.6f | | | %.1f | |\n",
                   medium.name, n, lookup.seconds, lookup.peak_kb / 1024.0);
-      std::printf("| %s | bulk gettag (mean of 2000) | %ld | %.6f | | %.1f | |\n",
+      std::printf("| %s | bulk gettag (mean of 2000) | %ld | %.6f | | | %.1f | |\n",
                   medium.name, n, gettag.seconds, gettag.peak_kb / 1024.0);
-      std::printf("| %s | cleanup, every 10th gone | %ld | %.3f | | %.1f | |\n",
+      std::printf("| %s | cleanup, every 10th gone | %ld | %.3f | | | %.1f | |\n",
                   medium.name, n, cleanup.seconds, cleanup.peak_kb / 1024.0);
     }
   }
