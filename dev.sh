@@ -8,7 +8,7 @@
 #                      compile every library source for big-endian MIPS;
 #                      then run each fuzz target for FUZZ_SECONDS (20)
 #   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
-#                      about twenty minutes, not part of the test suite)
+#                      about fifteen minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped size and the needed libraries of the
 #                      mipsel libtevul.so, and the size of the tevu tool

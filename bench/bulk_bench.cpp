@@ -399,6 +399,15 @@ int main(int argc, char** argv) {
         libs.push_back(in_child([&] { return run_library(medium.volume, n); }));
         sandbox.drain_fifo();
       }
+      for (const std::vector<Measure>* runs : {&floors, &scans, &libs}) {
+        for (const Measure& m : *runs) {
+          if (m.seconds < 0) {
+            std::fprintf(stderr, "bulk_bench: a run on %s failed at N = %ld\n",
+                         medium.name, n);
+            return 1;
+          }
+        }
+      }
       const Measure floor = median(floors);
       const Measure scan = median(scans);
       const Measure lib = median(libs);
