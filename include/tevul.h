@@ -67,15 +67,20 @@ TEVUL_API void metadb_tagdb_close(metadb_tagdb *tagdb);
  * written, a ROLLBACK is issued first (its outcome is ignored), so changes
  * still pending from an earlier transaction are dropped.
  * Returns 0 on success, -1 when the handle is NULL or has no connection, EIO
- * when the statement could not be prepared. The outcome of the BEGIN itself
- * is not examined: a BEGIN inside an open transaction still returns 0.
+ * when the statement could not be prepared. What the BEGIN itself gave is
+ * not reported: the daemon's tools begin inside an open transaction as a
+ * matter of course (the earlier transaction then simply goes on), and have
+ * always been told success.
  */
 TEVUL_API int metadb_tagdb_transaction_start(metadb_tagdb *tagdb);
 
 /*
  * Commits. A handle that has never written skips the COMMIT entirely (and
  * its transaction stays open). Returns 0, -1 for a NULL handle or connection,
- * EIO when the statement could not be prepared.
+ * EIO when the statement could not be prepared. A COMMIT that the database
+ * refuses (a full disk) still gives 0, as it always has: the changes are
+ * then lost when the next transaction begins. A bulk context reports such a
+ * loss through tevu_bulk_error().
  */
 TEVUL_API int metadb_tagdb_transaction_commit(metadb_tagdb *tagdb);
 
@@ -93,6 +98,13 @@ TEVUL_API int metadb_tagdb_transaction_rollback(metadb_tagdb *tagdb);
  * Returns 0 when stored; 1 for a NULL handle, path or tag, an empty path or
  * tag, or a failed statement; EIO when the tag's column could not be created
  * (the path's row may have been created already).
+ *
+ * In every function of this family, a tag name holding a double quote is
+ * never put into a statement (it could name other columns), and a statement
+ * whose text would not fit its fixed buffer is never run (a cut text could
+ * address other rows): the function gives what it gives for a failed
+ * statement. The update of a value holds 228 characters: 51 of its own, so
+ * tag name, value (single quotes doubled) and row number share 177.
  */
 TEVUL_API int metadb_tagdb_settag(metadb_tagdb *tagdb, const char *path,
                                   const char *tag, const char *value);
@@ -119,8 +131,8 @@ TEVUL_API int metadb_tagdb_deltag(metadb_tagdb *tagdb, const char *path,
 /*
  * Sets tag `tag` to `value` on `path` and on every row below it (the empty
  * path means every row of the volume), then rebuilds Data of every changed
- * row. Only existing rows change. The characters "*", "?" and "[" in `path`
- * act as patterns when selecting the rows below it.
+ * row. Only existing rows change. `path` is literal: "*", "?" and "[" in it
+ * match only themselves.
  * Returns 0 when done; 1 for a NULL handle or a failed statement; EIO when
  * the tag's column could not be created (also for a NULL or empty tag).
  * `path` must not be NULL.
@@ -159,10 +171,10 @@ TEVUL_API int metadb_tagdb_sync_all(metadb_tagdb *tagdb);
 typedef int (*metadb_cleanup_filter)(const char *path, int unused);
 
 /*
- * In the functions below a path names itself and everything below it: the
- * rows selected are Path='p' OR Path GLOB 'p/' followed by '*'. A sibling that only shares
- * a prefix ("a/bc" for "a/b") is never selected; the characters "*", "?" and
- * "[" in a path act as patterns below it, as they always have.
+ * In the functions below a path names itself and everything below it. A
+ * sibling that only shares a prefix ("a/bc" for "a/b") is never selected,
+ * and paths are literal: "*", "?" and "[" in them match only themselves, so
+ * a folder "[2019] Trip" selects its own files, never those of "2 Trip".
  */
 
 /*
@@ -238,10 +250,12 @@ TEVUL_API int tevu_cleanup(const char *db_path, const char *dir, int *cancel,
                            metadb_cleanup_filter filter);
 
 /*
- * Runs tevu_cleanup() on the database of the volume holding `path`, with
- * the canonical form of `path` as the directory. Returns -1 when path does
- * not exist, the tag file system is not mounted or the path lies on no
- * tagged volume; otherwise tevu_cleanup()'s result.
+ * Runs tevu_cleanup() on the database of the volume holding `path`: every
+ * row of that volume is handed to `filter` with its file's real absolute
+ * path (the volume's root, "/", the stored path), whichever directory of the
+ * volume `path` names. Returns -1 when path does not exist, the tag file
+ * system is not mounted or the path lies on no tagged volume; otherwise
+ * tevu_cleanup()'s result.
  */
 TEVUL_API int tevu_cleanup_attached(const char *path, int *cancel,
                                     metadb_cleanup_filter filter);
@@ -283,6 +297,13 @@ TEVUL_API int tevu_metadata_for_tagvalue(const char *tag, const char *value,
  * exist. Results: 0 for success, ENOENT when no tag file system is mounted
  * or an argument is NULL or empty, otherwise the errno of the failing call
  * (ENOENT for a missing file or tag). Never negative.
+ *
+ * Names never leave the file's tag directory. Refused with EINVAL, touching
+ * nothing: a tag name or pattern that holds "/" or is "." or "..", and a
+ * path whose canonical form is "/" (its tag directory would be the meta
+ * directory itself, with the volumes' database links and the limits file).
+ * A tag file path longer than 4095 bytes is refused with ENAMETOOLONG
+ * rather than cut to another file's name.
  */
 
 /* Writes `value` (NULL: empty) as the whole content of the tag file. The
@@ -297,9 +318,11 @@ TEVUL_API int tevu_gettag(const char *path, const char *tag, char *buf,
 /* Removes one tag. */
 TEVUL_API int tevu_deltag(const char *path, const char *tag);
 
-/* Removes every tag of the file whose name matches the glob `pattern` (the
- * whole tag file path is the pattern). With no match, the result is errno as
- * it stands. Stops at the first tag that cannot be removed. */
+/* Removes every tag of the file whose name matches the glob `pattern`. Only
+ * the pattern is a pattern: wildcards in the file's own path match
+ * themselves, so "[x].jpg" never reaches the tags of "x.jpg". With no match,
+ * the result is errno as it stands. Stops at the first tag that cannot be
+ * removed. */
 TEVUL_API int tevu_deltag_glob(const char *path, const char *pattern);
 
 /* ------------------------------------------------------------------------ */
@@ -310,16 +333,20 @@ TEVUL_API int tevu_deltag_glob(const char *path, const char *pattern);
  * A view V is configured by files under <mount>/view/.config/V/: cond.ini
  * (condition), group.ini (grouping) and events.ini ("1" or "0"), written
  * whole, without a line end; the daemon shows its files under <mount>/view/V.
- * Results: 0, -1 for a NULL or empty argument, ENOENT when no tag file
- * system is mounted, otherwise an errno value or the fsutil_ result.
+ * A name with slashes names a nested view ("a/b"); a name with a "." or ".."
+ * component is refused like a missing one, so that no view function reaches
+ * outside <mount>/view/.config.
+ * Results: 0, -1 for a NULL or empty argument or a refused name, ENOENT when
+ * no tag file system is mounted, ENAMETOOLONG when the view's paths would be
+ * longer than 4095 bytes, otherwise an errno value or the fsutil_ result.
  */
 
 /* Creates the view's configuration directory (0 also when it exists). */
 TEVUL_API int tevu_view_create(const char *name);
 
 /* Formats <mount>/view/<name> into `buf` of `size` bytes and returns buf;
- * NULL when an argument is missing, nothing is mounted or the view does not
- * exist. */
+ * NULL when an argument is missing or refused, nothing is mounted or the view
+ * does not exist. */
 TEVUL_API char *tevu_view_get_path(const char *name, char *buf, size_t size);
 
 /* Removes the view's configuration directory with everything in it. */
@@ -352,7 +379,8 @@ TEVUL_API int fsutil_isfile(const char *path);
 /* 1 when `path` is a directory (links followed), else 0. */
 TEVUL_API int fsutil_isdir(const char *path);
 
-/* 1 when statfs() succeeds on `path` (any existing path), else 0. */
+/* 1 when statfs() succeeds on `path` (any existing path), else 0 (also for
+ * NULL). */
 TEVUL_API int fsutil_isactivedir(const char *path);
 
 /*
@@ -360,7 +388,8 @@ TEVUL_API int fsutil_isactivedir(const char *path);
  * 0100444 read-only, 1 link), directory (040775 / 040555, link count left
  * alone) or symbolic link (0120775 / 0120555, 1 link). Writable: owner and
  * group of the process; read-only: 0 and 0. Access, modification and change
- * seconds: the default time. `clear` non-zero zeroes the record first.
+ * seconds: the default time. `clear` non-zero zeroes the record first. A NULL `st` is
+ * ignored.
  */
 TEVUL_API void fsutil_stat_setreg(struct stat64 *st, int clear, int writable);
 TEVUL_API void fsutil_stat_setdir(struct stat64 *st, int clear, int writable);
@@ -394,28 +423,29 @@ TEVUL_API int fsutil_rmdir(const char *path, int recursive);
  * or empty, NULL when s holds no "/". */
 TEVUL_API const char *fsutil_basename(const char *s);
 
-/* The number of bytes before the first "/" or the end of `s`. */
+/* The number of bytes before the first "/" or the end of `s`; 0 for NULL. */
 TEVUL_API size_t fsutil_dentrylen(const char *s);
 
 /* 1 when `path` after its first byte equals `name` (exact) or begins with
- * it (not exact), else 0. No component boundary is required. */
+ * it (not exact), else 0 (also when either is NULL). No component boundary
+ * is required. */
 TEVUL_API int fsutil_prefix_match(const char *path, const char *name,
                                   int exact);
 
 /* 1 when the first n bytes of `name` and of `path` after its first byte are
- * equal, else 0. */
+ * equal, else 0 (also when either is NULL). */
 TEVUL_API int fsutil_prefix_match_len(const char *path, const char *name,
                                       size_t n);
 
 /* 1 when `s` ends with `suffix`; 0 also when either is NULL. */
 TEVUL_API int fsutil_suffix_match(const char *s, const char *suffix);
 
-/* 1 when `needle` occurs in `haystack`. */
+/* 1 when `needle` occurs in `haystack`, else 0 (also when either is NULL). */
 TEVUL_API int fsutil_infix_match(const char *haystack, const char *needle);
 
 /* Replaces every occurrence of `from` in `str`, in place, by `to`. Returns 1,
- * or 0 (str untouched) when `to` is longer than `from`. `from` must not be
- * empty. */
+ * or 0 (str untouched) when `to` is longer than `from` or any argument is
+ * NULL. `from` must not be empty. */
 TEVUL_API int fsutil_string_replace(char *str, const char *from,
                                     const char *to);
 
@@ -427,7 +457,10 @@ TEVUL_API int fsutil_string_replace(char *str, const char *from,
  * The longest tag name the tag file system accepts is one byte less than
  * this (key TAG_NAME_MAX of <mount>/meta/.info/limits.txt, read on every
  * call). Returns 0 when the file system is not mounted or the limit cannot
- * be read.
+ * be read. The limits file is read only when it is a regular file of at
+ * most 64 KiB, without waiting on it; anything else at its place (a FIFO, a
+ * device, a larger file) counts as no file. The same holds for the runtime
+ * file /tmp/.tevu/tevu.ini.
  */
 TEVUL_API int tevu_getmaxnamelen(void);
 
@@ -462,6 +495,12 @@ typedef struct tevu_bulk_ctx tevu_bulk_ctx;
  * FIFO that cannot be opened is not a failure: the daemon is then not
  * woken). Returns NULL when the tag file system is not mounted or memory is
  * short. The caller owns the context until tevu_bulk_fini().
+ *
+ * Every context holds its volume's write lock from its first
+ * tevu_bulk_setpath() until tevu_bulk_fini(), also when it only reads
+ * (each file begins "BEGIN IMMEDIATE"); other writers, the daemon
+ * included, wait meanwhile. Waits for locks of other processes never give
+ * up (the busy handler retries every 10 ms for ever).
  */
 TEVUL_API tevu_bulk_ctx *tevu_bulk_init(void);
 
@@ -470,8 +509,15 @@ TEVUL_API tevu_bulk_ctx *tevu_bulk_init(void);
  * paths and symbolic links allowed) the current file: commits the previous
  * file's changes, switches to the database of the path's volume when needed
  * and begins a transaction. Returns 0, or -1 when the context or path is
- * NULL or empty, the path does not exist, no tag file system is mounted, the
- * path lies on no tagged volume or its database cannot be opened.
+ * NULL or empty, the path does not exist, its canonical form is 4095 bytes
+ * or longer (the context would have to cut it, and the tags would land on
+ * another file), no tag file system is mounted, the path lies on no tagged
+ * volume or its database cannot be opened.
+ * A path refused before the previous file was committed (not found, too
+ * long, on no tagged volume) leaves that file's changes pending: they are
+ * committed by the next successful tevu_bulk_setpath(), tevu_bulk_commit()
+ * or tevu_bulk_fini(). Commit first where a later failure must not keep
+ * them waiting.
  */
 TEVUL_API int tevu_bulk_setpath(tevu_bulk_ctx *ctx, const char *path);
 
@@ -537,8 +583,10 @@ TEVUL_API void tevu_bulk_fini(tevu_bulk_ctx *ctx);
 /*
  * Opens the daemon's FIFO "/tmp/.tevu/<name>/action_trigger" (name is the
  * mount point, so the path holds a doubled slash). Returns a descriptor
- * greater than 0; 0 when nothing exists at the path; -1 (errno set) when it
- * exists but cannot be opened. Only a result greater than 0 is a trigger.
+ * greater than 0; 0 when no FIFO is at the path (nothing, or something else:
+ * a regular file, a device, or a link to one of them is never opened, so no
+ * wake-up byte can overwrite a file); -1 (errno set) when the FIFO exists
+ * but cannot be opened. Only a result greater than 0 is a trigger.
  */
 TEVUL_API int event_trigger_init(const char *name);
 
@@ -552,6 +600,29 @@ TEVUL_API void event_trigger(int fd);
  * Closes `fd` when it is greater than 0.
  */
 TEVUL_API void event_trigger_fini(int fd);
+
+/* ======================================================================== */
+/* Extensions                                                                */
+/*                                                                           */
+/* Functions beyond the daemon's interface. They only add information: no    */
+/* result of a function above depends on whether they are called.            */
+/* ======================================================================== */
+
+/*
+ * Whether every COMMIT of the context reached the database. The functions
+ * above report a COMMIT that the database refused (a full disk under the
+ * volume's database, an I/O error) as success, as the daemon's interface
+ * always has; those changes are lost. This tells a caller that it happened.
+ * Counts the COMMITs of tevu_bulk_commit(), of tevu_bulk_setpath() (the
+ * previous file's) and of a switch to another volume; a COMMIT issued with
+ * no transaction open is not one.
+ * Returns -1 for a NULL context; 0 while every COMMIT reached the database;
+ * otherwise the positive errno of the first that did not (ENOSPC for a full
+ * file system, EIO for an I/O error, the SQLite-to-errno mapping of the
+ * metadb_tagdb_ functions otherwise), kept until tevu_bulk_fini(). Check it
+ * after a tevu_bulk_commit() to know whether that file's tags were stored.
+ */
+TEVUL_API int tevu_bulk_error(const tevu_bulk_ctx *ctx);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -34,6 +34,7 @@ bool copy_path(char* buf, const char* path) {
 
 void fill_template(struct stat64* st, int clear, int writable,
                    mode_t writable_mode, mode_t read_only_mode, bool one_link) {
+  if (st == nullptr) return;
   if (clear) memset(st, 0, sizeof *st);
   st->st_mode = writable ? writable_mode : read_only_mode;
   if (one_link) st->st_nlink = 1;
@@ -64,7 +65,7 @@ extern "C" int fsutil_isdir(const char* path) {
 
 extern "C" int fsutil_isactivedir(const char* path) {
   struct statfs64 info;
-  return statfs64(path, &info) == 0 ? 1 : 0;
+  return path != nullptr && statfs64(path, &info) == 0 ? 1 : 0;
 }
 
 extern "C" void fsutil_stat_setreg(struct stat64* st, int clear, int writable) {

@@ -10,7 +10,9 @@ extern "C" const char* fsutil_basename(const char* s) {
   return last == nullptr ? nullptr : last + 1;
 }
 
-extern "C" size_t fsutil_dentrylen(const char* s) { return strcspn(s, "/"); }
+extern "C" size_t fsutil_dentrylen(const char* s) {
+  return s != nullptr ? strcspn(s, "/") : 0;
+}
 
 namespace {
 // `path` after its first byte, which is its leading "/" and is not
@@ -23,6 +25,7 @@ const char* after_first(const char* path) {
 // No component boundary is required after `name`.
 extern "C" int fsutil_prefix_match(const char* path, const char* name,
                                    int exact) {
+  if (path == nullptr || name == nullptr) return 0;
   const char* rest = after_first(path);
   if (exact) return strcmp(rest, name) == 0 ? 1 : 0;
   return strncmp(rest, name, strlen(name)) == 0 ? 1 : 0;
@@ -30,6 +33,7 @@ extern "C" int fsutil_prefix_match(const char* path, const char* name,
 
 extern "C" int fsutil_prefix_match_len(const char* path, const char* name,
                                        size_t n) {
+  if (path == nullptr || name == nullptr) return 0;
   return strncmp(after_first(path), name, n) == 0 ? 1 : 0;
 }
 
@@ -42,11 +46,13 @@ extern "C" int fsutil_suffix_match(const char* s, const char* suffix) {
 }
 
 extern "C" int fsutil_infix_match(const char* haystack, const char* needle) {
+  if (haystack == nullptr || needle == nullptr) return 0;
   return strstr(haystack, needle) != nullptr ? 1 : 0;
 }
 
 extern "C" int fsutil_string_replace(char* str, const char* from,
                                      const char* to) {
+  if (str == nullptr || from == nullptr || to == nullptr) return 0;
   const size_t ls = strlen(str);
   const size_t lf = strlen(from);
   const size_t lt = strlen(to);

@@ -53,6 +53,24 @@ int32_t metadb_errno(int code) {
   return index < 27 ? metadb_errno_table[index] : EIO;
 }
 
+char* metadb_glob_escape(const char* path) {
+  const std::size_t len = std::strlen(path);
+  char* out = static_cast<char*>(sqlite3_malloc64(3 * len + 1));
+  if (out == nullptr) return nullptr;
+  char* o = out;
+  for (const char* p = path; *p != '\0'; ++p) {
+    if (*p == '*' || *p == '?' || *p == '[') {
+      *o++ = '[';
+      *o++ = *p;
+      *o++ = ']';
+    } else {
+      *o++ = *p;
+    }
+  }
+  *o = '\0';
+  return out;
+}
+
 namespace {
 
 constexpr char kSourceName[] = "sources/metadb_bulk";
@@ -338,10 +356,16 @@ int metadb_transaction_op(metadb_tagdb* tagdb, int op) {
     return -1;
   }
   if (op == metadb_txn_begin) metadb_owner_claim(&tagdb->owner);
-  // The outcome of BEGIN, COMMIT and ROLLBACK is deliberately not examined:
-  // callers rely on a COMMIT outside a transaction, or a BEGIN inside one,
-  // reporting success.
-  metadb_step(slot->get());
+  // The result stays 0 whatever the statement gave: the daemon's callers
+  // have always been told success, also for a COMMIT that a full disk
+  // refused, and a bulk context issues a COMMIT with no transaction open
+  // (a second commit, a commit after a rollback) as a matter of course.
+  // What a COMMIT that had a transaction to end gave is kept in the handle,
+  // so that a bulk context can report lost writes by other means.
+  const bool ends_transaction =
+      op == metadb_txn_commit && !sqlite3_get_autocommit(tagdb->db.get());
+  const int rc = metadb_step(slot->get());
+  if (ends_transaction && rc != SQLITE_DONE) tagdb->failed_commit = rc;
   sqlite3_reset(slot->get());
   return 0;
 }
@@ -350,6 +374,7 @@ namespace {
 // Shared by the three exported transaction functions.
 int transaction_entry(metadb_tagdb* tagdb, int op) {
   if (tagdb == nullptr || !tagdb->db) return -1;
+  if (op == metadb_txn_commit) tagdb->failed_commit = SQLITE_OK;
   if (op == metadb_txn_begin) {
     if (tagdb->modified) metadb_transaction_op(tagdb, metadb_txn_rollback);
   } else if (!tagdb->modified) {

@@ -56,21 +56,51 @@ inline bool metadb_tag_sql_safe(const char* tag) {
   return std::strchr(tag, '"') == nullptr;
 }
 
-// A statement text formatted with sqlite3_snprintf ("%q" for quoted texts,
-// "%s" for tag names given as metadb_tag_ident, "%lld" for row ids) into a
-// buffer of N bytes, as the database format fixes it. A text is usable only
-// when it fits whole and names no unsafe tag: otherwise fits() is false and
-// the caller treats it as a failed statement. The extra byte behind the N is
-// what tells a text of exactly N-1 characters from a longer, cut one.
+// `path` as a GLOB pattern that matches only itself, in memory from
+// sqlite3_malloc() (the caller frees it with sqlite3_free()); NULL when
+// memory is short.
+char* metadb_glob_escape(const char* path);
+
+// A path that selects its subtree by pattern (the "%q" of the GLOB half of
+// METADB_SUBTREE). Its "*", "?" and "[" are bracketed ("[*]", "[?]", "[[]")
+// so that they match only themselves: a folder named "[2019] Trip" selects
+// its own files, never those of "2 Trip".
+struct metadb_glob_literal {
+  const char* path;
+};
+
+// The rows of a stored path p and of everything below it, to be formatted
+// with p (for "%q") and then metadb_glob_literal{p}. A sibling that only
+// shares a prefix ("a/bc" for "a/b") is never selected.
+#define METADB_SUBTREE "Path='%q' OR Path GLOB '%q/*'"
+
+// A statement text formatted with SQLite's formatter ("%q" for quoted texts,
+// "%s" for tag names given as metadb_tag_ident, "%q" for patterns given as
+// metadb_glob_literal, "%lld" for row ids) for a buffer of N bytes, as the
+// database format fixes it. A text is usable only when it fits whole and
+// names no unsafe tag: otherwise fits() is false, c_str() is empty, and the
+// caller treats it as a failed statement.
+//
+// The text is measured whole before it is copied: sqlite3_snprintf() cannot
+// be trusted to show a cut, since it drops an argument longer than the whole
+// buffer and goes on with the rest, which leaves a short but valid statement
+// (a value of 300 bytes would become the empty value).
 template <std::size_t N>
 class metadb_sql_text {
  public:
   template <typename... Args>
   explicit metadb_sql_text(const char* format, Args... args) {
     bool safe = true;
-    sqlite3_snprintf(static_cast<int>(N + 1), buf_, format,
-                     unwrap(args, safe)...);
-    fits_ = safe && std::strlen(buf_) < N;
+    char* whole = sqlite3_mprintf(format, unwrap(args, safe)...);
+    const std::size_t len = whole != nullptr ? std::strlen(whole) : N;
+    fits_ = safe && len < N;
+    if (fits_) {
+      std::memcpy(buf_, whole, len + 1);
+    } else {
+      buf_[0] = '\0';
+    }
+    sqlite3_free(whole);
+    sqlite3_free(pattern_);
   }
   metadb_sql_text(const metadb_sql_text&) = delete;
   metadb_sql_text& operator=(const metadb_sql_text&) = delete;
@@ -83,13 +113,20 @@ class metadb_sql_text {
     if (!metadb_tag_sql_safe(tag.name)) safe = false;
     return tag.name;
   }
+  // One pattern per text; its storage lives until the text is formatted.
+  const char* unwrap(metadb_glob_literal literal, bool& safe) {
+    if (pattern_ == nullptr) pattern_ = metadb_glob_escape(literal.path);
+    if (pattern_ == nullptr) safe = false;
+    return pattern_ != nullptr ? pattern_ : "";
+  }
   template <typename T>
   static T unwrap(T value, bool& /*safe*/) {
     return value;
   }
 
-  char buf_[N + 1];
+  char buf_[N];
   bool fits_;
+  char* pattern_ = nullptr;
 };
 
 // ---------------------------------------------------------------------------

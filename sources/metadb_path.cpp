@@ -18,15 +18,14 @@ constexpr std::size_t kMoveSqlSize = 16476;
 constexpr std::size_t kAbsolutePathSize = 4097;
 
 constexpr char kDeleteAllSql[] = "DELETE FROM Meta";
-constexpr char kDeleteSubtreeSql[] =
-    "DELETE FROM Meta WHERE Path='%q' OR Path GLOB '%q/*'";
+constexpr char kDeleteSubtreeSql[] = "DELETE FROM Meta WHERE " METADB_SUBTREE;
 constexpr char kRenameSql[] =
     "UPDATE Meta SET Path='%q'||SUBSTR(Path,LENGTH('%q')+1) "
-    "WHERE Path='%q' OR Path GLOB '%q/*'";
+    "WHERE " METADB_SUBTREE;
 // Column 0 is each row's destination path; the table's columns follow.
 constexpr char kMoveSelectSql[] =
     "SELECT '%q'||SUBSTR(Path,LENGTH('%q')+1) AS ToPath,* FROM Meta "
-    "WHERE Path='%q' OR Path GLOB '%q/*'";
+    "WHERE " METADB_SUBTREE;
 
 constexpr char kScanSql[] = "SELECT Path FROM Meta";
 constexpr char kCreateDelSql[] =
@@ -81,7 +80,8 @@ extern "C" int metadb_tagdb_delete_path(metadb_tagdb* tagdb, const char* path) {
       path[0] == '\0'
           ? metadb_exec_query(db, kDeleteAllSql, nullptr, nullptr)
           : metadb_exec_text(db, metadb_sql_text<kDeleteSqlSize>(
-                                     kDeleteSubtreeSql, path, path));
+                                     kDeleteSubtreeSql, path,
+                                     metadb_glob_literal{path}));
   if (rc != SQLITE_OK) return 1;
   tagdb->modified = 1;
   return 0;
@@ -94,7 +94,8 @@ extern "C" int metadb_tagdb_rename_path(metadb_tagdb* tagdb,
     return 1;
   }
   const metadb_sql_text<kRenameSqlSize> sql(kRenameSql, new_path, old_path,
-                                            old_path, old_path);
+                                            old_path,
+                                            metadb_glob_literal{old_path});
   if (metadb_exec_text(tagdb->db.get(), sql) != SQLITE_OK) return 1;
   tagdb->modified = 1;
   return 0;
@@ -109,7 +110,8 @@ extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
   sqlite3* db = src->db.get();
   {
     const metadb_sql_text<kMoveSqlSize> sql(kMoveSelectSql, new_path, old_path,
-                                            old_path, old_path);
+                                            old_path,
+                                            metadb_glob_literal{old_path});
     metadb_stmt_ptr select;
     if (!sql.fits() || metadb_prepare(db, sql.c_str(), -1, select) != SQLITE_OK) {
       return kFailed;
@@ -120,7 +122,8 @@ extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
     }
   }
   // Inside src's transaction; src is not marked as written (see tevul.h).
-  const metadb_sql_text<kMoveSqlSize> sql(kDeleteSubtreeSql, old_path, old_path);
+  const metadb_sql_text<kMoveSqlSize> sql(kDeleteSubtreeSql, old_path,
+                                          metadb_glob_literal{old_path});
   metadb_stmt_ptr remove;
   if (sql.fits() && metadb_prepare(db, sql.c_str(), -1, remove) == SQLITE_OK) {
     metadb_step(remove.get());

@@ -44,11 +44,9 @@ constexpr char kGettagSql[] = "SELECT Meta.\".%s\" FROM Meta WHERE Path='%q'";
 constexpr char kDeltagSql[] = "UPDATE Meta SET \".%s\"=NULL WHERE Path='%q'";
 constexpr char kRecursiveAllSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL";
-// The path is quoted with %q only, so GLOB characters in it select by
-// pattern; existing callers depend on that.
 constexpr char kRecursiveSubtreeSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL "
-    "WHERE Path='%q' OR Path GLOB '%q/*'";
+    "WHERE " METADB_SUBTREE;
 
 // Runs the value update of `tag` on row `rowid` with the handle's kept
 // statement for that tag: the effect of the formatted kSettagSql, without
@@ -241,7 +239,8 @@ extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
           ? metadb_exec_text(
                 db, metadb_sql_text<kRecursiveSqlSize>(kRecursiveAllSql, column, v))
           : metadb_exec_text(db, metadb_sql_text<kRecursiveSqlSize>(
-                                     kRecursiveSubtreeSql, column, v, path, path));
+                                     kRecursiveSubtreeSql, column, v, path,
+                                     metadb_glob_literal{path}));
   if (rc != SQLITE_OK) return 1;
   tagdb->modified = 1;
   metadb_tagdb_sync_all(tagdb);

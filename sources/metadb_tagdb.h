@@ -28,6 +28,10 @@ struct metadb_tagdb {
   // 1 once anything was written through the handle; never reset. Commit,
   // rollback and the Data sync do nothing while it is 0.
   int modified = 0;
+  // What the last metadb_tagdb_transaction_commit() on the handle gave for
+  // a COMMIT that had a transaction to end and did not end it (SQLITE_FULL
+  // for a full disk); SQLITE_OK otherwise, also when no COMMIT was issued.
+  int failed_commit = SQLITE_OK;
   metadb_lock_owner owner;
 
   metadb_tagdb() = default;

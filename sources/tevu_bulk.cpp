@@ -112,6 +112,9 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
                   mount);
   }
   if (canonical[0] != '/') return -1;
+  // The context keeps at most sizeof path - 2 bytes of a path: a longer one
+  // would be cut to another file's name, and its tags land there.
+  if (strlen(canonical) >= sizeof ctx->path - 1) return -1;
   if (!on_known_volume(canonical)) return -1;
 
   // The previous file's changes are synced, committed and signalled before
@@ -164,6 +167,8 @@ extern "C" int tevu_bulk_commit(tevu_bulk_ctx* ctx) {
     metadb_tagdb_sync(ctx->tagdb.get(), tevu_bulk_relative_path(ctx));
   }
   const int rc = metadb_tagdb_transaction_commit(ctx->tagdb.get());
+  const int lost = ctx->tagdb->failed_commit;
+  if (lost != SQLITE_OK && ctx->error == 0) ctx->error = metadb_errno(lost);
   if (ctx->dirty) {
     event_trigger(ctx->trigger);  // whatever the commit gave
     ctx->dirty = 0;
@@ -187,4 +192,8 @@ extern "C" void tevu_bulk_fini(tevu_bulk_ctx* ctx) {
   ctx->volume.prefix[0] = '\0';
   ctx->volume.prefix_len = 0;
   event_trigger_fini(ctx->trigger);
+}
+
+extern "C" int tevu_bulk_error(const tevu_bulk_ctx* ctx) {
+  return ctx == nullptr ? -1 : ctx->error;
 }

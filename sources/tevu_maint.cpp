@@ -92,5 +92,16 @@ extern "C" int tevu_cleanup_attached(const char* path, int* cancel,
   bulk_ptr ctx(tevu_bulk_init());
   if (!ctx) return -1;
   if (tevu_locate_volume(&ctx->volume, canonical) != 1) return -1;
-  return tevu_cleanup(ctx->volume.db_path, canonical, cancel, filter);
+  // The stored paths are relative to the volume's root, whatever directory
+  // of the volume was given: the filter gets root + "/" + stored path, the
+  // file's real place. The root is the prefix without its final "/".
+  const tevu_volume& volume = ctx->volume;
+  if (volume.prefix_len < 2 ||
+      static_cast<std::size_t>(volume.prefix_len) >= sizeof volume.prefix) {
+    return -1;
+  }
+  char root[sizeof volume.prefix];
+  memcpy(root, volume.prefix, static_cast<std::size_t>(volume.prefix_len) - 1);
+  root[volume.prefix_len - 1] = '\0';
+  return tevu_cleanup(volume.db_path, root, cancel, filter);
 }

@@ -8,23 +8,66 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "common.h"
 #include "tevu_volume.h"
 
 namespace {
 
+// True when `name` (a tag name or a pattern over tag names) stays inside a
+// file's tag directory: it holds no "/" and is neither "." nor "..". Any
+// other name would address the daemon's own files (a volume's database
+// link, the limits file) or another file's tags.
+bool stays_in_tag_dir(const char* name) {
+  return std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
+         std::strcmp(name, "..") != 0;
+}
+
+// Writes `text` into `out`, with "\\" before every character that glob()
+// would take for a pattern, so that it matches only itself. Returns the
+// length written, or -1 when it does not fit in `size` bytes.
+int glob_quote(char* out, std::size_t size, const char* text) {
+  std::size_t n = 0;
+  for (const char* p = text; *p != '\0'; ++p) {
+    const bool special = std::strchr("*?[]\\", *p) != nullptr;
+    if (n + (special ? 2 : 1) >= size) return -1;
+    if (special) out[n++] = '\\';
+    out[n++] = *p;
+  }
+  out[n] = '\0';
+  return static_cast<int>(n);
+}
+
 // The common start of the tag-file functions: the mount, the arguments, the
-// canonical path, the tag file path in `tag_file`. Returns 0, ENOENT (no
-// mount, a missing argument) or realpath's errno.
-int tag_file_path(const char* path, const char* tag, char* tag_file) {
+// canonical path, the tag file path in `tag_file` (tevu_path_size bytes).
+// With `pattern`, the file's own part of the path is quoted so that only
+// `tag` acts as a glob pattern. Returns 0, ENOENT (no mount, a missing
+// argument), EINVAL (a name that would leave the file's tag directory, or
+// the root directory, whose tag directory is the meta directory itself),
+// ENAMETOOLONG (a tag file path that would be cut) or realpath's errno.
+int tag_file_path(const char* path, const char* tag, char* tag_file,
+                  bool pattern) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
   if (tevul::is_empty(path) || tevul::is_empty(tag)) return ENOENT;
+  if (!stays_in_tag_dir(tag)) return EINVAL;
   char canonical[tevu_path_size];
   if (realpath(path, canonical) == nullptr) return errno;
-  tevul::format_cut(tag_file, tevu_path_size, "%s/meta/%s/%s", mount,
-                    canonical + 1, tag);
+  if (std::strcmp(canonical, "/") == 0) return EINVAL;
+  char dir[tevu_path_size];
+  const int dir_len = std::snprintf(dir, sizeof dir, "%s/meta/%s/", mount,
+                                    canonical + 1);
+  if (dir_len < 0 || static_cast<std::size_t>(dir_len) >= sizeof dir) {
+    return ENAMETOOLONG;
+  }
+  const int len = pattern ? glob_quote(tag_file, tevu_path_size, dir)
+                          : std::snprintf(tag_file, tevu_path_size, "%s", dir);
+  if (len < 0 ||
+      static_cast<std::size_t>(len) + std::strlen(tag) >= tevu_path_size) {
+    return ENAMETOOLONG;
+  }
+  std::memcpy(tag_file + len, tag, std::strlen(tag) + 1);
   return 0;
 }
 
@@ -32,11 +75,19 @@ struct glob_releaser {
   void operator()(glob_t* g) const { globfree(g); }
 };
 
+// True for a glob match that names the tag directory itself or its parent
+// (a pattern such as ".*" matches "." and ".."): never a tag.
+bool is_dot_entry(const char* match) {
+  const char* base = std::strrchr(match, '/');
+  base = base != nullptr ? base + 1 : match;
+  return std::strcmp(base, ".") == 0 || std::strcmp(base, "..") == 0;
+}
+
 }  // namespace
 
 extern "C" int tevu_settag(const char* path, const char* tag, const char* value) {
   char tag_file[tevu_path_size];
-  if (const int rc = tag_file_path(path, tag, tag_file)) return rc;
+  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   tevul::file_ptr file(std::fopen(tag_file, "w"));
   if (!file) return errno;
   // What the daemon does with the value is its business: a value it refuses
@@ -49,7 +100,7 @@ extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
                            size_t size) {
   if (buf == nullptr) return ENOENT;
   char tag_file[tevu_path_size];
-  if (const int rc = tag_file_path(path, tag, tag_file)) return rc;
+  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   if (size == 0) return 0;  // room for nothing, not even the terminator
   tevul::file_ptr file(std::fopen(tag_file, "r"));
   if (!file) return errno;
@@ -62,21 +113,22 @@ extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
 
 extern "C" int tevu_deltag(const char* path, const char* tag) {
   char tag_file[tevu_path_size];
-  if (const int rc = tag_file_path(path, tag, tag_file)) return rc;
+  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   return unlink(tag_file) == 0 ? 0 : errno;
 }
 
 extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
   char tag_file[tevu_path_size];
-  if (const int rc = tag_file_path(path, pattern, tag_file)) return rc;
+  if (const int rc = tag_file_path(path, pattern, tag_file, true)) return rc;
   glob_t matches;
-  // The whole tag file path is the pattern, the file's own path included.
+  // Only the pattern matches by pattern: the file's own path was quoted.
   const int rc = glob(tag_file, GLOB_NOSORT, nullptr, &matches);
   std::unique_ptr<glob_t, glob_releaser> release(&matches);
   // glob's own code is never returned: with no match the result is errno as
   // it stands, as callers have always seen it.
   if (rc != 0) return errno;
   for (size_t i = 0; i < matches.gl_pathc; ++i) {
+    if (is_dot_entry(matches.gl_pathv[i])) continue;
     if (unlink(matches.gl_pathv[i]) != 0) return errno;
   }
   return 0;

@@ -4,6 +4,7 @@
 #include <errno.h>
 
 #include <cstdio>
+#include <cstring>
 
 #include "common.h"
 #include "tevu_volume.h"
@@ -11,21 +12,44 @@
 namespace {
 
 constexpr char kConfigDir[] = "%s/view/.config/%s";
+constexpr char kConfigFile[] = "%s/view/.config/%s/%s";
 constexpr char kContentsDir[] = "%s/view/%s";
 
 // Bad arguments are -1 here, unlike the tag-file functions' 2: views have
 // always reported them so.
 constexpr int kBadArgument = -1;
 
+// True when `name` may name a view: not empty, and no "/"-separated
+// component of it is "." or "..", so that the view's directories stay below
+// <mount>/view/.config (deleting "../../meta" would take the volume links
+// with it). "a/b" names a nested view.
+bool valid_name(const char* name) {
+  if (tevul::is_empty(name)) return false;
+  for (const char* part = name;;) {
+    const std::size_t len = std::strcspn(part, "/");
+    if ((len == 1 && part[0] == '.') ||
+        (len == 2 && part[0] == '.' && part[1] == '.')) {
+      return false;
+    }
+    if (part[len] == '\0') return true;
+    part += len + 1;
+  }
+}
+
 // Formats the view's configuration directory, or the file `file` in it,
-// into `out` of tevu_path_size bytes. Returns 0, or ENOENT without a mount.
+// into `out` of tevu_path_size bytes. Returns 0, kBadArgument for a name
+// that is not valid_name(), ENOENT without a mount, or ENAMETOOLONG when the
+// path would be cut (a cut name could end in a ".." it did not have).
 int config_path(const char* name, const char* file, char* out) {
+  if (!valid_name(name)) return kBadArgument;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
-  const int len = tevul::format_cut(out, tevu_path_size, kConfigDir, mount, name);
-  if (file != nullptr && len >= 0 &&
-      static_cast<std::size_t>(len) < tevu_path_size) {
-    tevul::format_cut(out + len, tevu_path_size - len, "/%s", file);
+  const int len = file != nullptr
+                      ? std::snprintf(out, tevu_path_size, kConfigFile, mount,
+                                      name, file)
+                      : std::snprintf(out, tevu_path_size, kConfigDir, mount, name);
+  if (len < 0 || static_cast<std::size_t>(len) >= tevu_path_size) {
+    return ENAMETOOLONG;
   }
   return 0;
 }
@@ -41,14 +65,13 @@ int write_config(const char* name, const char* file, const char* text) {
 }
 
 int set_string(const char* name, const char* file, const char* text) {
-  if (tevul::is_empty(name) || tevul::is_empty(text)) return kBadArgument;
+  if (!valid_name(name) || tevul::is_empty(text)) return kBadArgument;
   if (tevu_find_mount() == nullptr) return ENOENT;
   if (const int rc = tevu_view_create(name)) return rc;
   return write_config(name, file, text);
 }
 
 int set_events(const char* name, const char* on_off) {
-  if (tevul::is_empty(name)) return kBadArgument;
   // Does not create the view: ENOENT when it was never created.
   return write_config(name, "events.ini", on_off);
 }
@@ -56,7 +79,6 @@ int set_events(const char* name, const char* on_off) {
 }  // namespace
 
 extern "C" int tevu_view_create(const char* name) {
-  if (tevul::is_empty(name)) return kBadArgument;
   char path[tevu_path_size];
   if (const int rc = config_path(name, nullptr, path)) return rc;
   // Mode 0 is deliberate: it never exceeds the existing bits, so no
@@ -65,7 +87,7 @@ extern "C" int tevu_view_create(const char* name) {
 }
 
 extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
-  if (tevul::is_empty(name) || buf == nullptr) return nullptr;
+  if (buf == nullptr) return nullptr;
   char config[tevu_path_size];
   if (config_path(name, nullptr, config) != 0 || !fsutil_isdir(config)) {
     return nullptr;
@@ -75,7 +97,6 @@ extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
 }
 
 extern "C" int tevu_view_delete(const char* name) {
-  if (tevul::is_empty(name)) return kBadArgument;
   char path[tevu_path_size];
   if (const int rc = config_path(name, nullptr, path)) return rc;
   return fsutil_rmdir(path, 1);

@@ -2,6 +2,8 @@
 #include "tevu_volume.h"
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <mntent.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -23,6 +25,44 @@ constexpr char kRuntimeFile[] = "/tmp/.tevu/tevu.ini";
 constexpr char kLimitsScan[] = "%4095[^=]=%4095[^\n]\n";
 // Three ":"-separated fields; only the second (the volume root) is used.
 constexpr char kRuntimeScan[] = "%255[^:\n]:%4096[^:\n]:%4096[^\n]\n";
+
+// The most a limits or runtime file may hold; a larger one counts as absent
+// (a runaway file costs one bounded read, not seconds per call).
+constexpr std::size_t kSmallFileMax = 64 * 1024;
+
+// The content of one of the daemon's small text files, as a stream.
+struct small_file {
+  std::unique_ptr<char, tevul::free_deleter> data;
+  tevul::file_ptr stream;
+};
+
+// Opens `name` for scanning, or gives no stream when the file counts as
+// absent: it does not exist, is not a regular file (a FIFO or device put in
+// its place is never read, and the open does not wait for a writer), is
+// empty, or holds more than kSmallFileMax bytes. The whole content is read
+// at once, so nothing of the file stays open.
+small_file open_small_file(const char* name) {
+  small_file file;
+  const int fd = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return file;
+  struct stat st;
+  std::size_t len = 0;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+    // One byte more than allowed tells a file that is too large, also where
+    // the file system (the daemon's) reports no size.
+    file.data.reset(static_cast<char*>(std::malloc(kSmallFileMax + 1)));
+    while (file.data && len <= kSmallFileMax) {
+      const ssize_t got = read(fd, file.data.get() + len, kSmallFileMax + 1 - len);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      len += static_cast<std::size_t>(got);
+    }
+  }
+  close(fd);
+  if (!file.data || len == 0 || len > kSmallFileMax) return small_file();
+  file.stream.reset(fmemopen(file.data.get(), len, "r"));
+  return file;
+}
 
 // Process-wide caches: filled once, never reset or freed.
 char* g_mount_point = nullptr;
@@ -61,9 +101,9 @@ int32_t tevu_get_limit(const char* key) {
   char file_name[tevu_path_size];
   tevul::format_cut(file_name, sizeof file_name, "%s/%s/%s/%s", mount, "meta",
                 ".info", "limits.txt");
-  tevul::file_ptr file(std::fopen(file_name, "r"));
-  if (!file) return 0;
-  return tevu_scan_limit(file.get(), key);
+  const small_file file = open_small_file(file_name);
+  if (!file.stream) return 0;
+  return tevu_scan_limit(file.stream.get(), key);
 }
 
 int32_t tevu_scan_limit(FILE* file, const char* key) {
@@ -90,9 +130,9 @@ extern "C" int tevu_getmaxvaluelen(void) {
 }
 
 int tevu_read_ini(char* dst) {
-  tevul::file_ptr file(std::fopen(kRuntimeFile, "r"));
-  if (!file) return 0;
-  return tevu_scan_ini(file.get(), dst);
+  const small_file file = open_small_file(kRuntimeFile);
+  if (!file.stream) return 0;
+  return tevu_scan_ini(file.stream.get(), dst);
 }
 
 int tevu_scan_ini(FILE* file, char* dst) {

@@ -45,13 +45,14 @@ TEST_F(PathMaintenance, DeleteSelectsTheSubtreeOnly) {
   EXPECT_EQ(metadb_tagdb_delete_path(nullptr, "a"), 1);
 }
 
-TEST_F(PathMaintenance, QuotesAreDataAndPatternCharactersArePatterns) {
-  tag_all(db_.get(), {"it's", "it's/x", "its/x", "a*", "a*/1", "ab/2", "ac", "b?/3", "bz/4"});
+TEST_F(PathMaintenance, QuotesAndPatternCharactersAreData) {
+  tag_all(db_.get(), {"it's", "it's/x", "its/x", "a*", "a*/1", "ab/2", "ac",
+                      "b?/3", "bz/4", "[x]/5", "x/6"});
   EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "it's"), 0);
   EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "a*"), 0);
   EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "b?"), 0);
-  // "a*/*" also matches ab/2; "ac" is not below anything deleted.
-  EXPECT_EQ(paths(file_), (Rows{{"ac"}, {"its/x"}}));
+  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "[x]"), 0);
+  EXPECT_EQ(paths(file_), (Rows{{"ab/2"}, {"ac"}, {"bz/4"}, {"its/x"}, {"x/6"}}));
 }
 
 TEST_F(PathMaintenance, RenameMovesTheSubtreeWithItsTags) {
