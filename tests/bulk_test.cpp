@@ -117,6 +117,21 @@ TEST_F(BulkTest, SetpathAcceptsExistingPathsOnTaggedVolumesOnly) {
             (std::vector<std::vector<std::string>>{{"sub/real.txt", "via link"},
                                                    {"sub/rel.txt", "relative"}}));
   EXPECT_TRUE(rows("mnt", "SELECT * FROM Meta").empty());
+
+  // The context keeps a path of at most 4094 bytes; one byte more would be
+  // cut, to the name of the other file here, and is refused instead.
+  std::string deep = "/srv";
+  while (deep.size() + 201 < 4094) deep += "/" + std::string(200, 'd');
+  const std::string longest = file(deep + "/" + std::string(4094 - deep.size() - 1, 'f'));
+  const std::string cut_to_longest = file(longest + "f");
+  bulk.reset(tevu_bulk_init());
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), cut_to_longest.c_str()), -1);
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), longest.c_str()), 0);
+  EXPECT_EQ(tevu_bulk_settag(bulk.get(), "t", "longest"), 0);
+  bulk.reset();
+  EXPECT_EQ(rows("srv", "SELECT count(*) FROM Meta WHERE \".t\"='longest' AND Path='" +
+                            longest.substr(5) + "'"),
+            (std::vector<std::vector<std::string>>{{"1"}}));
 }
 
 TEST_F(BulkTest, LengthLimitsAreUnsignedAndReadOncePerContext) {

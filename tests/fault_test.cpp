@@ -117,6 +117,30 @@ TEST_F(Faults, LimitsFileThatCannotBeRead) {
   }
 }
 
+// The daemon's small files are read only as regular files of at most
+// 64 KiB: a FIFO in their place would block every call, a huge file would
+// cost seconds per call. Either counts as no file, at once.
+TEST_F(Faults, DaemonFilesThatAreNotSmallRegularFilesCountAsAbsent) {
+  alarm(30);  // a blocked read ends the test instead of hanging it
+  const std::string limits = Sandbox::meta_backing() + "/.info/limits.txt";
+  const std::string head = "TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n";
+  const std::string pad = "pad=";
+  const std::size_t max = 64 * 1024;
+  ASSERT_TRUE(write_file(limits, head + pad + std::string(max - head.size() - pad.size() - 1, 'p') + "\n"));
+  EXPECT_EQ(tevu_getmaxnamelen(), 64) << "exactly 64 KiB is read";
+  ASSERT_TRUE(write_file(limits, head + pad + std::string(max - head.size() - pad.size(), 'p') + "\n"));
+  EXPECT_EQ(tevu_getmaxnamelen(), 0) << "one byte more is not";
+  ASSERT_EQ(unlink(limits.c_str()), 0);
+  ASSERT_EQ(mkfifo(limits.c_str(), 0644), 0);
+  EXPECT_EQ(tevu_getmaxnamelen(), 0);
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_NE(bulk, nullptr);
+
+  ASSERT_EQ(mkfifo("/tmp/.tevu/tevu.ini", 0644), 0);
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/tmp"), -1) << "on no volume";
+  alarm(0);
+}
+
 TEST_F(Faults, MountTableEntryWhoseMountPointVanished) {
   // A static mount table that still lists the tag file system at a
   // directory that no longer exists.
@@ -176,6 +200,33 @@ TEST_F(Faults, FullDiskDuringATransaction) {
   again.reset();
   EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT Data FROM Meta"),
             "k=committed|big=small");
+}
+
+// When the disk under a volume's database fills, statements may still pass
+// while the COMMIT is refused: the daemon's interface reports success, the
+// context reports the loss, and only the files before it are stored.
+TEST_F(Faults, FullDiskAtCommitIsReportedByTheContext) {
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT, "size=256k"), 0);
+  Bulk bulk(tevu_bulk_init());
+  const std::string value(150, 'v');
+  int lost = -1;
+  for (int i = 0; i < 5000 && lost < 0; ++i) {
+    const std::string file = "/mnt/f" + std::to_string(i);
+    ASSERT_TRUE(write_file(file, ""));
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), file.c_str()), 0);
+    if (tevu_bulk_settag(bulk.get(), "k", value.c_str()) != 0) break;
+    ASSERT_EQ(tevu_bulk_commit(bulk.get()), 0) << "reported as success";
+    if (tevu_bulk_error(bulk.get()) != 0) lost = i;
+  }
+  ASSERT_GT(lost, 0) << "the disk filled at a COMMIT";
+  EXPECT_EQ(tevu_bulk_error(bulk.get()), ENOSPC);
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/f0"), 0);
+  EXPECT_EQ(tevu_bulk_error(bulk.get()), ENOSPC) << "kept until fini";
+  EXPECT_EQ(tevu_bulk_error(nullptr), -1);
+  bulk.reset();
+  RawDb db(Sandbox::db_path("mnt"));
+  EXPECT_EQ(db.value("PRAGMA integrity_check"), "ok");
+  EXPECT_EQ(db.value("SELECT count(*) FROM Meta"), std::to_string(lost));
 }
 
 }  // namespace

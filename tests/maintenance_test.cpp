@@ -100,6 +100,29 @@ TEST_F(Maintenance, MoveOntoAVolumeRootWithoutSlashDoesNotHang) {
   EXPECT_EQ(rows("mnt"), before);
 }
 
+// Folder names with pattern characters are common on removable media
+// ("[2019] Trip", "What?"): each selects its own tree, never that of a
+// near-namesake, in delete, move (within and across volumes) and recursive
+// tagging.
+TEST_F(Maintenance, PathsWithPatternCharactersAreLiteral) {
+  tag_files({"/mnt/[2019] Trip/a.jpg", "/mnt/2 Trip/other.jpg", "/mnt/What?/x",
+             "/mnt/Whats/up.jpg", "/mnt/[x]/1", "/mnt/x/2"});
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  ASSERT_EQ(tevu_bulk_setpath(bulk, "/mnt/[x]"), 0);
+  ASSERT_EQ(tevu_bulk_settag_recursive(bulk, "r", "1"), 0);
+  tevu_bulk_fini(bulk);
+  EXPECT_EQ(tevu_delete("/mnt/What?"), 0);
+  EXPECT_EQ(tevu_move("/mnt/[2019] Trip", "/mnt/2019 Trip"), 0);
+  EXPECT_EQ(tevu_move("/mnt/[x]", "/srv/[x]"), 0);
+
+  RawDb mnt(Sandbox::db_path("mnt"));
+  EXPECT_EQ(mnt.rows("SELECT Path, \".r\" FROM Meta ORDER BY Path"),
+            (Rows{{"2 Trip/other.jpg", "NULL"}, {"2019 Trip/a.jpg", "NULL"},
+                  {"Whats/up.jpg", "NULL"}, {"[x]/1", "1"}, {"x/2", "NULL"}}));
+  EXPECT_EQ(RawDb(Sandbox::db_path("srv")).rows("SELECT Path FROM Meta"),
+            (Rows{{"[x]/1"}}));
+}
+
 int g_calls = 0;
 int* g_cancel = nullptr;
 int missing_file(const char* path, int) {
@@ -113,7 +136,8 @@ TEST_F(Maintenance, CleanupDropsTheRowsOfVanishedFiles) {
   ASSERT_EQ(unlink("/mnt/d/b"), 0);
   ASSERT_EQ(unlink("/mnt/e"), 0);
   int cancel = 0;
-  EXPECT_EQ(tevu_cleanup_attached("/mnt", &cancel, missing_file), 0);
+  // Given a subdirectory, the filter still sees each file's real place.
+  EXPECT_EQ(tevu_cleanup_attached("/mnt/d", &cancel, missing_file), 0);
   EXPECT_EQ(g_calls, 4);
   EXPECT_EQ(rows("mnt"), (Rows{{"a", "a", "t=a"}, {"d/c", "d/c", "t=d\\c"}}));
   EXPECT_EQ(sandbox_.drain_fifo(), 0) << "a cleanup does not wake the daemon";

@@ -71,4 +71,24 @@ TEST(Match, ReplaceOnlyShrinks) {
   EXPECT_EQ(replaced("none", "q", "", 1), "none");
 }
 
+// A NULL string is a "no", never a crash or a NULL handed to the C library.
+TEST(Match, NullStringsGiveTheNoResult) {
+  char text[] = "abc";
+  EXPECT_EQ(fsutil_dentrylen(nullptr), 0u);
+  EXPECT_EQ(fsutil_prefix_match(nullptr, "a", 0), 0);
+  EXPECT_EQ(fsutil_prefix_match("/a", nullptr, 1), 0);
+  EXPECT_EQ(fsutil_prefix_match_len(nullptr, "a", 1), 0);
+  EXPECT_EQ(fsutil_prefix_match_len("/a", nullptr, 1), 0);
+  EXPECT_EQ(fsutil_infix_match(nullptr, "a"), 0);
+  EXPECT_EQ(fsutil_infix_match("a", nullptr), 0);
+  EXPECT_EQ(fsutil_string_replace(nullptr, "a", ""), 0);
+  EXPECT_EQ(fsutil_string_replace(text, nullptr, ""), 0);
+  EXPECT_EQ(fsutil_string_replace(text, "a", nullptr), 0);
+  EXPECT_STREQ(text, "abc");
+  EXPECT_EQ(fsutil_isactivedir(nullptr), 0);
+  fsutil_stat_setreg(nullptr, 1, 1);
+  fsutil_stat_setdir(nullptr, 1, 1);
+  fsutil_stat_setsymlink(nullptr, 1, 1);
+}
+
 }  // namespace

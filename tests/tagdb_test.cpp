@@ -202,20 +202,18 @@ TEST_F(TagDb, OverlongSettagStatementsChangeNothingElse) {
                                   "t", "keep"),
               0);
   RawDb raw(file_);
-  // Fixed text 51 + tag 1 + value: 177 - 1 - rowid digits fit exactly.
-  for (std::size_t len = 170; len <= 200; ++len) {
+  // Fixed text 51 + tag 1 + row number 2: a value of 174 bytes is the
+  // longest that fits the 228 characters. A value longer than the whole
+  // buffer (228, 300) is refused like any other that does not fit.
+  for (const std::size_t len : {174, 175, 227, 228, 300}) {
     const std::string path = "new" + std::to_string(len);
     const std::string value(len, 'x');
-    const int rc = metadb_tagdb_settag(db_.get(), path.c_str(), "t",
-                                       value.c_str());
-    const std::string stored =
-        raw.value("SELECT \".t\" FROM Meta WHERE Path='" + path + "'");
-    if (rc == 0) {
-      EXPECT_EQ(stored, value) << len;
-    } else {
-      EXPECT_EQ(rc, 1) << len;
-      EXPECT_EQ(stored, "NULL") << len << ": the row stays, without the tag";
-    }
+    EXPECT_EQ(metadb_tagdb_settag(db_.get(), path.c_str(), "t", value.c_str()),
+              len <= 174 ? 0 : 1)
+        << len;
+    EXPECT_EQ(raw.value("SELECT \".t\" FROM Meta WHERE Path='" + path + "'"),
+              len <= 174 ? value : "NULL")
+        << len << ": a refused value leaves the row without the tag";
     EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE \".t\"='keep'"), "21")
         << "value length " << len << " changed another row";
   }

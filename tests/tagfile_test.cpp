@@ -89,6 +89,45 @@ TEST_F(TagFiles, GlobDeletionRemovesTheMatchingTags) {
   EXPECT_EQ(backing("rating"), "(none)");
 }
 
+// A tag name that is a path, or the root directory as the file, would reach
+// the daemon's own files behind the mount (a volume's database link, the
+// limits file) or another file's tags: refused, and nothing changes.
+TEST_F(TagFiles, NamesNeverLeaveTheTagDirectory) {
+  ASSERT_EQ(tevu_settag("/mnt/photos/a.jpg", "keep", "1"), 0);
+  const std::string before = tevul_test::tree_snapshot(Sandbox::kBacking) +
+                             tevul_test::read_file(Sandbox::db_path("mnt"));
+  char buf[16];
+  EXPECT_EQ(tevu_settag("/", "mnt@@db", nullptr), EINVAL);
+  EXPECT_EQ(tevu_settag("/", ".info/limits.txt", "TAG_NAME_MAX=999999\n"), EINVAL);
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "../b.jpg/owned", "x"), EINVAL);
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "..", "x"), EINVAL);
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", ".", "x"), EINVAL);
+  EXPECT_EQ(tevu_gettag("/", "mnt@@db", buf, sizeof buf), EINVAL);
+  EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "../../../../../.info/limits.txt"),
+            EINVAL);
+  EXPECT_EQ(tevu_deltag("/", "mnt"), EINVAL);
+  EXPECT_EQ(tevu_deltag_glob("/", "*"), EINVAL);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/a.jpg", "../*"), EINVAL);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/a.jpg", ".."), EINVAL);
+  EXPECT_EQ(tevul_test::tree_snapshot(Sandbox::kBacking) +
+                tevul_test::read_file(Sandbox::db_path("mnt")),
+            before);
+}
+
+// Wildcards in the file's own path match themselves: the glob over the tags
+// of "[a].jpg" never reaches the tags of "a.jpg".
+TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {
+  tevul_test::write_file("/mnt/photos/[a].jpg", "jpeg");
+  ASSERT_TRUE(tevul_test::make_dirs(std::string(Sandbox::kBacking) +
+                                    "/.tagfiles/mnt/photos/[a].jpg"));
+  ASSERT_EQ(tevu_settag("/mnt/photos/a.jpg", "rating", "v"), 0);
+  ASSERT_EQ(tevu_settag("/mnt/photos/[a].jpg", "rating", "w"), 0);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/[a].jpg", "*"), 0);
+  EXPECT_EQ(backing("rating"), "v");
+  char buf[8];
+  EXPECT_EQ(tevu_gettag("/mnt/photos/[a].jpg", "rating", buf, sizeof buf), ENOENT);
+}
+
 TEST_F(TagFiles, MissingArgumentsAndNoMount) {
   char buf[8];
   EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "", "v"), ENOENT);

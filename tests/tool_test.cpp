@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -429,6 +430,26 @@ TEST_F(Tool, ImportReportsEachBadLineAndSumsUp) {
   EXPECT_EQ(rows("mnt", "SELECT \".note\", Data FROM Meta WHERE Path='two\nlines.txt'"),
             (Rows{{"a\nb", "note=ab"}}))
       << "Data drops line feeds";
+}
+
+// A full disk under the database refuses COMMITs while statements pass:
+// each lost file is a failure, and the summary counts only stored files.
+TEST_F(Tool, ImportOntoAFullDiskReportsTheLostFiles) {
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT, "size=256k"), 0);
+  std::string input;
+  for (int i = 0; i < 3000; ++i) {
+    const std::string file = "/mnt/f" + std::to_string(i);
+    ASSERT_TRUE(write_file(file, ""));
+    input += file + "\tk=" + std::string(150, 'v') + "\n";
+  }
+  const Result r = run({"import"}, input);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find(": tags not stored: no space left on the device\n"),
+            std::string::npos) << r.err;
+  const std::string stored =
+      rows("mnt", "SELECT count(*) FROM Meta WHERE \".k\" IS NOT NULL")[0][0];
+  EXPECT_NE(r.err.find("tevu: import: " + stored + " files, " + stored + " tags, "),
+            std::string::npos) << r.err;
 }
 
 // Ten thousand files on two volumes in one run, with the progress line on a

@@ -94,4 +94,32 @@ TEST_F(Views, BadArgumentsComeBeforeTheMount) {
   EXPECT_EQ(tevu_view_get_path("v", buf, sizeof buf), nullptr);
 }
 
+// A view name with a "." or ".." component would reach outside the views'
+// configuration (the volume links, any directory of the device): refused
+// by every view function, and nothing changes. "a/b" is a nested view.
+TEST_F(Views, NamesNeverLeaveTheConfiguration) {
+  ASSERT_TRUE(tevul_test::make_dirs("/tmp/victim/sub"));
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/sub/f", "x"));
+  ASSERT_EQ(tevu_view_set_cond("best", "rating=5"), 0);
+  ASSERT_EQ(tevu_view_set_cond("a/b", "nested"), 0);
+  auto state = [] {
+    return tevul_test::tree_snapshot(Sandbox::kBacking) +
+           tevul_test::tree_snapshot("/tmp/victim");
+  };
+  const std::string before = state();
+  char buf[256];
+  for (const char* name : {"..", ".", "../../../../../../tmp/victim",
+                           "../../meta", "best/..", "a/./b", "a/../.."}) {
+    EXPECT_EQ(tevu_view_delete(name), -1) << name;
+    EXPECT_EQ(tevu_view_create(name), -1) << name;
+    EXPECT_EQ(tevu_view_set_cond(name, "x"), -1) << name;
+    EXPECT_EQ(tevu_view_set_group(name, "x"), -1) << name;
+    EXPECT_EQ(tevu_view_enable_events(name), -1) << name;
+    EXPECT_EQ(tevu_view_get_path(name, buf, sizeof buf), nullptr) << name;
+  }
+  EXPECT_EQ(state(), before);
+  EXPECT_NE(tevu_view_get_path("a/b", buf, sizeof buf), nullptr);
+  EXPECT_EQ(tevu_view_delete("a/b"), 0);
+}
+
 }  // namespace

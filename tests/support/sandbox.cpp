@@ -15,7 +15,10 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <algorithm>
+#include <filesystem>
 #include <thread>
+#include <vector>
 
 namespace tevul_test {
 
@@ -241,6 +244,29 @@ int Sandbox::drain_fifo() {
     count += static_cast<int>(n);
   }
   return all_zero ? count : -1;
+}
+
+std::string tree_snapshot(const std::string& dir) {
+  namespace fs = std::filesystem;
+  std::vector<std::string> entries;
+  std::error_code ec;
+  for (fs::recursive_directory_iterator it(dir, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const fs::path& p = it->path();
+    std::string line = p.string();
+    if (it->is_symlink()) {
+      line += " -> " + fs::read_symlink(p, ec).string();
+    } else if (it->is_regular_file()) {
+      line += " = " + read_file(p.string());
+    } else if (it->is_directory()) {
+      line += "/";
+    }
+    entries.push_back(line);
+  }
+  std::sort(entries.begin(), entries.end());
+  std::string text;
+  for (const std::string& e : entries) text += e + "\n";
+  return text;
 }
 
 }  // namespace tevul_test

@@ -96,5 +96,8 @@ std::string create_tag_db(const std::string& file);
 std::string read_file(const std::string& file);
 // Creates `dir` and its missing parents; returns false on failure.
 bool make_dirs(const std::string& dir);
+// Every entry below `dir` (not following links) with its type, link target
+// or content, as one text, for "nothing changed" checks.
+std::string tree_snapshot(const std::string& dir);
 
 }  // namespace tevul_test

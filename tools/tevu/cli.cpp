@@ -87,6 +87,17 @@ bulk_ptr open_bulk() {
   return ctx;
 }
 
+bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
+                 const std::function<void()>& before_report) {
+  tevu_bulk_commit(ctx.get());
+  const int error = tevu_bulk_error(ctx.get());
+  if (error <= 0) return true;
+  if (before_report) before_report();
+  report(where, "tags not stored: " + errno_reason(error));
+  ctx.reset(tevu_bulk_init());
+  return false;
+}
+
 int report_not_mounted() {
   report({}, "tag file system is not mounted");
   return kExitNotMounted;

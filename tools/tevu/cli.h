@@ -52,6 +52,15 @@ using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_fini>;
 // system is not mounted.
 bulk_ptr open_bulk();
 
+// Commits the current file of `ctx` and tells whether its tags reached the
+// database (the library reports a refused COMMIT only through
+// tevu_bulk_error()). When they did not, reports it for `where` and gives
+// `ctx` a fresh context, since a context keeps its first error and the next
+// file's fate must be told apart; `ctx` is empty when no context can be had.
+// `before_report`, when given, runs before the report is printed.
+bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
+                 const std::function<void()>& before_report = nullptr);
+
 // The command table, in the order of `tevu --help`.
 const std::vector<Command>& commands();
 

@@ -93,8 +93,10 @@ std::vector<std::string> split_fields(const std::string& record) {
   }
 }
 
-// Imports one record; reports and counts its failures.
-void import_record(tevu_bulk_ctx* ctx, const std::string& record,
+// Imports one record; reports and counts its failures. The file is
+// committed at once, so that its tags are counted only once stored, and a
+// later failing path never leaves it pending.
+void import_record(bulk_ptr& ctx, const std::string& record,
                    unsigned long line, Totals* totals, Progress* progress) {
   const std::string where = "line " + std::to_string(line);
   const std::vector<std::string> fields = split_fields(record);
@@ -115,23 +117,30 @@ void import_record(tevu_bulk_ctx* ctx, const std::string& record,
     return;
   }
   const std::string& path = fields[0];
-  if (tevu_bulk_setpath(ctx, path.c_str()) != 0) {
+  if (tevu_bulk_setpath(ctx.get(), path.c_str()) != 0) {
     progress->clear();
     report({"import", where, path}, setpath_reason(path));
     ++totals->failures;
     return;
   }
-  ++totals->files;
+  unsigned long stored = 0;
   for (const auto& tag : tags) {
-    const int rc = tevu_bulk_settag(ctx, tag.first.c_str(), tag.second.c_str());
+    const int rc =
+        tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
     if (rc == 0) {
-      ++totals->tags;
+      ++stored;
       continue;
     }
     progress->clear();
     report({"import", where, path, tag.first}, bulk_reason(rc, tag.first));
     ++totals->failures;
   }
+  if (!commit_file(ctx, {"import", where, path}, [progress] { progress->clear(); })) {
+    ++totals->failures;
+    return;
+  }
+  ++totals->files;
+  totals->tags += stored;
 }
 
 }  // namespace
@@ -174,7 +183,8 @@ int cmd_import(int argc, char** argv) {
     std::string record(buf.get(), static_cast<std::size_t>(len));
     if (!record.empty() && record.back() == delimiter) record.pop_back();
     if (record.empty()) continue;  // blank lines are allowed
-    import_record(ctx.get(), record, line, &totals, &progress);
+    import_record(ctx, record, line, &totals, &progress);
+    if (!ctx) return report_not_mounted();
     progress.update(totals.files, bytes_read);
   }
   const bool read_error = ferror(stdin) != 0;

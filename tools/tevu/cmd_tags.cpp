@@ -70,8 +70,11 @@ int set_in_databases(const std::vector<std::string>& files,
         failed = true;
       }
     }
+    if (!commit_file(ctx, {file})) {
+      failed = true;
+      if (!ctx) return report_not_mounted();
+    }
   }
-  // Releasing the context commits the last file.
   return failed ? kExitFailed : kExitOk;
 }
 
@@ -368,6 +371,10 @@ int cmd_del(int argc, char** argv) {
         report({file, name}, bulk_reason(rc, name));
         failed = true;
       }
+    }
+    if (!commit_file(ctx, {file})) {
+      failed = true;
+      if (!ctx) return report_not_mounted();
     }
   }
   return failed ? kExitFailed : kExitOk;
