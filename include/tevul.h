@@ -624,6 +624,46 @@ TEVUL_API void event_trigger_fini(int fd);
  */
 TEVUL_API int tevu_bulk_error(const tevu_bulk_ctx *ctx);
 
+/*
+ * Read-only queries, straight from the volumes' tag databases. Each opens
+ * read-only connections of its own (no shared cache, so a bulk context of
+ * the caller never stands in the way), begins no transaction, writes to no
+ * database and never touches the daemon's FIFO. Rows are copied out before
+ * a callback runs, so no lock is held during the caller's code; locks of
+ * writers are waited out as elsewhere.
+ *
+ * A callback returns 0 to go on and anything else to stop; the walk then
+ * returns that value. Strings handed to it are valid only during the call.
+ *
+ * Results: 0 when the walk ended; the callback's non-zero value when it
+ * stopped the walk; ENOENT (2) when no tag file system is mounted or an
+ * argument is NULL or empty; otherwise a positive errno.
+ */
+typedef int (*tevu_tag_cb)(void *user, const char *name, const char *value);
+typedef int (*tevu_file_cb)(void *user, const char *path);
+
+/*
+ * Calls `cb` with every tag of the file at `path` (made canonical; it must
+ * exist), in the column order of its volume's database: each name without
+ * the leading "." of its column, each value as stored (not the encoded Data
+ * list: values with "|", "/" or line feeds come back whole). A file without
+ * tags gives no call. ENOENT also for a file that lies on no tagged volume.
+ */
+TEVUL_API int tevu_file_tags(const char *path, tevu_tag_cb cb, void *user);
+
+/*
+ * Calls `cb` with the absolute path ("/<volume>/" and the stored path) of
+ * every file, on every tagged volume, whose tag `name` equals `value`
+ * (ignoring the case of ASCII letters, as the tag column compares), or that
+ * carries the tag at all when `value` is NULL. The search by value uses the
+ * tag column's index. A tag that no file ever carried gives no call. A name
+ * holding a double quote gives EINVAL (it is never put into a statement).
+ * Files come in the order of the volume links, and within a volume in the
+ * order their rows were made.
+ */
+TEVUL_API int tevu_find_files(const char *name, const char *value,
+                              tevu_file_cb cb, void *user);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

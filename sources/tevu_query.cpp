@@ -1,0 +1,190 @@
+// Read-only queries. See tevu_query.h and tevul.h.
+#include "tevu_query.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common.h"
+#include "metadb_bulk.h"
+#include "tevu_volume.h"
+
+namespace {
+
+constexpr char kRowSql[] = "SELECT * FROM Meta WHERE Path=?";
+// The buffer of the search texts, as long as the lookup's by value.
+constexpr std::size_t kFindSqlSize = 306;
+// Results for a missing argument or no mount, as the tag-file functions.
+constexpr int kNoMount = ENOENT;
+
+// Opens the tag database `file` for reading only. Returns the connection,
+// or none with *error set to the errno of the failure.
+metadb_db_ptr open_read_only(const char* file, int* error) {
+  // Only a regular file (after links) is opened: a FIFO would block.
+  struct stat st;
+  if (stat(file, &st) != 0 || !S_ISREG(st.st_mode)) {
+    *error = ENOENT;
+    return nullptr;
+  }
+  sqlite3* raw = nullptr;
+  const int rc = sqlite3_open_v2(
+      file, &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_PRIVATECACHE, nullptr);
+  metadb_db_ptr db(raw);  // closed also after a failed open
+  if (rc != SQLITE_OK) {
+    *error = metadb_errno(rc);
+    return nullptr;
+  }
+  sqlite3_busy_handler(raw, metadb_busy_handler, nullptr);
+  return db;
+}
+
+// Copies the tags of row `path` of `db`: column names without their ".",
+// values as stored, in column order. Returns 0 (also for no row) or an
+// SQLite result code.
+int read_row(sqlite3* db, const char* path,
+             std::vector<std::pair<std::string, std::string>>* tags) {
+  metadb_stmt_ptr stmt;
+  int rc = metadb_prepare(db, kRowSql, sizeof kRowSql, stmt);
+  if (rc != SQLITE_OK) return rc;
+  sqlite3_bind_text(stmt.get(), 1, path, -1, SQLITE_STATIC);
+  rc = metadb_step(stmt.get());
+  if (rc == SQLITE_DONE) return SQLITE_OK;
+  if (rc != SQLITE_ROW) return rc;
+  const int columns = sqlite3_column_count(stmt.get());
+  for (int i = 0; i < columns; ++i) {
+    const char* name = sqlite3_column_name(stmt.get(), i);
+    if (name == nullptr || name[0] != '.' ||
+        sqlite3_column_type(stmt.get(), i) == SQLITE_NULL) {
+      continue;
+    }
+    const char* value =
+        reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), i));
+    tags->emplace_back(name + 1, value != nullptr ? value : "");
+  }
+  return SQLITE_OK;
+}
+
+int file_tags(const char* path, tevu_tag_cb cb, void* user) {
+  if (tevul::is_empty(path) || cb == nullptr) return kNoMount;
+  if (tevu_find_mount() == nullptr) return kNoMount;
+  char canonical[tevu_path_size];
+  if (realpath(path, canonical) == nullptr) return errno;
+  tevu_volume volume;
+  if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;
+  // A volume root "/N" is one byte shorter than its prefix "/N/": it has
+  // the empty relative path, which no row carries.
+  const std::size_t skip = static_cast<std::size_t>(volume.prefix_len);
+  const char* rel = strlen(canonical) >= skip ? canonical + skip : "";
+
+  int error = 0;
+  const metadb_db_ptr db = open_read_only(volume.db_path, &error);
+  if (!db) return error;
+  std::vector<std::pair<std::string, std::string>> tags;
+  const int rc = read_row(db.get(), rel, &tags);
+  if (rc != SQLITE_OK) return metadb_errno(rc);
+  for (const auto& tag : tags) {
+    if (const int stop = cb(user, tag.first.c_str(), tag.second.c_str())) {
+      return stop;
+    }
+  }
+  return 0;
+}
+
+// Hands every file of one volume's database that matches to `cb`, one
+// batch at a time. Returns 0, the callback's non-zero value, or an errno.
+int find_in(sqlite3* db, const char* root, const char* name, const char* value,
+            tevu_file_cb cb, void* user) {
+  std::string column = ".";
+  column += name;
+  if (sqlite3_table_column_metadata(db, nullptr, "Meta", column.c_str(),
+                                    nullptr, nullptr, nullptr, nullptr,
+                                    nullptr) != SQLITE_OK) {
+    return 0;  // no file of this volume ever carried the tag
+  }
+  const metadb_sql_text<kFindSqlSize> sql(
+      value != nullptr ? tevu_query_find_value_sql : tevu_query_find_any_sql,
+      metadb_tag_ident{name}, tevu_query_batch);
+  if (!sql.fits()) return EIO;
+  metadb_stmt_ptr stmt;
+  const int prepared = metadb_prepare(db, sql.c_str(), -1, stmt);
+  if (prepared != SQLITE_OK) return metadb_errno(prepared);
+  const int rowid_param = value != nullptr ? 2 : 1;
+  if (value != nullptr) {
+    sqlite3_bind_text(stmt.get(), 1, value, -1, SQLITE_STATIC);
+  }
+
+  std::vector<std::string> batch;
+  sqlite3_int64 after = 0;
+  for (;;) {
+    batch.clear();
+    sqlite3_bind_int64(stmt.get(), rowid_param, after);
+    int rc;
+    while ((rc = metadb_step(stmt.get())) == SQLITE_ROW) {
+      after = sqlite3_column_int64(stmt.get(), 0);
+      const char* path =
+          reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 1));
+      batch.push_back(std::string(root) + "/" + (path != nullptr ? path : ""));
+    }
+    // The read ends here: the caller's code runs without a lock held.
+    sqlite3_reset(stmt.get());
+    if (rc != SQLITE_DONE) return metadb_errno(rc);
+    for (const std::string& path : batch) {
+      if (const int stop = cb(user, path.c_str())) return stop;
+    }
+    if (batch.size() < static_cast<std::size_t>(tevu_query_batch)) return 0;
+  }
+}
+
+int find_files(const char* name, const char* value, tevu_file_cb cb,
+               void* user) {
+  if (tevul::is_empty(name) || cb == nullptr) return kNoMount;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return kNoMount;
+  if (!metadb_tag_sql_safe(name)) return EINVAL;
+  char meta[tevu_path_size];
+  tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
+  tevul::dir_ptr dir(opendir(meta));
+  if (!dir) return errno;
+  while (const dirent* entry = readdir(dir.get())) {
+    // Volumes are links; the "<name>@@db" links name no database of their
+    // own ("<name>@@db@@db") and are passed over when it cannot be opened.
+    if (entry->d_type != DT_LNK) continue;
+    char db_file[tevu_path_size];
+    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta,
+                      entry->d_name);
+    int error = 0;
+    const metadb_db_ptr db = open_read_only(db_file, &error);
+    if (!db) continue;  // a volume without a usable database has no files
+    const std::string root = std::string("/") + entry->d_name;
+    if (const int rc = find_in(db.get(), root.c_str(), name, value, cb, user)) {
+      return rc;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" int tevu_file_tags(const char* path, tevu_tag_cb cb, void* user) {
+  try {
+    return file_tags(path, cb, user);
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+}
+
+extern "C" int tevu_find_files(const char* name, const char* value,
+                               tevu_file_cb cb, void* user) {
+  try {
+    return find_files(name, value, cb, user);
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+}

@@ -1,0 +1,147 @@
+// Read-only queries in the real setting: what they hand back, that they
+// stop when asked, that they use the tag column's index, and that they read
+// past a writer without writing anything or waking the daemon.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "db_support.h"
+#include "sandbox_test.h"
+#include "tevu_query.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+
+namespace {
+
+using Tags = std::vector<std::pair<std::string, std::string>>;
+using Files = std::vector<std::string>;
+
+class Query : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    tevu_bulk_ctx* bulk = tevu_bulk_init();
+    ASSERT_NE(bulk, nullptr);
+    tag(bulk, "/mnt/a.jpg", {{"kind", "photo"}, {"odd", "x|y/z\nw"}});
+    tag(bulk, "/mnt/b.jpg", {{"kind", "PHOTO"}});
+    tag(bulk, "/mnt/c.txt", {{"kind", "text"}});
+    tag(bulk, "/srv/d.jpg", {{"kind", "photo"}});
+    tevu_bulk_fini(bulk);
+    sandbox_.drain_fifo();
+  }
+  static void tag(tevu_bulk_ctx* bulk, const std::string& file, const Tags& tags) {
+    ASSERT_TRUE(tevul_test::write_file(file, "x"));
+    ASSERT_EQ(tevu_bulk_setpath(bulk, file.c_str()), 0);
+    for (const auto& t : tags) {
+      ASSERT_EQ(tevu_bulk_settag(bulk, t.first.c_str(), t.second.c_str()), 0);
+    }
+  }
+  static int file_tags(const char* path, Tags* out) {
+    return tevu_file_tags(
+        path,
+        [](void* user, const char* name, const char* value) {
+          static_cast<Tags*>(user)->emplace_back(name, value);
+          return 0;
+        },
+        out);
+  }
+  static int find(const char* name, const char* value, Files* out) {
+    return tevu_find_files(
+        name, value,
+        [](void* user, const char* path) {
+          static_cast<Files*>(user)->push_back(path);
+          return 0;
+        },
+        out);
+  }
+};
+
+TEST_F(Query, FileTagsComeWholeInColumnOrder) {
+  Tags tags;
+  EXPECT_EQ(file_tags("/mnt/a.jpg", &tags), 0);
+  EXPECT_EQ(tags, (Tags{{"kind", "photo"}, {"odd", "x|y/z\nw"}}));
+  tags.clear();
+  ASSERT_TRUE(tevul_test::write_file("/mnt/untagged", "x"));
+  EXPECT_EQ(file_tags("/mnt/untagged", &tags), 0);
+  EXPECT_EQ(file_tags("/mnt", &tags), 0) << "a volume root has no row";
+  EXPECT_TRUE(tags.empty());
+
+  EXPECT_EQ(file_tags("/mnt/missing", &tags), ENOENT);
+  ASSERT_TRUE(tevul_test::write_file("/tmp/outside", "x"));
+  EXPECT_EQ(file_tags("/tmp/outside", &tags), ENOENT);
+  EXPECT_EQ(file_tags("", &tags), ENOENT);
+  EXPECT_EQ(tevu_file_tags("/mnt/a.jpg", nullptr, nullptr), ENOENT);
+  EXPECT_EQ(tevu_file_tags("/mnt/a.jpg",
+                           [](void*, const char*, const char*) { return 7; },
+                           nullptr),
+            7)
+      << "the callback's value ends the walk";
+}
+
+TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
+  Files files;
+  EXPECT_EQ(find("kind", "Photo", &files), 0);
+  EXPECT_EQ(files.size(), 3u);
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (Files{"/mnt/a.jpg", "/mnt/b.jpg", "/srv/d.jpg"}));
+  files.clear();
+  EXPECT_EQ(find("odd", nullptr, &files), 0);
+  EXPECT_EQ(files, (Files{"/mnt/a.jpg"}));
+  files.clear();
+  EXPECT_EQ(find("never", nullptr, &files), 0);
+  EXPECT_EQ(find("kind", "none", &files), 0);
+  EXPECT_TRUE(files.empty());
+
+  EXPECT_EQ(find("ki\"nd", nullptr, &files), EINVAL);
+  EXPECT_EQ(find("", nullptr, &files), ENOENT);
+  EXPECT_EQ(tevu_find_files("kind", nullptr, nullptr, nullptr), ENOENT);
+  int calls = 0;
+  EXPECT_EQ(tevu_find_files("kind", nullptr,
+                            [](void* user, const char*) {
+                              return ++*static_cast<int*>(user) == 2 ? 9 : 0;
+                            },
+                            &calls),
+            9);
+  EXPECT_EQ(calls, 2);
+}
+
+// More rows than one batch, while another connection holds the write lock:
+// every file is found, nothing is written, the daemon is not woken.
+TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  const int n = 2 * tevu_query_batch + 3;
+  for (int i = 0; i < n; ++i) {
+    tag(bulk, "/srv/many" + std::to_string(i), {{"batch", "yes"}});
+  }
+  tevu_bulk_fini(bulk);
+  sandbox_.drain_fifo();
+
+  RawDb writer(Sandbox::db_path("srv"));
+  writer.exec("BEGIN IMMEDIATE");
+  const std::string before = tevul_test::read_file(Sandbox::db_path("srv"));
+  Files files;
+  EXPECT_EQ(find("batch", "YES", &files), 0);
+  EXPECT_EQ(files.size(), static_cast<std::size_t>(n));
+  EXPECT_EQ(files.back(), "/srv/many" + std::to_string(n - 1));
+  writer.exec("COMMIT");
+  EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("srv")), before);
+  EXPECT_EQ(sandbox_.drain_fifo(), 0);
+
+  // The search by value is served by the tag column's index.
+  char* sql = sqlite3_mprintf(tevu_query_find_value_sql, "batch", tevu_query_batch);
+  const auto plan = writer.rows(std::string("EXPLAIN QUERY PLAN ") + sql);
+  sqlite3_free(sql);
+  ASSERT_FALSE(plan.empty());
+  EXPECT_NE(plan[0].back().find("USING INDEX Cidx_batch"), std::string::npos)
+      << plan[0].back();
+}
+
+}  // namespace
