@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -293,16 +294,32 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
   EXPECT_EQ(r.err, "tevu: /mnt/nothere: a: no such file\n");
 }
 
-TEST_F(Tool, FindPrintsTheTagsOfTheFileWithAValue) {
+TEST_F(Tool, FindListsEveryMatchingFile) {
   ASSERT_EQ(run({"set", "-t", "id=Abc-1", "-t", "who=ann", "/srv/music/s.mp3"}).status, 0);
-  Result r = run({"find", "id", "abc-1"});
+  ASSERT_EQ(run({"set", "-t", "who=ANN", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg"}).status, 0);
+  Result r = run({"find", "who", "ann"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "id=Abc-1\nwho=ann\n");
-  r = run({"find", "-0", "who", "ann"});
-  EXPECT_EQ(r.out, std::string("id=Abc-1\0who=ann\0", 17));
+  std::vector<std::string> lines;
+  std::istringstream out(r.out);
+  for (std::string line; std::getline(out, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());  // volumes come in directory order
+  EXPECT_EQ(lines, (std::vector<std::string>{"/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
+                                             "/srv/music/s.mp3"}));
+  r = run({"find", "-0", "id"});
+  EXPECT_EQ(r.out, std::string("/srv/music/s.mp3\0", 17));
+  r = run({"find", "-l", "id", "ABC-1"});
+  EXPECT_EQ(r.out, "/srv/music/s.mp3\tid=Abc-1\twho=ann\n");
   r = run({"find", "id", "abc-2"});
   EXPECT_EQ(r.status, 4);
   EXPECT_EQ(r.err, "tevu: id=abc-2: no file has this tag value\n");
+  EXPECT_EQ(run({"find", "never"}).status, 4);
+  EXPECT_EQ(run({"find", "i\"d"}).status, 1);
+
+  // The daemon's single-file lookup stays reachable.
+  r = run({"find", "--first", "id", "abc-1"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "id=Abc-1\nwho=ann\n");
+  EXPECT_EQ(run({"find", "--first", "id"}).status, 2);
 }
 
 TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {

@@ -380,15 +380,10 @@ int cmd_del(int argc, char** argv) {
   return failed ? kExitFailed : kExitOk;
 }
 
-int cmd_find(int argc, char** argv) {
-  bool nul = false;
-  const int status = parse_null_option(argc, argv, &nul);
-  if (status >= 0) return status;
-  if (argc - optind != 2) return usage_error(argv[0], "expected NAME VALUE");
-  const std::string name = argv[optind];
-  const std::string value = argv[optind + 1];
-  if (name.empty()) return usage_error(argv[0], "empty tag name");
+namespace {
 
+// The old lookup: all tags of the first file whose tag `name` has `value`.
+int find_first(const std::string& name, const std::string& value, bool nul) {
   for (std::size_t size = 4096;; size *= 4) {
     malloc_ptr buf(static_cast<char*>(malloc(size)));
     if (!buf) {
@@ -410,6 +405,74 @@ int cmd_find(int argc, char** argv) {
     report({name + "=" + value}, "no file has this tag value");
     return kExitNotFound;
   }
+}
+
+struct FoundFiles {
+  bool nul = false;
+  bool with_tags = false;
+  unsigned long count = 0;
+};
+
+// Prints one found file: its path, with -l followed by its tags as
+// TAB-separated NAME=VALUE fields (the form `tevu import` reads).
+int print_found(void* user, const char* path) {
+  FoundFiles* found = static_cast<FoundFiles*>(user);
+  ++found->count;
+  std::string record = path;
+  if (found->with_tags) {
+    tevu_file_tags(
+        path,
+        [](void* text, const char* name, const char* value) {
+          *static_cast<std::string*>(text) += std::string("\t") + name + "=" + value;
+          return 0;
+        },
+        &record);
+  }
+  emit(record, found->nul);
+  return 0;
+}
+
+}  // namespace
+
+int cmd_find(int argc, char** argv) {
+  FoundFiles found;
+  bool first = false;
+  const int status = parse_options(
+      argc, argv, "0l",
+      {{"null", no_argument, nullptr, '0'},
+       {"long", no_argument, nullptr, 'l'},
+       {"first", no_argument, nullptr, 'f'}},
+      [&](int c, const char*) {
+        (c == '0' ? found.nul : c == 'l' ? found.with_tags : first) = true;
+        return true;
+      });
+  if (status >= 0) return status;
+  const int operands = argc - optind;
+  if (operands < 1 || operands > 2 || (first && operands != 2)) {
+    return usage_error(argv[0], first ? "expected NAME VALUE" : "expected NAME [VALUE]");
+  }
+  const std::string name = argv[optind];
+  if (name.empty()) return usage_error(argv[0], "empty tag name");
+  if (first) return find_first(name, argv[optind + 1], found.nul);
+
+  const char* value = operands == 2 ? argv[optind + 1] : nullptr;
+  const std::string what = value != nullptr ? name + "=" + value : name;
+  const int rc = tevu_find_files(name.c_str(), value, print_found, &found);
+  if (rc == ENOENT && !tag_fs_mounted()) return report_not_mounted();
+  if (rc == EINVAL) {
+    report({what}, "tag name contains a double quote");
+    return kExitFailed;
+  }
+  if (rc != 0) {
+    report({what}, "tag database failed: " + errno_reason(rc));
+    return kExitFailed;
+  }
+  if (found.count == 0) {
+    report({what}, value != nullptr ? "no file has this tag value"
+                                    : "no file has this tag");
+    return kExitNotFound;
+  }
+  return kExitOk;
 }
 
 }  // namespace tevu_cli

@@ -74,13 +74,19 @@ constexpr const char kDelHelp[] =
     "  -m, --mount          remove the named tag files through the mount\n";
 
 constexpr const char kFindHelp[] =
-    "Usage: tevu find [-0] NAME VALUE\n"
+    "Usage: tevu find [-0] [-l] NAME [VALUE]\n"
+    "       tevu find --first [-0] NAME VALUE\n"
     "\n"
-    "Finds a file whose tag NAME has the value VALUE (letter case ignored)\n"
-    "and prints all its tags, one 'NAME=VALUE' per line. Exit status 4 when\n"
-    "no file has it.\n"
+    "Prints the path of every file, on every tagged volume, whose tag NAME\n"
+    "has the value VALUE (letter case ignored), or that carries NAME at all\n"
+    "when no VALUE is given. Reads without taking a write lock. Exit status\n"
+    "4 when no file matches.\n"
     "\n"
-    "  -0, --null  end each entry with a NUL byte instead of a line feed\n";
+    "  -l, --long   follow each path with the file's tags, TAB-separated\n"
+    "               NAME=VALUE fields (the form 'tevu import' reads)\n"
+    "  --first      print all tags of the first file found, one 'NAME=VALUE'\n"
+    "               per line (the lookup the tag file system's views use)\n"
+    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
 
 constexpr const char kImportHelp[] =
     "Usage: tevu import [-0] [-q] < LINES\n"
@@ -153,7 +159,7 @@ const std::vector<Command>& commands() {
       {"get", "print one tag of a file", kGetHelp, cmd_get},
       {"list", "print every tag of a file", kListHelp, cmd_list},
       {"del", "remove tags from files", kDelHelp, cmd_del},
-      {"find", "print the tags of the file with a given tag value", kFindHelp,
+      {"find", "list the files that carry a tag or a tag value", kFindHelp,
        cmd_find},
       {"import", "set tags read from standard input", kImportHelp, cmd_import},
       {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
