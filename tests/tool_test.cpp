@@ -142,6 +142,18 @@ TEST_F(Tool, SetGetAndDeleteInTheDatabases) {
   r = run({"get", "-0", "/mnt/photos/../photos/a.jpg", "empty"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, std::string(1, '\0'));
+  // Several files at once, from the databases: path, TAB, value.
+  r = run({"get", "/mnt/photos/a.jpg", "/srv/music/s.mp3", "RATING"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "/mnt/photos/a.jpg\t5\n/srv/music/s.mp3\t5\n");
+  r = run({"list", "/srv/music/s.mp3"});
+  EXPECT_EQ(r.out, "rating=5\nwho=ann|bo\nempty=\n") << "column order";
+  r = run({"list", "/mnt/photos/b.jpg", "/tmp/untagged.txt", "/srv/music/s.mp3"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
+  EXPECT_EQ(r.out, "/mnt/photos/b.jpg\trating=5\n/mnt/photos/b.jpg\twho=ann|bo\n"
+                   "/mnt/photos/b.jpg\tempty=\n/srv/music/s.mp3\trating=5\n"
+                   "/srv/music/s.mp3\twho=ann|bo\n/srv/music/s.mp3\tempty=\n");
 
   // A recursive set changes the tagged files below a directory only.
   r = run({"set", "-r", "-t", "album=x", "/mnt/photos"});
@@ -201,7 +213,7 @@ TEST_F(Tool, UsageErrorsAndHelp) {
       {{"set", "-x", "/mnt/photos/a.jpg"},
        "tevu set: unknown option -x (see 'tevu set --help')\n"},
       {{"set", "--tag"}, "tevu set: option --tag needs a value (see 'tevu set --help')\n"},
-      {{"get", "/mnt/photos/a.jpg"}, "tevu get: expected FILE NAME (see 'tevu get --help')\n"},
+      {{"get", "/mnt/photos/a.jpg"}, "tevu get: expected FILE... NAME (see 'tevu get --help')\n"},
       {{"del", "-t", "a", "-g", "b*", "/mnt/photos/a.jpg"},
        "tevu del: give either -t NAME or -g PATTERN (see 'tevu del --help')\n"},
       {{"view", "events", "v", "maybe"},
@@ -265,10 +277,10 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(tevul_test::read_file(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
 
-  r = run({"list", "/mnt/photos/a.jpg"});
+  r = run({"list", "-m", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "keep=1\nnote=two\nlines\nrating=5\n");
-  r = run({"list", "--null", "/mnt/photos/a.jpg"});
+  r = run({"list", "-m", "--null", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.out, std::string("keep=1\0note=two\nlines\0rating=5\0", 31));
   r = run({"get", "-m", "/mnt/photos/a.jpg", "rating"});
   EXPECT_EQ(r.out, "5\n");
@@ -278,15 +290,15 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
 
   r = run({"del", "-g", "*e*", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(run({"list", "/mnt/photos/a.jpg"}).out, "rating=5\n");
+  EXPECT_EQ(run({"list", "-m", "/mnt/photos/a.jpg"}).out, "rating=5\n");
   r = run({"del", "-g", "zz*", "-m", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << "nothing matched: nothing to remove\n" << r.err;
   r = run({"del", "-m", "-t", "rating", "-t", "gone", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
-  r = run({"list", "/mnt/photos/b.jpg"});
+  r = run({"list", "-m", "/mnt/photos/b.jpg"});
   EXPECT_EQ(r.status, 0) << "an untagged file lists nothing";
   EXPECT_EQ(r.out, "");
-  r = run({"list", "/tmp/untagged.txt"});
+  r = run({"list", "-m", "/tmp/untagged.txt"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
   r = run({"set", "-m", "-t", "a=1", "/mnt/nothere"});

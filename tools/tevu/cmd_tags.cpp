@@ -6,6 +6,7 @@
 #include <mntent.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -95,21 +96,17 @@ int set_through_mount(const std::vector<std::string>& files,
   return failed ? kExitFailed : kExitOk;
 }
 
-// Reads tag `name` of the current file of `ctx` into `value`. Returns false
-// when the file does not carry it.
-bool read_from_database(tevu_bulk_ctx* ctx, const std::string& name,
-                        std::string* value) {
-  for (std::size_t size = value_buffer_size();; size = kValueCeiling) {
-    malloc_ptr buf(static_cast<char*>(malloc(size)));
-    if (!buf) return false;
-    if (tevu_bulk_gettag(ctx, name.c_str(), buf.get(),
-                         static_cast<unsigned int>(size)) == 0) {
-      value->assign(buf.get());
-      return true;
-    }
-    // -1 is also what a too small buffer gives; one larger try settles it.
-    if (size >= kValueCeiling) return false;
-  }
+// Reads every tag of `file` from its volume's database, in column order,
+// without a write lock. Returns 0, or tevu_file_tags()'s errno (ENOENT for a
+// file that does not exist or lies on no tagged volume).
+int file_tags(const std::string& file, std::vector<Tag>* tags) {
+  return tevu_file_tags(
+      file.c_str(),
+      [](void* user, const char* name, const char* value) {
+        static_cast<std::vector<Tag>*>(user)->emplace_back(name, value);
+        return 0;
+      },
+      tags);
 }
 
 // Reads tag `name` of `file` through the mount into a buffer of `size`
@@ -207,79 +204,68 @@ int cmd_set(int argc, char** argv) {
                    : set_in_databases(files, tags, recursive);
 }
 
-int cmd_get(int argc, char** argv) {
-  bool via_mount = false;
-  bool nul = false;
-  const int status = parse_options(
-      argc, argv, "m0",
-      {{"mount", no_argument, nullptr, 'm'},
-       {"null", no_argument, nullptr, '0'}},
-      [&](int c, const char*) {
-        (c == 'm' ? via_mount : nul) = true;
-        return true;
-      });
-  if (status >= 0) return status;
-  if (argc - optind != 2) return usage_error(argv[0], "expected FILE NAME");
-  const std::string file = argv[optind];
-  const std::string name = argv[optind + 1];
-  if (name.empty()) return usage_error(argv[0], "empty tag name");
+namespace {
 
-  std::string value;
-  if (via_mount) {
-    if (!tag_fs_mounted()) return report_not_mounted();
-    const int rc = read_through_mount(file, name, value_buffer_size(), &value);
-    if (rc == ENOENT && file_exists(file)) {
-      report({file, name}, "tag not set");
-      return kExitNotFound;
-    }
-    if (rc != 0) {
-      report({file, name}, errno_reason(rc));
-      return kExitFailed;
-    }
-  } else {
-    bulk_ptr ctx = open_bulk();
-    if (!ctx) return kExitNotMounted;
-    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
-      report({file}, setpath_reason(file));
-      return kExitFailed;
-    }
-    if (!read_from_database(ctx.get(), name, &value)) {
-      report({file, name}, "tag not set");
-      return kExitNotFound;
-    }
-  }
-  emit(value, nul);
-  return kExitOk;
+// The results of reading one file, for commands that read several.
+enum class Read { kOk, kNotSet, kFailed };
+
+// The worst of the files' results: any failure, else any tag not set.
+int read_status(bool failed, bool not_set) {
+  return failed ? kExitFailed : not_set ? kExitNotFound : kExitOk;
 }
 
-int cmd_list(int argc, char** argv) {
-  bool nul = false;
-  const int status = parse_null_option(argc, argv, &nul);
-  if (status >= 0) return status;
-  if (argc - optind != 1) return usage_error(argv[0], "expected one FILE");
-  const std::string file = argv[optind];
+// Reads tag `name` of `file` into `value`, from the database or through the
+// mount, and reports what went wrong.
+Read get_one(const std::string& file, const std::string& name, bool via_mount,
+             std::string* value) {
+  if (via_mount) {
+    const int rc = read_through_mount(file, name, value_buffer_size(), value);
+    if (rc == 0) return Read::kOk;
+    if (rc == ENOENT && file_exists(file)) {
+      report({file, name}, "tag not set");
+      return Read::kNotSet;
+    }
+    report({file, name}, errno_reason(rc));
+    return Read::kFailed;
+  }
+  std::vector<Tag> tags;
+  if (file_tags(file, &tags) != 0) {
+    report({file}, setpath_reason(file));
+    return Read::kFailed;
+  }
+  // Tag columns are named without regard to letter case, as the database
+  // names them.
+  for (const Tag& tag : tags) {
+    if (strcasecmp(tag.first.c_str(), name.c_str()) == 0) {
+      *value = tag.second;
+      return Read::kOk;
+    }
+  }
+  report({file, name}, "tag not set");
+  return Read::kNotSet;
+}
 
+// Lists the tags of `file` as the tag file system shows them: the regular
+// files of its tag directory, sorted by name.
+Read list_through_mount(const std::string& file, std::vector<Tag>* tags) {
   const std::string mount = mount_point();
-  if (mount.empty()) return report_not_mounted();
   char canonical[PATH_MAX];
   if (realpath(file.c_str(), canonical) == nullptr) {
     report({file}, errno_reason(errno));
-    return kExitFailed;
+    return Read::kFailed;
   }
   const std::string tag_dir = mount + "/meta" + canonical;
   std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tag_dir.c_str()), closedir);
   if (!dir && errno == ENOENT) {
     // No tag directory: a file without tags, or a file on no tagged volume.
-    // Only then is a bulk context asked which (it holds a write lock).
-    bulk_ptr ctx = open_bulk();
-    if (!ctx) return kExitNotMounted;
-    if (tevu_bulk_setpath(ctx.get(), file.c_str()) == 0) return kExitOk;
+    std::vector<Tag> ignored;
+    if (file_tags(file, &ignored) == 0) return Read::kOk;
     report({file}, setpath_reason(file));
-    return kExitFailed;
+    return Read::kFailed;
   }
   if (!dir) {
     report({file}, errno_reason(errno));
-    return kExitFailed;
+    return Read::kFailed;
   }
   std::vector<std::string> names;
   while (const struct dirent* entry = readdir(dir.get())) {
@@ -288,16 +274,75 @@ int cmd_list(int argc, char** argv) {
   dir.reset();
   std::sort(names.begin(), names.end());
   const std::size_t value_size = value_buffer_size();
-  bool failed = false;
+  Read result = Read::kOk;
   for (const std::string& name : names) {
     std::string value;
     const int rc = read_through_mount(file, name, value_size, &value);
     if (rc != 0) {
       report({file, name}, errno_reason(rc));
-      failed = true;
+      result = Read::kFailed;
       continue;
     }
-    emit(name + "=" + value, nul);
+    tags->emplace_back(name, value);
+  }
+  return result;
+}
+
+// The options -m and -0 of the reading commands.
+int parse_read_options(int argc, char** argv, bool* via_mount, bool* nul) {
+  return parse_options(argc, argv, "m0",
+                       {{"mount", no_argument, nullptr, 'm'},
+                        {"null", no_argument, nullptr, '0'}},
+                       [=](int c, const char*) {
+                         *(c == 'm' ? via_mount : nul) = true;
+                         return true;
+                       });
+}
+
+}  // namespace
+
+int cmd_get(int argc, char** argv) {
+  bool via_mount = false;
+  bool nul = false;
+  const int status = parse_read_options(argc, argv, &via_mount, &nul);
+  if (status >= 0) return status;
+  if (argc - optind < 2) return usage_error(argv[0], "expected FILE... NAME");
+  const std::vector<std::string> files(argv + optind, argv + argc - 1);
+  const std::string name = argv[argc - 1];
+  if (name.empty()) return usage_error(argv[0], "empty tag name");
+  if (!tag_fs_mounted()) return report_not_mounted();
+
+  bool failed = false;
+  bool not_set = false;
+  for (const std::string& file : files) {
+    std::string value;
+    const Read read = get_one(file, name, via_mount, &value);
+    failed |= read == Read::kFailed;
+    not_set |= read == Read::kNotSet;
+    if (read != Read::kOk) continue;
+    emit(files.size() > 1 ? file + "\t" + value : value, nul);
+  }
+  return read_status(failed, not_set);
+}
+
+int cmd_list(int argc, char** argv) {
+  bool via_mount = false;
+  bool nul = false;
+  const int status = parse_read_options(argc, argv, &via_mount, &nul);
+  if (status >= 0) return status;
+  if (argc - optind < 1) return usage_error(argv[0], "expected FILE...");
+  const std::vector<std::string> files(argv + optind, argv + argc);
+  if (!tag_fs_mounted()) return report_not_mounted();
+
+  bool failed = false;
+  for (const std::string& file : files) {
+    std::vector<Tag> tags;
+    const Read read = via_mount ? list_through_mount(file, &tags)
+                                : (file_tags(file, &tags) == 0 ? Read::kOk : Read::kFailed);
+    if (read == Read::kFailed && !via_mount) report({file}, setpath_reason(file));
+    failed |= read == Read::kFailed;
+    const std::string prefix = files.size() > 1 ? file + "\t" : "";
+    for (const Tag& tag : tags) emit(prefix + tag.first + "=" + tag.second, nul);
   }
   return failed ? kExitFailed : kExitOk;
 }

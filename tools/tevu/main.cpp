@@ -45,21 +45,27 @@ constexpr const char kSetHelp[] =
     "                        system instead; the daemon does the database work\n";
 
 constexpr const char kGetHelp[] =
-    "Usage: tevu get [-m] [-0] FILE NAME\n"
+    "Usage: tevu get [-m] [-0] FILE... NAME\n"
     "\n"
-    "Prints the value of tag NAME of FILE, followed by a line feed. Exit\n"
-    "status 4 when FILE does not carry the tag.\n"
+    "Prints the value of tag NAME of each FILE, followed by a line feed; with\n"
+    "several files each value follows the file's path and a TAB. Reads the\n"
+    "volumes' databases without taking a write lock. Exit status 4 when a\n"
+    "file does not carry the tag, 1 when something failed.\n"
     "\n"
-    "  -m, --mount  read the tag file through the mounted tag file system\n"
-    "  -0, --null   end the value with a NUL byte instead of a line feed\n";
+    "  -m, --mount  read the tag files through the mounted tag file system\n"
+    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
 
 constexpr const char kListHelp[] =
-    "Usage: tevu list [-0] FILE\n"
+    "Usage: tevu list [-m] [-0] FILE...\n"
     "\n"
-    "Prints every tag of FILE as the tag file system shows it, one\n"
-    "'NAME=VALUE' per line, sorted by name.\n"
+    "Prints every tag of each FILE, one 'NAME=VALUE' per line, in the order\n"
+    "the tags were first used on the volume; with several files each line\n"
+    "follows the file's path and a TAB. Reads the volumes' databases without\n"
+    "taking a write lock.\n"
     "\n"
-    "  -0, --null  end each entry with a NUL byte instead of a line feed\n";
+    "  -m, --mount  list the tag directory the tag file system shows, sorted\n"
+    "               by name\n"
+    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
 
 constexpr const char kDelHelp[] =
     "Usage: tevu del [-m] -t NAME [-t NAME ...] FILE...\n"
@@ -156,8 +162,8 @@ constexpr const char kLimitsHelp[] =
 const std::vector<Command>& commands() {
   static const std::vector<Command> table = {
       {"set", "set tags on files", kSetHelp, cmd_set},
-      {"get", "print one tag of a file", kGetHelp, cmd_get},
-      {"list", "print every tag of a file", kListHelp, cmd_list},
+      {"get", "print one tag of files", kGetHelp, cmd_get},
+      {"list", "print every tag of files", kListHelp, cmd_list},
       {"del", "remove tags from files", kDelHelp, cmd_del},
       {"find", "list the files that carry a tag or a tag value", kFindHelp,
        cmd_find},
