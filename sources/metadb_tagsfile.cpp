@@ -1,7 +1,6 @@
 // Lookup by tag value. See metadb_tagsfile.h.
 #include "metadb_tagsfile.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <string.h>
 
@@ -11,6 +10,7 @@
 #include "common.h"
 #include "metadb_bulk.h"
 #include "metadb_tagdb.h"
+#include "tevu_volume.h"
 
 namespace {
 
@@ -70,6 +70,35 @@ std::string metadb_tagsfile_lines(const std::string& data) {
   return s;
 }
 
+namespace {
+
+// One search by value: its arguments, and its result so far.
+struct search {
+  const char* tag;
+  const char* value;
+  char* dest;
+  std::size_t size;
+  int result;
+};
+
+// Searches the database `db_file` of one volume; non-zero ends the walk.
+int search_volume(void* user, const char* /*name*/, const char* db_file) {
+  search* s = static_cast<search*>(user);
+  metadb_tagdb_ptr tagdb(metadb_tagdb_open(db_file));
+  if (!tagdb) return 0;  // the result stays as it was
+  // The arguments are tested only here, so a call without them still
+  // opens and closes every database once; kept as callers have seen it.
+  if (s->tag == nullptr || s->value == nullptr || s->dest == nullptr ||
+      s->size == 0) {
+    s->result = ENOENT;
+    return 0;
+  }
+  s->result = lookup_in(tagdb.get(), s->tag, s->value, s->dest, s->size);
+  return s->result == 0 || s->result == ENOSPC ? 1 : 0;
+}
+
+}  // namespace
+
 extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
                                                 const char* tag,
                                                 const char* value, char* dest,
@@ -77,26 +106,7 @@ extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
   if (mount == nullptr) return ENOENT;
   char meta[kPathSize];
   tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
-  tevul::dir_ptr dir(opendir(meta));
-  if (!dir) return ENOENT;
-
-  int result = ENOENT;
-  while (const dirent* entry = readdir(dir.get())) {
-    // Volumes are links; "<name>@@db" links are visited too and name no
-    // database ("<name>@@db@@db").
-    if (entry->d_type != DT_LNK) continue;
-    char db_file[kPathSize];
-    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta, entry->d_name);
-    metadb_tagdb_ptr tagdb(metadb_tagdb_open(db_file));
-    if (!tagdb) continue;
-    // The arguments are tested only here, so a call without them still
-    // opens and closes every database once; kept as callers have seen it.
-    if (tag == nullptr || value == nullptr || dest == nullptr || size == 0) {
-      result = ENOENT;
-      continue;
-    }
-    result = lookup_in(tagdb.get(), tag, value, dest, size);
-    if (result == 0 || result == ENOSPC) break;
-  }
-  return result;
+  search s{tag, value, dest, size, ENOENT};
+  if (!tevu_each_volume(meta, search_volume, &s)) return ENOENT;
+  return s.result;
 }

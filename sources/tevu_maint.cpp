@@ -17,17 +17,9 @@ struct bulk_finisher {
 // is freed when its owner lets go.
 using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_finisher>;
 
-// `path` (the caller's string) with the context's volume prefix skipped.
-// When path is the volume root without its trailing "/", the prefix reaches
-// one byte past its terminator: the result is then the empty string, which
-// names the whole volume. Nothing past the terminator is ever read.
+// `path` (the caller's string) relative to the context's volume.
 const char* volume_relative(const tevu_bulk_ctx* ctx, const char* path) {
-  const int32_t n = ctx->volume.prefix_len;
-  if (n <= 0) return path;
-  for (int32_t i = 0; i < n - 1; ++i) {
-    if (path[i] == '\0') return "";
-  }
-  return path[n - 1] == '\0' ? "" : path + n;
+  return tevu_volume_relative(&ctx->volume, path);
 }
 
 metadb_tagdb* database(const bulk_ptr& ctx) { return ctx->tagdb.get(); }

@@ -1,7 +1,6 @@
 // Read-only queries. See tevu_query.h and tevul.h.
 #include "tevu_query.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -78,10 +77,8 @@ int file_tags(const char* path, tevu_tag_cb cb, void* user) {
   if (realpath(path, canonical) == nullptr) return errno;
   tevu_volume volume;
   if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;
-  // A volume root "/N" is one byte shorter than its prefix "/N/": it has
-  // the empty relative path, which no row carries.
-  const std::size_t skip = static_cast<std::size_t>(volume.prefix_len);
-  const char* rel = strlen(canonical) >= skip ? canonical + skip : "";
+  // A volume root has the empty relative path, which no row carries.
+  const char* rel = tevu_volume_relative(&volume, canonical);
 
   int error = 0;
   const metadb_db_ptr db = open_read_only(volume.db_path, &error);
@@ -142,6 +139,26 @@ int find_in(sqlite3* db, const char* root, const char* name, const char* value,
   }
 }
 
+// One search for files: its arguments, and its result so far.
+struct file_search {
+  const char* name;
+  const char* value;
+  tevu_file_cb cb;
+  void* user;
+  int result;
+};
+
+// Searches the database of volume `volume`; non-zero ends the walk.
+int search_volume(void* user, const char* volume, const char* db_file) {
+  file_search* s = static_cast<file_search*>(user);
+  int error = 0;
+  const metadb_db_ptr db = open_read_only(db_file, &error);
+  if (!db) return 0;  // a volume without a usable database has no files
+  const std::string root = std::string("/") + volume;
+  s->result = find_in(db.get(), root.c_str(), s->name, s->value, s->cb, s->user);
+  return s->result;
+}
+
 int find_files(const char* name, const char* value, tevu_file_cb cb,
                void* user) {
   if (tevul::is_empty(name) || cb == nullptr) return kNoMount;
@@ -150,24 +167,9 @@ int find_files(const char* name, const char* value, tevu_file_cb cb,
   if (!metadb_tag_sql_safe(name)) return EINVAL;
   char meta[tevu_path_size];
   tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
-  tevul::dir_ptr dir(opendir(meta));
-  if (!dir) return errno;
-  while (const dirent* entry = readdir(dir.get())) {
-    // Volumes are links; the "<name>@@db" links name no database of their
-    // own ("<name>@@db@@db") and are passed over when it cannot be opened.
-    if (entry->d_type != DT_LNK) continue;
-    char db_file[tevu_path_size];
-    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta,
-                      entry->d_name);
-    int error = 0;
-    const metadb_db_ptr db = open_read_only(db_file, &error);
-    if (!db) continue;  // a volume without a usable database has no files
-    const std::string root = std::string("/") + entry->d_name;
-    if (const int rc = find_in(db.get(), root.c_str(), name, value, cb, user)) {
-      return rc;
-    }
-  }
-  return 0;
+  file_search s{name, value, cb, user, 0};
+  if (!tevu_each_volume(meta, search_volume, &s)) return ENOENT;
+  return s.result;
 }
 
 }  // namespace

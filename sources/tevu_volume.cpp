@@ -162,6 +162,31 @@ int tevu_find_volume_link(const char* meta_dir, const char* path,
   return 0;
 }
 
+bool tevu_each_volume(const char* meta_dir,
+                     int (*visit)(void* user, const char* name,
+                                  const char* db_file),
+                     void* user) {
+  tevul::dir_ptr dir(opendir(meta_dir));
+  if (!dir) return false;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (entry->d_type != DT_LNK) continue;
+    char db_file[tevu_path_size + 1];
+    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta_dir,
+                      entry->d_name);
+    if (visit(user, entry->d_name, db_file) != 0) break;
+  }
+  return true;
+}
+
+const char* tevu_volume_relative(const tevu_volume* vol, const char* path) {
+  const int32_t n = vol->prefix_len;
+  if (n <= 0) return path;
+  for (int32_t i = 0; i < n - 1; ++i) {
+    if (path[i] == '\0') return "";
+  }
+  return path[n - 1] == '\0' ? "" : path + n;
+}
+
 bool tevu_root_matches(const char* root, const char* path) {
   const std::size_t len = strlen(root);
   if (len == 0) return false;

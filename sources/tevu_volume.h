@@ -67,6 +67,23 @@ int tevu_match_volume(tevu_volume* vol, const char* path);
 int tevu_find_volume_link(const char* meta_dir, const char* path,
                           char* name);
 
+// Calls visit(user, N, db_file) for every volume link N of `meta_dir` (a
+// symbolic link, in the order the directory yields them), with db_file the
+// path of N's database link "<meta_dir>/N@@db". The "N@@db" links are
+// visited too; the name they form ("N@@db@@db") names no file. Stops at the
+// first non-zero result of visit. Returns false when the directory cannot be
+// opened (nothing is visited), true otherwise.
+bool tevu_each_volume(const char* meta_dir,
+                     int (*visit)(void* user, const char* name,
+                                  const char* db_file),
+                     void* user);
+
+// `path`, which lies on `vol`, with the volume's prefix skipped: the path as
+// the volume's database stores it. A volume root given without its final
+// "/" gives the empty string, the whole volume. Nothing past the terminator
+// of `path` is read.
+const char* tevu_volume_relative(const tevu_volume* vol, const char* path);
+
 // True when `path` lies under the volume root `root` of the runtime file:
 // equal after the first byte of each (the first bytes are deliberately not
 // compared), followed by "/" or the end. An empty root matches nothing.

@@ -214,6 +214,14 @@ int read_status(bool failed, bool not_set) {
   return failed ? kExitFailed : not_set ? kExitNotFound : kExitOk;
 }
 
+// Reads every tag of `file` from its volume's database, and reports a file
+// that cannot be read.
+Read tags_from_database(const std::string& file, std::vector<Tag>* tags) {
+  if (file_tags(file, tags) == 0) return Read::kOk;
+  report({file}, setpath_reason(file));
+  return Read::kFailed;
+}
+
 // Reads tag `name` of `file` into `value`, from the database or through the
 // mount, and reports what went wrong.
 Read get_one(const std::string& file, const std::string& name, bool via_mount,
@@ -229,10 +237,7 @@ Read get_one(const std::string& file, const std::string& name, bool via_mount,
     return Read::kFailed;
   }
   std::vector<Tag> tags;
-  if (file_tags(file, &tags) != 0) {
-    report({file}, setpath_reason(file));
-    return Read::kFailed;
-  }
+  if (tags_from_database(file, &tags) != Read::kOk) return Read::kFailed;
   // Tag columns are named without regard to letter case, as the database
   // names them.
   for (const Tag& tag : tags) {
@@ -259,9 +264,7 @@ Read list_through_mount(const std::string& file, std::vector<Tag>* tags) {
   if (!dir && errno == ENOENT) {
     // No tag directory: a file without tags, or a file on no tagged volume.
     std::vector<Tag> ignored;
-    if (file_tags(file, &ignored) == 0) return Read::kOk;
-    report({file}, setpath_reason(file));
-    return Read::kFailed;
+    return tags_from_database(file, &ignored);
   }
   if (!dir) {
     report({file}, errno_reason(errno));
@@ -338,8 +341,7 @@ int cmd_list(int argc, char** argv) {
   for (const std::string& file : files) {
     std::vector<Tag> tags;
     const Read read = via_mount ? list_through_mount(file, &tags)
-                                : (file_tags(file, &tags) == 0 ? Read::kOk : Read::kFailed);
-    if (read == Read::kFailed && !via_mount) report({file}, setpath_reason(file));
+                                : tags_from_database(file, &tags);
     failed |= read == Read::kFailed;
     const std::string prefix = files.size() > 1 ? file + "\t" : "";
     for (const Tag& tag : tags) emit(prefix + tag.first + "=" + tag.second, nul);
