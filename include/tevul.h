@@ -664,6 +664,27 @@ TEVUL_API int tevu_file_tags(const char *path, tevu_tag_cb cb, void *user);
 TEVUL_API int tevu_find_files(const char *name, const char *value,
                               tevu_file_cb cb, void *user);
 
+/*
+ * One tagged file of tevu_tagged_files(): its absolute path and its `count`
+ * tags, names[i] = values[i] (names without the leading "." of their
+ * column, values as stored), in the column order of its volume's database.
+ */
+typedef int (*tevu_row_cb)(void *user, const char *path, size_t count,
+                           const char *const *names,
+                           const char *const *values);
+
+/*
+ * Calls `cb` once with every file that carries at least one tag: on every
+ * tagged volume when `dir` is NULL, otherwise the file or directory `dir`
+ * (made canonical; it must exist) and every file below it on its volume.
+ * Files vanished from the disk are included: only the database is read.
+ * Paths below `dir` are matched literally ("*", "?" and "[" in them match
+ * only themselves). Files come in the order of the volume links, and within
+ * a volume in the order their rows were made. ENOENT also for an empty
+ * `dir` and for a `dir` that lies on no tagged volume.
+ */
+TEVUL_API int tevu_tagged_files(const char *dir, tevu_row_cb cb, void *user);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

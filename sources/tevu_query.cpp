@@ -6,6 +6,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -172,7 +173,141 @@ int find_files(const char* name, const char* value, tevu_file_cb cb,
   return s.result;
 }
 
+// The tags of one row of a walk, copied out of the statement.
+struct tagged_row {
+  std::string path;  // absolute
+  std::vector<std::string> names;
+  std::vector<std::string> values;
+};
+
+// Copies the current row of a rows statement ("ROWID, *") into `row`, with
+// `prefix` before its stored path. Returns the row id.
+sqlite3_int64 copy_row(sqlite3_stmt* stmt, const std::string& prefix,
+                       tagged_row* row) {
+  row->path = prefix;
+  const int columns = sqlite3_column_count(stmt);
+  for (int i = 1; i < columns; ++i) {
+    const char* name = sqlite3_column_name(stmt, i);
+    const char* text =
+        reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+    if (name == nullptr || text == nullptr) continue;  // SQL NULL: not set
+    if (strcmp(name, "Path") == 0) {
+      row->path += text;
+    } else if (name[0] == '.') {
+      row->names.emplace_back(name + 1);
+      row->values.emplace_back(text);
+    }
+  }
+  return sqlite3_column_int64(stmt, 0);
+}
+
+// Hands every row of `db` that carries a tag, or only those of stored path
+// `rel` and below it when `rel` is not empty, to `cb`, one batch at a time;
+// `prefix` is the volume's root with its final "/". Returns 0, the
+// callback's non-zero value, or an errno.
+int rows_in(sqlite3* db, const std::string& prefix, const char* rel,
+            tevu_row_cb cb, void* user) {
+  const bool subtree = !tevul::is_empty(rel);
+  char sql[sizeof tevu_query_subtree_rows_sql + 16];
+  tevul::format_cut(sql, sizeof sql,
+                    subtree ? tevu_query_subtree_rows_sql : tevu_query_rows_sql,
+                    tevu_query_batch);
+  metadb_stmt_ptr stmt;
+  const int prepared = metadb_prepare(db, sql, -1, stmt);
+  if (prepared != SQLITE_OK) return metadb_errno(prepared);
+  std::string pattern;
+  if (subtree) {
+    std::unique_ptr<char, decltype(&sqlite3_free)> literal(
+        metadb_glob_escape(rel), sqlite3_free);
+    if (!literal) return ENOMEM;
+    pattern = std::string(literal.get()) + "/*";
+    sqlite3_bind_text(stmt.get(), 2, rel, -1, SQLITE_STATIC);
+    sqlite3_bind_text(stmt.get(), 3, pattern.c_str(), -1, SQLITE_STATIC);
+  }
+
+  std::vector<tagged_row> batch;
+  std::vector<const char*> names;
+  std::vector<const char*> values;
+  sqlite3_int64 after = 0;
+  for (;;) {
+    batch.clear();
+    std::size_t rows = 0;
+    sqlite3_bind_int64(stmt.get(), 1, after);
+    int rc;
+    while ((rc = metadb_step(stmt.get())) == SQLITE_ROW) {
+      ++rows;
+      tagged_row row;
+      after = copy_row(stmt.get(), prefix, &row);
+      if (!row.names.empty()) batch.push_back(std::move(row));
+    }
+    // The read ends here: the caller's code runs without a lock held.
+    sqlite3_reset(stmt.get());
+    if (rc != SQLITE_DONE) return metadb_errno(rc);
+    for (const tagged_row& row : batch) {
+      names.clear();
+      values.clear();
+      for (std::size_t i = 0; i < row.names.size(); ++i) {
+        names.push_back(row.names[i].c_str());
+        values.push_back(row.values[i].c_str());
+      }
+      if (const int stop = cb(user, row.path.c_str(), names.size(),
+                              names.data(), values.data())) {
+        return stop;
+      }
+    }
+    if (rows < static_cast<std::size_t>(tevu_query_batch)) return 0;
+  }
+}
+
+// One walk over the rows of every volume.
+struct row_walk {
+  tevu_row_cb cb;
+  void* user;
+  int result;
+};
+
+// Walks the database of volume `volume`; non-zero ends the walk.
+int walk_volume(void* user, const char* volume, const char* db_file) {
+  row_walk* w = static_cast<row_walk*>(user);
+  int error = 0;
+  const metadb_db_ptr db = open_read_only(db_file, &error);
+  if (!db) return 0;  // a volume without a usable database has no files
+  const std::string prefix = std::string("/") + volume + "/";
+  w->result = rows_in(db.get(), prefix, nullptr, w->cb, w->user);
+  return w->result;
+}
+
+int tagged_files(const char* dir, tevu_row_cb cb, void* user) {
+  if ((dir != nullptr && dir[0] == '\0') || cb == nullptr) return kNoMount;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return kNoMount;
+  if (dir == nullptr) {
+    char meta[tevu_path_size];
+    tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
+    row_walk w{cb, user, 0};
+    if (!tevu_each_volume(meta, walk_volume, &w)) return ENOENT;
+    return w.result;
+  }
+  char canonical[tevu_path_size];
+  if (realpath(dir, canonical) == nullptr) return errno;
+  tevu_volume volume;
+  if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;
+  int error = 0;
+  const metadb_db_ptr db = open_read_only(volume.db_path, &error);
+  if (!db) return error;
+  return rows_in(db.get(), volume.prefix,
+                 tevu_volume_relative(&volume, canonical), cb, user);
+}
+
 }  // namespace
+
+extern "C" int tevu_tagged_files(const char* dir, tevu_row_cb cb, void* user) {
+  try {
+    return tagged_files(dir, cb, user);
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+}
 
 extern "C" int tevu_file_tags(const char* path, tevu_tag_cb cb, void* user) {
   try {

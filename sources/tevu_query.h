@@ -27,6 +27,16 @@ constexpr char tevu_query_find_value_sql[] =
 constexpr char tevu_query_find_any_sql[] =
     "SELECT ROWID, Path FROM Meta WHERE Meta.\".%s\" IS NOT NULL AND ROWID>? "
     "ORDER BY ROWID LIMIT %d";
+// The walk of tevu_tagged_files() in one database: every row after row id
+// parameter 1, all columns, in row id order, one batch at a time.
+constexpr char tevu_query_rows_sql[] =
+    "SELECT ROWID, * FROM Meta WHERE ROWID>? ORDER BY ROWID LIMIT %d";
+// The same for the rows of stored path parameter 2 and everything below it
+// (parameter 3: the path as a GLOB pattern that matches only itself, with
+// "/*"). Bound rather than formatted, so that no path is too long for it.
+constexpr char tevu_query_subtree_rows_sql[] =
+    "SELECT ROWID, * FROM Meta WHERE ROWID>?1 AND (Path=?2 OR Path GLOB ?3) "
+    "ORDER BY ROWID LIMIT %d";
 // Rows per batch: the most paths held in memory at once.
 constexpr int tevu_query_batch = 256;
 

@@ -2,13 +2,16 @@
 #include "cli.h"
 
 #include <errno.h>
+#include <mntent.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "tevul.h"
 
@@ -121,6 +124,29 @@ std::string errno_reason(int error) {
   }
 }
 
+namespace {
+
+// The longest tag name whose column statements fit the database format's
+// 147-byte buffer: "CREATE INDEX 'Cidx_%q' ON Meta (\".%s\")" holds the
+// name twice, its single quotes doubled once.
+constexpr std::size_t kColumnNameMax = 56;
+
+std::size_t column_name_length(const std::string& name) {
+  std::size_t len = name.size();
+  for (char c : name) len += c == '\'' ? 1 : 0;
+  return len;
+}
+
+}  // namespace
+
+const char kStripOptionName[] = "strip-backslashes";
+
+std::string backslash_refusal(const std::string& value, bool strip) {
+  if (strip || value.find('\\') == std::string::npos) return "";
+  return "value holds a backslash, which the tag database would strip "
+         "(--strip-backslashes stores it without)";
+}
+
 std::string bulk_reason(int result, const std::string& name) {
   if (result == -ENAMETOOLONG || result == -EFBIG) {
     const bool is_name = result == -ENAMETOOLONG;
@@ -140,6 +166,16 @@ std::string bulk_reason(int result, const std::string& name) {
   if (name.find('"') != std::string::npos) {
     return "tag name contains a double quote";
   }
+  if (result > 0 && column_name_length(name) > kColumnNameMax) {
+    // The limits file allows longer names than the database's column
+    // statements can hold; the smaller limit is the real one.
+    static const int published = tevu_getmaxnamelen();
+    const std::size_t limit =
+        published > 0 ? std::min<std::size_t>(kColumnNameMax, published - 1)
+                      : kColumnNameMax;
+    return "tag name too long for the tag database (limit " +
+           std::to_string(limit) + ")";
+  }
   if (result == 1) return "tag database statement failed";
   return "tag database failed: " + errno_reason(result);
 }
@@ -148,6 +184,57 @@ std::string setpath_reason(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) return errno_reason(errno);
   return "file is not on a tagged volume";
+}
+
+std::string mount_point() {
+  std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/etc/mtab", "r"),
+                                              endmntent);
+  if (!table) return "";
+  while (struct mntent* entry = getmntent(table.get())) {
+    if (std::strncmp(entry->mnt_type, "fuse", 4) == 0 &&
+        std::strncmp(entry->mnt_fsname, "tevu", 4) == 0) {
+      return entry->mnt_dir;
+    }
+  }
+  return "";
+}
+
+std::string escape_field(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (char c : text) {
+    switch (c) {
+      case '\t': out += "\\t"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\\': out += "\\\\"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
+bool unescape_field(const std::string& text, std::string* out,
+                    std::string* bad) {
+  out->clear();
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\') {
+      *out += text[i];
+      continue;
+    }
+    const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+    switch (next) {
+      case 't': *out += '\t'; break;
+      case 'n': *out += '\n'; break;
+      case 'r': *out += '\r'; break;
+      case '\\': *out += '\\'; break;
+      default:
+        *bad = text.substr(i, next != '\0' ? 2 : 1);
+        return false;
+    }
+    ++i;
+  }
+  return true;
 }
 
 std::string absolute_path(const std::string& path) {

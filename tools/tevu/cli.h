@@ -26,6 +26,7 @@ enum Exit {
   kExitUsage = 2,       // unknown command, bad option or missing argument
   kExitNotMounted = 3,  // the tag file system is not mounted
   kExitNotFound = 4,    // get: the tag is not set; find: no file has the value
+  kExitInterrupted = 130,  // import: stopped by an interrupt (128 + SIGINT)
 };
 
 // One command of the tool.
@@ -61,6 +62,10 @@ bulk_ptr open_bulk();
 bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
                  const std::function<void()>& before_report = nullptr);
 
+// Removes each tag of `names` from every file of every volume that carries
+// it (`tevu del --all`); reports the count of each. Returns the exit status.
+int delete_everywhere(const std::vector<std::string>& names);
+
 // The command table, in the order of `tevu --help`.
 const std::vector<Command>& commands();
 
@@ -74,6 +79,8 @@ int cmd_import(int argc, char** argv);
 int cmd_deleted(int argc, char** argv);
 int cmd_moved(int argc, char** argv);
 int cmd_cleanup(int argc, char** argv);
+int cmd_rename(int argc, char** argv);
+int cmd_export(int argc, char** argv);
 int cmd_view(int argc, char** argv);
 int cmd_limits(int argc, char** argv);
 
@@ -120,12 +127,35 @@ bool tag_fs_mounted();
 // result of the database layer).
 std::string bulk_reason(int result, const std::string& name);
 
+// The reason why `value` cannot be stored as it is, or "" when it can: the
+// tag database strips every backslash from a stored value, so a value
+// holding one is refused unless `strip` allows the loss.
+std::string backslash_refusal(const std::string& value, bool strip);
+
+// The option --strip-backslashes, as the commands that store values take it.
+constexpr int kStripOption = 0x100;
+extern const char kStripOptionName[];
+
 // The reason for a failed tevu_bulk_setpath() on `path`: "no such file"
 // when it does not exist, otherwise "file is not on a tagged volume".
 std::string setpath_reason(const std::string& path);
 
 // The reason for a positive errno value.
 std::string errno_reason(int error);
+
+// The mount point of the tag file system, found in the mount table by the
+// library's rule (the first entry whose type begins with "fuse" and whose
+// source begins with "tevu"); "" when there is none.
+std::string mount_point();
+
+// A field of the import and export records with its TAB, line feed, carriage return and backslash written as "\t", "\n", "\r" and
+// "\\", so that a record is one line whatever its values hold.
+std::string escape_field(const std::string& text);
+
+// The reverse of escape_field(). Returns false, with the offending escape
+// in *bad, for a backslash followed by anything else or by nothing.
+bool unescape_field(const std::string& text, std::string* out,
+                    std::string* bad);
 
 // `path` made absolute against the working directory without touching the
 // file system beyond getcwd(): ".", ".." and repeated slashes are resolved

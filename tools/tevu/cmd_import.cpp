@@ -1,12 +1,17 @@
-// `tevu import`: tags for many files from standard input, through one bulk
-// context.
+// `tevu import` and `tevu export`: tags of many files as records, one file
+// per line, "PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]", each field escaped
+// by escape_field() (see cli.h) so that values may hold any byte but NUL.
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <errno.h>
+
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,43 +33,75 @@ struct Totals {
   unsigned long failures = 0;
 };
 
-// The progress line on standard error: files done, rate and time left. The
-// time left is estimated from the bytes read when standard input is a file
-// of known size, and shown as "?" otherwise.
-class Progress {
- public:
-  explicit Progress(bool enabled) : enabled_(enabled), start_(now_seconds()) {
-    struct stat st;
-    if (fstat(STDIN_FILENO, &st) == 0 && S_ISREG(st.st_mode)) {
-      total_bytes_ = st.st_size;
-      // Reading may start at an offset, as in `(head -1; tevu import) < f`.
-      const off_t at = lseek(STDIN_FILENO, 0, SEEK_CUR);
-      if (at > 0) total_bytes_ -= at;
+// "1 file", "2 files".
+std::string counted(unsigned long n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+// The records left to read on standard input when it is a regular file
+// (read from its current offset without moving it), or 0 when unknown.
+unsigned long count_records(int delimiter) {
+  struct stat st;
+  if (fstat(STDIN_FILENO, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  off_t at = lseek(STDIN_FILENO, 0, SEEK_CUR);
+  if (at < 0) return 0;
+  unsigned long records = 0;
+  bool open_record = false;
+  char buf[65536];
+  for (;;) {
+    const ssize_t n = pread(STDIN_FILENO, buf, sizeof buf, at);
+    if (n <= 0) break;
+    at += n;
+    for (ssize_t i = 0; i < n; ++i) {
+      if (buf[i] == delimiter) {
+        records += open_record ? 1 : 0;
+        open_record = false;
+      } else {
+        open_record = true;
+      }
     }
   }
+  return records + (open_record ? 1 : 0);
+}
+
+// The progress line on standard error: files done, rate, and, when the
+// number of records is known (standard input is a file), done/total, the
+// percentage and the time left. The time left assumes that the records
+// still to come take as long each as those done so far.
+class Progress {
+ public:
+  Progress(bool enabled, unsigned long total)
+      : enabled_(enabled), total_(total), start_(now_seconds()) {}
 
   double elapsed() const { return now_seconds() - start_; }
 
-  // Called after each record; redraws at most four times a second.
-  void update(unsigned long files, unsigned long long bytes_read) {
+  // Called after each record (`records` of them read, `files` stored);
+  // redraws at most four times a second.
+  void update(unsigned long records, unsigned long files) {
     if (!enabled_) return;
     const double now = now_seconds();
     if (now - last_draw_ < 0.25) return;
     last_draw_ = now;
     const double seconds = now - start_;
     const double rate = seconds > 0 ? files / seconds : 0;
-    std::string left = "?";
-    if (total_bytes_ > 0 && bytes_read > 0 && seconds > 0) {
-      const double bytes_per_second = bytes_read / seconds;
-      const double remaining =
-          total_bytes_ > static_cast<long long>(bytes_read)
-              ? (total_bytes_ - static_cast<long long>(bytes_read)) /
-                    bytes_per_second
-              : 0;
-      left = std::to_string(static_cast<long>(remaining + 0.5));
+    std::string line = "\rtevu: import: " + counted(files, "file", "files");
+    if (total_ > 0) {
+      const unsigned long done = std::min(records, total_);
+      const double left =
+          done > 0 ? seconds / done * static_cast<double>(total_ - done) : 0;
+      char numbers[96];
+      std::snprintf(numbers, sizeof numbers, " (%lu/%lu records, %lu%%)",
+                    done, total_, done * 100 / total_);
+      line += numbers;
+      std::snprintf(numbers, sizeof numbers, ", %.0f files/s, %.0f s left",
+                    rate, left);
+      line += numbers;
+    } else {
+      char numbers[48];
+      std::snprintf(numbers, sizeof numbers, ", %.0f files/s", rate);
+      line += numbers;
     }
-    std::fprintf(stderr, "\rtevu: import: %lu files, %.0f files/s, %s s left\033[K",
-                 files, rate, left.c_str());
+    std::fputs((line + "\033[K").c_str(), stderr);
     drawn_ = true;
   }
 
@@ -76,9 +113,9 @@ class Progress {
 
  private:
   bool enabled_;
+  unsigned long total_;
   double start_;
   double last_draw_ = 0;
-  long long total_bytes_ = 0;
   bool drawn_ = false;
 };
 
@@ -93,49 +130,85 @@ std::vector<std::string> split_fields(const std::string& record) {
   }
 }
 
-// Imports one record; reports and counts its failures. The file is
-// committed at once, so that its tags are counted only once stored, and a
-// later failing path never leaves it pending.
-void import_record(bulk_ptr& ctx, const std::string& record,
-                   unsigned long line, Totals* totals, Progress* progress) {
-  const std::string where = "line " + std::to_string(line);
-  const std::vector<std::string> fields = split_fields(record);
-  std::vector<std::pair<std::string, std::string>> tags;
+// Reports one failure of a record, after clearing the progress line.
+using FailFn = std::function<void(const std::vector<std::string>&,
+                                  const std::string&)>;
+
+constexpr char kKnownEscapes[] = " (known: \\t \\n \\r \\\\)";
+
+// The tags of one record, unescaped. Returns false after reporting the
+// first field that is not NAME=VALUE or holds a bad escape.
+bool parse_tags(const std::vector<std::string>& fields,
+                const std::vector<std::string>& where, const FailFn& fail,
+                std::vector<std::pair<std::string, std::string>>* tags) {
   for (std::size_t i = 1; i < fields.size(); ++i) {
-    std::pair<std::string, std::string> tag;
-    if (!split_assignment(fields[i], &tag.first, &tag.second)) {
-      tags.clear();
-      break;
+    std::vector<std::string> at = where;
+    at.push_back(fields[i]);
+    std::string name, value, bad;
+    if (!split_assignment(fields[i], &name, &value)) {
+      fail(at, "malformed field (expected NAME=VALUE)");
+      return false;
     }
-    tags.push_back(tag);
+    std::pair<std::string, std::string> tag;
+    if (!unescape_field(name, &tag.first, &bad) ||
+        !unescape_field(value, &tag.second, &bad)) {
+      fail(at, "bad escape '" + bad + "'" + kKnownEscapes);
+      return false;
+    }
+    tags->push_back(tag);
   }
-  if (fields[0].empty() || tags.empty()) {
+  return true;
+}
+
+// Imports one record; reports and counts its failures. A malformed record
+// sets nothing. The file is committed at once, so that its tags are
+// counted only once stored, and a later failing path never leaves it
+// pending.
+void import_record(bulk_ptr& ctx, const std::string& record,
+                   unsigned long line, bool strip, Totals* totals,
+                   Progress* progress) {
+  const FailFn fail = [&](const std::vector<std::string>& at,
+                          const std::string& reason) {
     progress->clear();
-    report({"import", where},
-           "malformed line (expected PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...])");
+    report(at, reason);
     ++totals->failures;
-    return;
+  };
+  std::vector<std::string> at = {"import", "line " + std::to_string(line)};
+  const std::vector<std::string> fields = split_fields(record);
+  std::string path, bad;
+  if (!unescape_field(fields[0], &path, &bad)) {
+    at.push_back(fields[0]);
+    return fail(at, "bad escape '" + bad + "' in the path" + kKnownEscapes);
   }
-  const std::string& path = fields[0];
+  if (path.empty()) return fail(at, "malformed line (empty path)");
+  at.push_back(path);
+  if (fields.size() < 2) {
+    return fail(at, "malformed line (no tags: expected "
+                    "PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...])");
+  }
+  std::vector<std::pair<std::string, std::string>> tags;
+  if (!parse_tags(fields, at, fail, &tags)) return;
   if (tevu_bulk_setpath(ctx.get(), path.c_str()) != 0) {
-    progress->clear();
-    report({"import", where, path}, setpath_reason(path));
-    ++totals->failures;
-    return;
+    return fail(at, setpath_reason(path));
   }
   unsigned long stored = 0;
   for (const auto& tag : tags) {
-    const int rc =
-        tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
-    if (rc == 0) {
-      ++stored;
+    std::vector<std::string> tag_at = at;
+    tag_at.push_back(tag.first);
+    const std::string refusal = backslash_refusal(tag.second, strip);
+    if (!refusal.empty()) {
+      fail(tag_at, refusal);
       continue;
     }
-    progress->clear();
-    report({"import", where, path, tag.first}, bulk_reason(rc, tag.first));
-    ++totals->failures;
+    const int rc =
+        tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
+    if (rc != 0) {
+      fail(tag_at, bulk_reason(rc, tag.first));
+      continue;
+    }
+    ++stored;
   }
-  if (!commit_file(ctx, {"import", where, path}, [progress] { progress->clear(); })) {
+  if (!commit_file(ctx, at, [progress] { progress->clear(); })) {
     ++totals->failures;
     return;
   }
@@ -148,12 +221,14 @@ void import_record(bulk_ptr& ctx, const std::string& record,
 int cmd_import(int argc, char** argv) {
   bool nul = false;
   bool quiet = false;
+  bool strip = false;
   const int status = parse_options(
       argc, argv, "0q",
       {{"null", no_argument, nullptr, '0'},
-       {"quiet", no_argument, nullptr, 'q'}},
+       {"quiet", no_argument, nullptr, 'q'},
+       {kStripOptionName, no_argument, nullptr, kStripOption}},
       [&](int c, const char*) {
-        (c == '0' ? nul : quiet) = true;
+        (c == '0' ? nul : c == 'q' ? quiet : strip) = true;
         return true;
       });
   if (status >= 0) return status;
@@ -166,43 +241,133 @@ int cmd_import(int argc, char** argv) {
   // done so far stay committed.
   catch_interrupts(on_interrupt);
 
-  Progress progress(!quiet && isatty(STDERR_FILENO));
+  const int delimiter = nul ? '\0' : '\n';
+  const bool show = !quiet && isatty(STDERR_FILENO);
+  Progress progress(show, show ? count_records(delimiter) : 0);
   Totals totals;
   unsigned long line = 0;
-  unsigned long long bytes_read = 0;
+  unsigned long records = 0;
   malloc_ptr buf;
   std::size_t capacity = 0;
-  const int delimiter = nul ? '\0' : '\n';
   while (!g_interrupted) {
     char* raw = buf.release();
     const ssize_t len = getdelim(&raw, &capacity, delimiter, stdin);
     buf.reset(raw);
     if (len < 0) break;
     ++line;
-    bytes_read += static_cast<unsigned long long>(len);
     std::string record(buf.get(), static_cast<std::size_t>(len));
     if (!record.empty() && record.back() == delimiter) record.pop_back();
+    // A line of a file written on another system ends in CR LF.
+    if (!nul && !record.empty() && record.back() == '\r') record.pop_back();
     if (record.empty()) continue;  // blank lines are allowed
-    import_record(ctx, record, line, &totals, &progress);
+    ++records;
+    import_record(ctx, record, line, strip, &totals, &progress);
     if (!ctx) return report_not_mounted();
-    progress.update(totals.files, bytes_read);
+    progress.update(records, totals.files);
   }
-  const bool read_error = ferror(stdin) != 0;
+  const bool read_error = ferror(stdin) != 0 && !g_interrupted;
   ctx.reset();  // commits the last file
   progress.clear();
   if (read_error) {
     report({"import"}, "cannot read standard input");
     ++totals.failures;
   }
+  // An interrupt is what the user asked for, not a failure: it is said
+  // once, and the exit status tells a script (128 + SIGINT).
   if (g_interrupted) {
-    report({"import", "line " + std::to_string(line)}, "interrupted");
-    ++totals.failures;
+    report({"import", "line " + std::to_string(line)},
+           "interrupted; the files before it are stored");
   }
   if (!quiet) {
-    std::fprintf(stderr, "tevu: import: %lu files, %lu tags, %lu failures, %.2f s\n",
-                 totals.files, totals.tags, totals.failures, progress.elapsed());
+    std::fprintf(stderr, "tevu: import: %s, %s, %s, %.2f s\n",
+                 counted(totals.files, "file", "files").c_str(),
+                 counted(totals.tags, "tag", "tags").c_str(),
+                 counted(totals.failures, "failure", "failures").c_str(),
+                 progress.elapsed());
   }
+  if (g_interrupted) return kExitInterrupted;
   return totals.failures == 0 ? kExitOk : kExitFailed;
+}
+
+namespace {
+
+struct Exporter {
+  bool json = false;
+  bool nul = false;
+  unsigned long files = 0;
+};
+
+// `text` as a JSON string: quotes, backslashes and control characters
+// escaped; other bytes as they are (tags are UTF-8 as stored).
+std::string json_string(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20 || c == 0x7f) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+int export_file(void* user, const char* path, size_t count,
+                const char* const* names, const char* const* values) {
+  Exporter* e = static_cast<Exporter*>(user);
+  ++e->files;
+  std::string record;
+  if (e->json) {
+    record = "{\"path\":" + json_string(path) + ",\"tags\":{";
+    for (size_t i = 0; i < count; ++i) {
+      if (i > 0) record += ",";
+      record += json_string(names[i]) + ":" + json_string(values[i]);
+    }
+    record += "}}";
+  } else {
+    record = escape_field(path);
+    for (size_t i = 0; i < count; ++i) {
+      record += "\t" + escape_field(names[i]) + "=" + escape_field(values[i]);
+    }
+  }
+  emit(record, e->nul);
+  return 0;
+}
+
+}  // namespace
+
+int cmd_export(int argc, char** argv) {
+  Exporter exporter;
+  const int status = parse_options(
+      argc, argv, "0j",
+      {{"null", no_argument, nullptr, '0'},
+       {"json", no_argument, nullptr, 'j'}},
+      [&](int c, const char*) {
+        (c == '0' ? exporter.nul : exporter.json) = true;
+        return true;
+      });
+  if (status >= 0) return status;
+  if (argc - optind > 1) return usage_error(argv[0], "expected at most one DIR");
+  const char* dir = optind < argc ? argv[optind] : nullptr;
+  if (dir != nullptr && dir[0] == '\0') return usage_error(argv[0], "empty DIR");
+  if (!tag_fs_mounted()) return report_not_mounted();
+  const int rc = tevu_tagged_files(dir, export_file, &exporter);
+  if (rc == 0) return kExitOk;
+  if (dir != nullptr && rc == ENOENT) {
+    report({dir}, setpath_reason(dir));
+  } else {
+    report({"export"}, "tag database could not be read: " + errno_reason(rc));
+  }
+  return kExitFailed;
 }
 
 }  // namespace tevu_cli

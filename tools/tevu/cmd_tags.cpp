@@ -3,13 +3,13 @@
 #include <errno.h>
 #include <glob.h>
 #include <limits.h>
-#include <mntent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <functional>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -48,24 +48,69 @@ std::string tagfile_reason(int error, const std::string& path) {
   return errno_reason(error);
 }
 
-// Sets `tags` on every file through one bulk context.
+// Calls `visit` with `root` and, when `root` is a directory, with every
+// file and directory below it: parents before what they hold, the entries
+// of each directory in name order. Symbolic links below `root` are left
+// out (a link would tag its target, which may lie anywhere). Reports each
+// directory that cannot be read and returns false when there was one.
+bool walk_tree(const std::string& root,
+               const std::function<void(const std::string&)>& visit) {
+  visit(root);
+  struct stat st;
+  if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;
+  std::vector<std::string> dirs{root};
+  bool complete = true;
+  while (!dirs.empty()) {
+    const std::string dir = dirs.back();
+    dirs.pop_back();
+    std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(dir.c_str()), closedir);
+    if (!stream) {
+      report({dir}, "cannot read the directory: " + errno_reason(errno));
+      complete = false;
+      continue;
+    }
+    std::vector<std::string> names;
+    while (const struct dirent* entry = readdir(stream.get())) {
+      const std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    stream.reset();
+    std::sort(names.begin(), names.end());
+    std::vector<std::string> subdirs;
+    const std::string base = dir == "/" ? "" : dir;
+    for (const std::string& name : names) {
+      const std::string path = base + "/" + name;
+      if (lstat(path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
+      if (S_ISDIR(st.st_mode)) {
+        // Visited in order, walked after the files of this directory.
+        subdirs.push_back(path);
+      }
+      visit(path);
+    }
+    // Depth first, in name order: the stack takes them reversed.
+    dirs.insert(dirs.end(), subdirs.rbegin(), subdirs.rend());
+  }
+  return complete;
+}
+
+// Sets `tags` on every file through one bulk context, one transaction per
+// file; with `recursive`, on every file and directory of each tree.
 int set_in_databases(const std::vector<std::string>& files,
                      const std::vector<Tag>& tags, bool recursive) {
   bulk_ptr ctx = open_bulk();
   if (!ctx) return kExitNotMounted;
   bool failed = false;
-  for (const std::string& file : files) {
+  bool lost_context = false;
+  const auto set_one = [&](const std::string& file) {
+    if (lost_context) return;
     if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
       report({file}, setpath_reason(file));
       failed = true;
-      continue;
+      return;
     }
     for (const Tag& tag : tags) {
-      const char* name = tag.first.c_str();
-      const char* value = tag.second.c_str();
-      const int rc = recursive
-                         ? tevu_bulk_settag_recursive(ctx.get(), name, value)
-                         : tevu_bulk_settag(ctx.get(), name, value);
+      const int rc =
+          tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
       if (rc != 0) {
         report({file, tag.first}, bulk_reason(rc, tag.first));
         failed = true;
@@ -73,7 +118,30 @@ int set_in_databases(const std::vector<std::string>& files,
     }
     if (!commit_file(ctx, {file})) {
       failed = true;
-      if (!ctx) return report_not_mounted();
+      lost_context = !ctx;
+    }
+  };
+  for (const std::string& file : files) {
+    if (recursive) {
+      failed |= !walk_tree(file, set_one);
+    } else {
+      set_one(file);
+    }
+    if (lost_context) return report_not_mounted();
+  }
+  return failed ? kExitFailed : kExitOk;
+}
+
+// Prints what a recursive set would tag, one path per record.
+int list_targets(const std::vector<std::string>& files, bool recursive,
+                 bool nul) {
+  bool failed = false;
+  for (const std::string& file : files) {
+    const auto print = [nul](const std::string& path) { emit(path, nul); };
+    if (recursive) {
+      failed |= !walk_tree(file, print);
+    } else {
+      print(file);
     }
   }
   return failed ? kExitFailed : kExitOk;
@@ -81,7 +149,6 @@ int set_in_databases(const std::vector<std::string>& files,
 
 int set_through_mount(const std::vector<std::string>& files,
                       const std::vector<Tag>& tags) {
-  if (!tag_fs_mounted()) return report_not_mounted();
   bool failed = false;
   for (const std::string& file : files) {
     for (const Tag& tag : tags) {
@@ -119,22 +186,6 @@ int read_through_mount(const std::string& file, const std::string& name,
   const int rc = tevu_gettag(file.c_str(), name.c_str(), buf.get(), size);
   if (rc == 0) value->assign(buf.get());
   return rc;
-}
-
-// The mount point of the tag file system, found in the mount table by the
-// same rule as the library's ("fuse" and "tevu" prefixes of type and
-// source); "" when there is none.
-std::string mount_point() {
-  std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/etc/mtab", "r"),
-                                              endmntent);
-  if (!table) return "";
-  while (struct mntent* entry = getmntent(table.get())) {
-    if (strncmp(entry->mnt_type, "fuse", 4) == 0 &&
-        strncmp(entry->mnt_fsname, "tevu", 4) == 0) {
-      return entry->mnt_dir;
-    }
-  }
-  return "";
 }
 
 // True when `file` still has a tag file whose name matches `pattern`.
@@ -176,14 +227,23 @@ int cmd_set(int argc, char** argv) {
   std::vector<Tag> tags;
   bool recursive = false;
   bool via_mount = false;
+  bool dry_run = false;
+  bool nul = false;
+  bool strip = false;
   const int status = parse_options(
-      argc, argv, "t:rm",
+      argc, argv, "t:rmn0",
       {{"tag", required_argument, nullptr, 't'},
        {"recursive", no_argument, nullptr, 'r'},
-       {"mount", no_argument, nullptr, 'm'}},
+       {"mount", no_argument, nullptr, 'm'},
+       {"dry-run", no_argument, nullptr, 'n'},
+       {"null", no_argument, nullptr, '0'},
+       {kStripOptionName, no_argument, nullptr, kStripOption}},
       [&](int c, const char* arg) {
         if (c == 'r') recursive = true;
         if (c == 'm') via_mount = true;
+        if (c == 'n') dry_run = true;
+        if (c == '0') nul = true;
+        if (c == kStripOption) strip = true;
         if (c != 't') return true;
         Tag tag;
         if (!split_assignment(arg, &tag.first, &tag.second)) {
@@ -199,9 +259,26 @@ int cmd_set(int argc, char** argv) {
   if (recursive && via_mount) {
     return usage_error(argv[0], "-r and -m cannot be combined");
   }
+  if (!tag_fs_mounted()) return report_not_mounted();
   const std::vector<std::string> files(argv + optind, argv + argc);
-  return via_mount ? set_through_mount(files, tags)
-                   : set_in_databases(files, tags, recursive);
+  if (dry_run) return list_targets(files, recursive, nul);
+
+  // A value the database would change is refused for every file; the
+  // other tags are still set.
+  std::vector<Tag> storable;
+  for (const Tag& tag : tags) {
+    const std::string refusal = backslash_refusal(tag.second, strip);
+    if (refusal.empty()) {
+      storable.push_back(tag);
+    } else {
+      report({tag.first}, refusal);
+    }
+  }
+  const bool refused = storable.size() != tags.size();
+  if (storable.empty()) return kExitFailed;
+  const int result = via_mount ? set_through_mount(files, storable)
+                               : set_in_databases(files, storable, recursive);
+  return result == kExitOk && refused ? kExitFailed : result;
 }
 
 namespace {
@@ -353,18 +430,32 @@ int cmd_del(int argc, char** argv) {
   std::vector<std::string> names;
   std::string pattern;
   bool via_mount = false;
+  bool everywhere = false;
   const int status = parse_options(
       argc, argv, "t:g:m",
       {{"tag", required_argument, nullptr, 't'},
        {"glob", required_argument, nullptr, 'g'},
-       {"mount", no_argument, nullptr, 'm'}},
+       {"mount", no_argument, nullptr, 'm'},
+       {"all", no_argument, nullptr, 'a'}},
       [&](int c, const char* arg) {
         if (c == 'm') via_mount = true;
+        if (c == 'a') everywhere = true;
         if (c == 'g') pattern = arg;
         if (c == 't') names.push_back(arg);
         return true;
       });
   if (status >= 0) return status;
+  if (everywhere) {
+    if (!names.empty() || !pattern.empty() || via_mount) {
+      return usage_error(argv[0], "--all takes tag names only");
+    }
+    names.assign(argv + optind, argv + argc);
+    if (names.empty()) return usage_error(argv[0], "expected --all NAME...");
+    for (const std::string& name : names) {
+      if (name.empty()) return usage_error(argv[0], "empty tag name");
+    }
+    return delete_everywhere(names);
+  }
   if (names.empty() == pattern.empty()) {
     return usage_error(argv[0], "give either -t NAME or -g PATTERN");
   }

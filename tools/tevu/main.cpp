@@ -29,20 +29,27 @@ constexpr const char kOverviewEnd[] =
     "\n"
     "Exit status: 0 success; 1 a file or tag failed (each failure is reported\n"
     "on standard error as one line 'tevu: FILE: TAG: REASON'); 2 usage error;\n"
-    "3 the tag file system is not mounted; 4 not found (get, find).\n";
+    "3 the tag file system is not mounted; 4 not found (get, find, rename);\n"
+    "130 interrupted (import).\n";
 
 constexpr const char kSetHelp[] =
-    "Usage: tevu set [-r] [-m] -t NAME=VALUE [-t NAME=VALUE ...] FILE...\n"
+    "Usage: tevu set [-r [-n [-0]]] [-m] [--strip-backslashes]\n"
+    "                -t NAME=VALUE [-t NAME=VALUE ...] FILE...\n"
     "\n"
     "Sets every given tag on every FILE, directly in the volumes' tag\n"
     "databases, one transaction per file. A failure of one file or tag is\n"
     "reported and the others go on.\n"
     "\n"
     "  -t, --tag NAME=VALUE  a tag to set (repeatable; VALUE may be empty)\n"
-    "  -r, --recursive       also set the tags on every tagged file below each\n"
-    "                        FILE (a directory)\n"
+    "  -r, --recursive       also every file and directory below each FILE,\n"
+    "                        walked on disk (symbolic links are left out)\n"
+    "  -n, --dry-run         only print the paths that would be tagged\n"
+    "  -0, --null            (with -n) end each path with a NUL byte\n"
     "  -m, --mount           write the tag files through the mounted tag file\n"
-    "                        system instead; the daemon does the database work\n";
+    "                        system instead; the daemon does the database work\n"
+    "  --strip-backslashes   store values that hold a backslash without it\n"
+    "                        (the tag database strips backslashes; without\n"
+    "                        this option such a value is refused)\n";
 
 constexpr const char kGetHelp[] =
     "Usage: tevu get [-m] [-0] FILE... NAME\n"
@@ -70,14 +77,46 @@ constexpr const char kListHelp[] =
 constexpr const char kDelHelp[] =
     "Usage: tevu del [-m] -t NAME [-t NAME ...] FILE...\n"
     "       tevu del -g PATTERN FILE...\n"
+    "       tevu del --all NAME...\n"
     "\n"
     "Removes the named tags from every FILE, directly in the tag databases\n"
     "(a tag that is not set counts as removed), or every tag whose name\n"
-    "matches the glob PATTERN, through the mounted tag file system.\n"
+    "matches the glob PATTERN, through the mounted tag file system. With\n"
+    "--all, removes each NAME from every file of every volume that carries\n"
+    "it, and reports on standard error how many files that were.\n"
     "\n"
     "  -t, --tag NAME       a tag to remove (repeatable)\n"
     "  -g, --glob PATTERN   remove the tags matching PATTERN (*, ?, [...])\n"
-    "  -m, --mount          remove the named tag files through the mount\n";
+    "  -m, --mount          remove the named tag files through the mount\n"
+    "  --all                remove the NAMEs given as operands everywhere\n";
+
+constexpr const char kRenameHelp[] =
+    "Usage: tevu rename [--strip-backslashes] OLD NEW\n"
+    "\n"
+    "Renames tag OLD to NEW on every file of every volume that carries it:\n"
+    "each file gets NEW with OLD's value (replacing a value of NEW it had)\n"
+    "and loses OLD, in one transaction per file. Reports on standard error\n"
+    "how many files were renamed. Exit status 4 when no file carries OLD.\n"
+    "OLD and NEW must differ by more than letter case.\n"
+    "\n"
+    "  --strip-backslashes  rename also values that hold a backslash, which\n"
+    "                       the tag database strips (refused otherwise)\n";
+
+constexpr const char kExportHelp[] =
+    "Usage: tevu export [--json] [-0] [DIR]\n"
+    "\n"
+    "Prints every tag of every file on every tagged volume, or of DIR and\n"
+    "every file below it, one file per line in the form 'tevu import'\n"
+    "reads:\n"
+    "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
+    "with TAB, line feed, carriage return and backslash in any field written\n"
+    "as \\t, \\n, \\r and \\\\. 'tevu import' of the output restores the\n"
+    "tags. Reads without taking a write lock; files that vanished from the\n"
+    "disk are included.\n"
+    "\n"
+    "  --json      one JSON object per line instead:\n"
+    "              {\"path\":\"...\",\"tags\":{\"NAME\":\"VALUE\",...}}\n"
+    "  -0, --null  end each record with a NUL byte instead of a line feed\n";
 
 constexpr const char kFindHelp[] =
     "Usage: tevu find [-0] [-l] NAME [VALUE]\n"
@@ -95,20 +134,27 @@ constexpr const char kFindHelp[] =
     "  -0, --null   end each record with a NUL byte instead of a line feed\n";
 
 constexpr const char kImportHelp[] =
-    "Usage: tevu import [-0] [-q] < LINES\n"
+    "Usage: tevu import [-0] [-q] [--strip-backslashes] < LINES\n"
     "\n"
     "Sets tags read from standard input, one file per line:\n"
     "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
-    "all through one connection per volume, one transaction per file. Values\n"
-    "cannot hold a TAB or a line feed (use -0 for line feeds). Failures are\n"
-    "reported one per line and the import goes on. While standard error is a\n"
-    "terminal a progress line shows the files done, the rate and the time\n"
-    "left; at the end one line sums up:\n"
+    "all through one connection per volume, one transaction per file. In\n"
+    "every field \\t, \\n, \\r and \\\\ stand for TAB, line feed, carriage\n"
+    "return and backslash (the form 'tevu export' writes); any other\n"
+    "backslash is an error. A carriage return before the line feed is\n"
+    "dropped. A malformed line is reported with its number, path and field,\n"
+    "and sets nothing; the import goes on. While standard error is a\n"
+    "terminal a progress line shows the files done, the rate and, when\n"
+    "standard input is a file, the records done of all, the percentage and\n"
+    "the time left; at the end one line sums up:\n"
     "  tevu: import: FILES files, TAGS tags, FAILURES failures, SECONDS s\n"
-    "An interrupt (Ctrl-C) stops after the current file; what was done stays.\n"
+    "An interrupt (Ctrl-C) stops after the current file (exit status 130);\n"
+    "what was done stays.\n"
     "\n"
-    "  -0, --null   records end with a NUL byte instead of a line feed\n"
-    "  -q, --quiet  no progress line and no summary\n";
+    "  -0, --null           records end with a NUL byte instead of a line feed\n"
+    "  -q, --quiet          no progress line and no summary\n"
+    "  --strip-backslashes  store values that hold a backslash without it\n"
+    "                       (refused otherwise: the database would strip it)\n";
 
 constexpr const char kDeletedHelp[] =
     "Usage: tevu deleted PATH...\n"
@@ -122,8 +168,10 @@ constexpr const char kMovedHelp[] =
     "\n"
     "Carries the tags of SRC and of everything below it over to DST: call it\n"
     "when a script moved or renamed SRC to DST. Within one volume the tags\n"
-    "are renamed; onto another volume they are copied there; a DST outside\n"
-    "the tagged volumes drops them. Paths are taken as written.\n";
+    "are renamed; onto another volume they are moved there (the source\n"
+    "volume keeps none, and the destination's tag lists are rebuilt, so\n"
+    "lookups find the new path at once); a DST outside the tagged volumes\n"
+    "drops them. Paths are taken as written.\n";
 
 constexpr const char kCleanupHelp[] =
     "Usage: tevu cleanup [-n] [-0] DIR\n"
@@ -167,7 +215,10 @@ const std::vector<Command>& commands() {
       {"del", "remove tags from files", kDelHelp, cmd_del},
       {"find", "list the files that carry a tag or a tag value", kFindHelp,
        cmd_find},
+      {"rename", "rename a tag on every file", kRenameHelp, cmd_rename},
       {"import", "set tags read from standard input", kImportHelp, cmd_import},
+      {"export", "print the tags of every file for import", kExportHelp,
+       cmd_export},
       {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
       {"moved", "carry tags along after a move", kMovedHelp, cmd_moved},
       {"cleanup", "drop the tags of vanished files", kCleanupHelp, cmd_cleanup},

@@ -1,0 +1,181 @@
+// The commands of `tevu` that change one tag on every file of every volume:
+// del --all and rename.
+#include <errno.h>
+#include <strings.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "tevul.h"
+
+namespace tevu_cli {
+
+namespace {
+
+// A file that carries the tag in question, and its value.
+struct Carrier {
+  std::string path;
+  std::string value;
+};
+
+struct CarrierSearch {
+  const std::string* name;
+  std::vector<Carrier>* found;
+};
+
+// Collects, from every volume's database and without a write lock, the
+// files that carry tag `name` (letter case ignored, as the columns are
+// named). Reports a failure for `where` and returns its exit status, or -1
+// when the search went through.
+int find_carriers(const std::string& name, const std::vector<std::string>& where,
+                  std::vector<Carrier>* found) {
+  if (name.find('"') != std::string::npos) {
+    report(where, "tag name contains a double quote");
+    return kExitFailed;
+  }
+  CarrierSearch search{&name, found};
+  const int rc = tevu_tagged_files(
+      nullptr,
+      [](void* user, const char* path, size_t count, const char* const* names,
+         const char* const* values) {
+        const CarrierSearch* s = static_cast<const CarrierSearch*>(user);
+        for (size_t i = 0; i < count; ++i) {
+          if (strcasecmp(names[i], s->name->c_str()) == 0) {
+            s->found->push_back({path, values[i]});
+          }
+        }
+        return 0;
+      },
+      &search);
+  if (rc == 0) return -1;
+  if (!tag_fs_mounted()) return report_not_mounted();
+  report(where, "tag database could not be read: " + errno_reason(rc));
+  return kExitFailed;
+}
+
+// Applies `change` to the file of every carrier through one bulk context,
+// each file in a transaction of its own: committed when `change` returns
+// true, rolled back otherwise (it reports why). Returns the number of
+// files changed; sets *failed when any file failed. A file that vanished
+// keeps its row: only `tevu cleanup` may drop it.
+unsigned long change_each(
+    const std::vector<Carrier>& carriers,
+    const std::function<bool(tevu_bulk_ctx*, const Carrier&)>& change,
+    bool* failed) {
+  bulk_ptr ctx = open_bulk();
+  if (!ctx) {
+    *failed = true;
+    return 0;
+  }
+  unsigned long changed = 0;
+  for (const Carrier& carrier : carriers) {
+    if (tevu_bulk_setpath(ctx.get(), carrier.path.c_str()) != 0) {
+      const std::string reason = setpath_reason(carrier.path);
+      report({carrier.path}, reason == errno_reason(ENOENT)
+                                 ? reason + " (its tags stay until 'tevu cleanup')"
+                                 : reason);
+      *failed = true;
+      continue;
+    }
+    if (!change(ctx.get(), carrier)) {
+      tevu_bulk_rollback(ctx.get());
+      *failed = true;
+      continue;
+    }
+    if (!commit_file(ctx, {carrier.path})) {
+      *failed = true;
+      if (!ctx) {
+        report_not_mounted();
+        break;
+      }
+      continue;
+    }
+    ++changed;
+  }
+  return changed;
+}
+
+std::string files_count(unsigned long n) {
+  return std::to_string(n) + (n == 1 ? " file" : " files");
+}
+
+}  // namespace
+
+int delete_everywhere(const std::vector<std::string>& names) {
+  bool failed = false;
+  for (const std::string& name : names) {
+    std::vector<Carrier> carriers;
+    const int status = find_carriers(name, {"del", name}, &carriers);
+    if (status == kExitNotMounted) return status;
+    if (status >= 0) {
+      failed = true;
+      continue;
+    }
+    const unsigned long removed = change_each(
+        carriers,
+        [&name](tevu_bulk_ctx* ctx, const Carrier& carrier) {
+          const int rc = tevu_bulk_deltag(ctx, name.c_str());
+          if (rc != 0) report({carrier.path, name}, bulk_reason(rc, name));
+          return rc == 0;
+        },
+        &failed);
+    report({"del", name}, "removed from " + files_count(removed));
+  }
+  return failed ? kExitFailed : kExitOk;
+}
+
+int cmd_rename(int argc, char** argv) {
+  bool strip = false;
+  const int status = parse_options(
+      argc, argv, "", {{kStripOptionName, no_argument, nullptr, kStripOption}},
+      [&strip](int, const char*) { return strip = true; });
+  if (status >= 0) return status;
+  if (argc - optind != 2) return usage_error(argv[0], "expected OLD NEW");
+  const std::string from = argv[optind];
+  const std::string to = argv[optind + 1];
+  if (from.empty() || to.empty()) return usage_error(argv[0], "empty tag name");
+  // Both would name one column: setting NEW and removing OLD would lose it.
+  if (strcasecmp(from.c_str(), to.c_str()) == 0) {
+    return usage_error(argv[0],
+                       "OLD and NEW differ only in letter case, which tag "
+                       "names do not tell apart");
+  }
+  const std::vector<std::string> where = {"rename", from, to};
+  if (to.find('"') != std::string::npos) {
+    report(where, "tag name contains a double quote");
+    return kExitFailed;
+  }
+  std::vector<Carrier> carriers;
+  const int found = find_carriers(from, where, &carriers);
+  if (found >= 0) return found;
+  if (carriers.empty()) {
+    report(where, "no file has this tag");
+    return kExitNotFound;
+  }
+
+  bool failed = false;
+  const unsigned long renamed = change_each(
+      carriers,
+      [&](tevu_bulk_ctx* ctx, const Carrier& carrier) {
+        const std::string refusal = backslash_refusal(carrier.value, strip);
+        if (!refusal.empty()) {
+          report({carrier.path, from}, refusal);
+          return false;
+        }
+        int rc = tevu_bulk_settag(ctx, to.c_str(), carrier.value.c_str());
+        if (rc != 0) {
+          report({carrier.path, to}, bulk_reason(rc, to));
+          return false;
+        }
+        rc = tevu_bulk_deltag(ctx, from.c_str());
+        if (rc != 0) report({carrier.path, from}, bulk_reason(rc, from));
+        return rc == 0;
+      },
+      &failed);
+  report(where, "renamed on " + files_count(renamed));
+  return failed ? kExitFailed : kExitOk;
+}
+
+}  // namespace tevu_cli
