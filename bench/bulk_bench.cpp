@@ -7,6 +7,13 @@
 // resident memory (ru_maxrss) is its own.
 //
 //   bulk_bench [--tmpfs] [--disk DIR] [--one-cpu] [--repeat R] [--tsv FILE] N...
+//   bulk_bench --queries [--tmpfs] [--disk DIR] N...
+//
+// --queries measures only the read-only queries, at every N, on a database
+// the library fills first: a search by value against the meta directory
+// read it includes, a listing of every file that carries a tag (time per
+// row and peak memory), and the tags of one file against a hand-written
+// read of the same row.
 //
 // Runs in the library's real setting (see tests/support/sandbox.h): the
 // volume /mnt is a tmpfs (--tmpfs, the default without --disk); with --disk,
@@ -254,6 +261,141 @@ double run_gettags(const std::string& volume, long n, int count) {
   return total / count;
 }
 
+// Mean seconds of one read of the meta directory, as every query's volume
+// walk does it, over `count` reads.
+double run_meta_reads(const std::string& volume, int count) {
+  const std::string meta = std::string(Sandbox::kMount) + "/meta";
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    if (!scan_meta(meta, volume)) return -1;
+  }
+  return seconds_since(start) / count;
+}
+
+// Mean seconds of one search by value that finds one file, over `count`
+// random files.
+double run_find_value(long n, int count) {
+  std::mt19937 random(3);
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    const std::string id = tag_value(static_cast<long>(random() % n), 0);
+    long found = 0;
+    if (tevu_find_files("id", id.c_str(),
+                        [](void* user, const char*) { return ++*static_cast<long*>(user), 0; },
+                        &found) != 0 ||
+        found != 1) {
+      return -1;
+    }
+  }
+  return seconds_since(start) / count;
+}
+
+// Seconds of one listing of every file that carries tag "kind" (all n).
+double run_find_all(long n) {
+  long found = 0;
+  const auto start = std::chrono::steady_clock::now();
+  if (tevu_find_files("kind", nullptr,
+                      [](void* user, const char*) { return ++*static_cast<long*>(user), 0; },
+                      &found) != 0 ||
+      found != n) {
+    return -1;
+  }
+  return seconds_since(start);
+}
+
+// Mean seconds of tevu_file_tags() over `count` random files.
+double run_file_tags(const std::string& volume, long n, int count) {
+  std::mt19937 random(4);
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    int tags = 0;
+    const std::string path = file_path(volume, static_cast<long>(random() % n));
+    if (tevu_file_tags(path.c_str(),
+                       [](void* user, const char*, const char*) {
+                         return ++*static_cast<int*>(user), 0;
+                       },
+                       &tags) != 0 ||
+        tags != kTags) {
+      return -1;
+    }
+  }
+  return seconds_since(start) / count;
+}
+
+// The same work written by hand, as an application that knows only the
+// tag file system must do it: the path made canonical, the volume link
+// found in the meta directory and the database's link read, the database
+// opened read-only, the row read and its tag columns copied, the database
+// closed.
+double run_hand_read(const std::string& volume, long n, int count) {
+  std::mt19937 random(4);
+  const std::string meta = std::string(Sandbox::kMount) + "/meta";
+  const std::string prefix_dir = "/" + volume + "/";
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    const std::string path = file_path(volume, static_cast<long>(random() % n));
+    char canonical[4096];
+    if (realpath(path.c_str(), canonical) == nullptr || !scan_meta(meta, volume)) return -1;
+    char db_file[4096];
+    const ssize_t len = readlink((meta + "/" + volume + "@@db").c_str(), db_file,
+                                 sizeof db_file - 1);
+    if (len <= 0) return -1;
+    db_file[len] = '\0';
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(db_file, &db,
+                        SQLITE_OPEN_READONLY | SQLITE_OPEN_PRIVATECACHE, nullptr) != SQLITE_OK) {
+      return -1;
+    }
+    std::vector<std::pair<std::string, std::string>> tags;
+    {
+      Stmt row(db, "SELECT * FROM Meta WHERE Path=?");
+      const std::string rel = std::string(canonical).substr(prefix_dir.size());
+      sqlite3_bind_text(row.s, 1, rel.c_str(), -1, SQLITE_STATIC);
+      if (sqlite3_step(row.s) == SQLITE_ROW) {
+        for (int c = 0; c < sqlite3_column_count(row.s); ++c) {
+          const char* name = sqlite3_column_name(row.s, c);
+          if (name[0] == '.' && sqlite3_column_type(row.s, c) == SQLITE_TEXT) {
+            tags.emplace_back(name + 1, reinterpret_cast<const char*>(
+                                            sqlite3_column_text(row.s, c)));
+          }
+        }
+      }
+    }
+    sqlite3_close(db);
+    if (tags.size() != kTags) return -1;
+  }
+  return seconds_since(start) / count;
+}
+
+// The query rows of the table, at N = n, on the database the last library
+// run filled.
+bool print_queries(const char* medium, const std::string& volume, long n) {
+  const Measure meta = in_child([&] { return run_meta_reads(volume, 200); });
+  const Measure by_value = in_child([&] { return run_find_value(n, 200); });
+  const Measure all = in_child([&] { return run_find_all(n); });
+  const Measure tags = in_child([&] { return run_file_tags(volume, n, 2000); });
+  const Measure hand = in_child([&] { return run_hand_read(volume, n, 2000); });
+  for (const Measure* m : {&meta, &by_value, &all, &tags, &hand}) {
+    if (m->seconds < 0) return false;
+  }
+  std::printf("| %s | meta directory read (mean of 200) | %ld | %.6f | | | %.1f | |\n",
+              medium, n, meta.seconds, meta.peak_kb / 1024.0);
+  std::printf("| %s | find by value, one file (mean of 200) | %ld | %.6f | | | %.1f | "
+              "%.3f ms beyond the meta read |\n",
+              medium, n, by_value.seconds, by_value.peak_kb / 1024.0,
+              (by_value.seconds - meta.seconds) * 1000);
+  std::printf("| %s | find every file with a tag | %ld | %.3f | %.0f | %.5f | %.1f | "
+              "%.2f us per row |\n",
+              medium, n, all.seconds, n / all.seconds, all.seconds * 1000 / n,
+              all.peak_kb / 1024.0, all.seconds * 1e6 / n);
+  std::printf("| %s | file tags (mean of 2000) | %ld | %.6f | | | %.1f | %.2f x hand-written |\n",
+              medium, n, tags.seconds, tags.peak_kb / 1024.0, tags.seconds / hand.seconds);
+  std::printf("| %s | hand-written row read (mean of 2000) | %ld | %.6f | | | %.1f | |\n",
+              medium, n, hand.seconds, hand.peak_kb / 1024.0);
+  std::fflush(stdout);
+  return true;
+}
+
 long g_rows_seen = 0;
 int every_tenth_gone(const char*, int) { return ++g_rows_seen % 10 == 0; }
 
@@ -313,6 +455,7 @@ int main(int argc, char** argv) {
   std::string tsv_file;
   bool tmpfs = false;
   bool one_cpu = false;
+  bool queries = false;
   int repeat = 1;
   std::vector<long> sizes;
   for (int i = 1; i < argc; ++i) {
@@ -322,6 +465,8 @@ int main(int argc, char** argv) {
       tmpfs = true;
     } else if (std::strcmp(argv[i], "--tsv") == 0 && i + 1 < argc) {
       tsv_file = argv[++i];
+    } else if (std::strcmp(argv[i], "--queries") == 0) {
+      queries = true;
     } else if (std::strcmp(argv[i], "--one-cpu") == 0) {
       one_cpu = true;
     } else if (std::strcmp(argv[i], "--repeat") == 0 && i + 1 < argc) {
@@ -334,7 +479,8 @@ int main(int argc, char** argv) {
       std::any_of(sizes.begin(), sizes.end(), [](long n) { return n < 1; })) {
     std::fprintf(stderr,
                  "usage: bulk_bench [--tmpfs] [--disk DIR] [--one-cpu] [--repeat R] "
-                 "[--tsv FILE] N...\n");
+                 "[--tsv FILE] N...\n"
+                 "       bulk_bench --queries [--tmpfs] [--disk DIR] N...\n");
     return 2;
   }
   // Before the sandbox starts, so that the FUSE daemon inherits it: every
@@ -386,6 +532,17 @@ int main(int argc, char** argv) {
       return 1;
     }
     for (long n : sizes) {
+      if (queries) {
+        fresh_database(medium.volume);
+        if (in_child([&] { return run_library(medium.volume, n); }).seconds < 0 ||
+            !print_queries(medium.name, medium.volume, n)) {
+          std::fprintf(stderr, "bulk_bench: a query run on %s failed at N = %ld\n",
+                       medium.name, n);
+          return 1;
+        }
+        sandbox.drain_fifo();
+        continue;
+      }
       // The three runs alternate, so that a slow spell of the machine
       // falls on all of them.
       std::vector<Measure> floors, scans, libs;

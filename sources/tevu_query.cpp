@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 #include <new>
@@ -43,6 +44,19 @@ metadb_db_ptr open_read_only(const char* file, int* error) {
   }
   sqlite3_busy_handler(raw, metadb_busy_handler, nullptr);
   return db;
+}
+
+// The database behind the volume link `link` (<meta>/<name>@@db), opened
+// for reading only. The link is read once and its absolute target opened,
+// so that neither the check nor SQLite's open resolves the link through
+// the tag file system again (each step there is a round trip to the
+// daemon); a relative or unreadable link is opened as it is.
+metadb_db_ptr open_volume_db(const char* link, int* error) {
+  char target[tevu_path_size];
+  const ssize_t len = readlink(link, target, sizeof target - 1);
+  if (len <= 0 || target[0] != '/') return open_read_only(link, error);
+  target[len] = '\0';
+  return open_read_only(target, error);
 }
 
 // Copies the tags of row `path` of `db`: column names without their ".",
@@ -153,7 +167,7 @@ struct file_search {
 int search_volume(void* user, const char* volume, const char* db_file) {
   file_search* s = static_cast<file_search*>(user);
   int error = 0;
-  const metadb_db_ptr db = open_read_only(db_file, &error);
+  const metadb_db_ptr db = open_volume_db(db_file, &error);
   if (!db) return 0;  // a volume without a usable database has no files
   const std::string root = std::string("/") + volume;
   s->result = find_in(db.get(), root.c_str(), s->name, s->value, s->cb, s->user);
@@ -270,7 +284,7 @@ struct row_walk {
 int walk_volume(void* user, const char* volume, const char* db_file) {
   row_walk* w = static_cast<row_walk*>(user);
   int error = 0;
-  const metadb_db_ptr db = open_read_only(db_file, &error);
+  const metadb_db_ptr db = open_volume_db(db_file, &error);
   if (!db) return 0;  // a volume without a usable database has no files
   const std::string prefix = std::string("/") + volume + "/";
   w->result = rows_in(db.get(), prefix, nullptr, w->cb, w->user);

@@ -53,6 +53,19 @@ class Query : public tevul_test::SandboxTest {
         },
         out);
   }
+  // Every file of a walk as "path name=value ...".
+  static int tagged(const char* dir, Files* out) {
+    return tevu_tagged_files(
+        dir,
+        [](void* user, const char* path, size_t count, const char* const* names,
+           const char* const* values) {
+          std::string line = path;
+          for (size_t i = 0; i < count; ++i) line += std::string(" ") + names[i] + "=" + values[i];
+          static_cast<Files*>(user)->push_back(line);
+          return 0;
+        },
+        out);
+  }
   static int find(const char* name, const char* value, Files* out) {
     return tevu_find_files(
         name, value,
@@ -114,6 +127,41 @@ TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
   EXPECT_EQ(calls, 2);
 }
 
+TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
+  ASSERT_TRUE(tevul_test::make_dirs("/mnt/[d]"));
+  ASSERT_TRUE(tevul_test::make_dirs("/mnt/d"));
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  tag(bulk, "/mnt/[d]/in", {{"k", "1"}});
+  tag(bulk, "/mnt/d/out", {{"k", "2"}});
+  tag(bulk, "/mnt/[d]x", {{"k", "3"}});
+  ASSERT_EQ(tevu_bulk_setpath(bulk, "/mnt/c.txt"), 0);
+  ASSERT_EQ(tevu_bulk_deltag(bulk, "kind"), 0);  // a row without tags
+  tevu_bulk_fini(bulk);
+  ASSERT_EQ(unlink("/mnt/[d]/in"), 0);  // vanished files are still listed
+
+  Files files;
+  EXPECT_EQ(tagged("/mnt/[d]", &files), 0);
+  EXPECT_EQ(files, (Files{"/mnt/[d]/in k=1"})) << "literal, no sibling";
+  files.clear();
+  EXPECT_EQ(tagged(nullptr, &files), 0);
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (Files{"/mnt/[d]/in k=1", "/mnt/[d]x k=3", "/mnt/a.jpg kind=photo odd=x|y/z\nw",
+                          "/mnt/b.jpg kind=PHOTO", "/mnt/d/out k=2", "/srv/d.jpg kind=photo"}));
+  files.clear();
+  EXPECT_EQ(tagged("/mnt/b.jpg", &files), 0);
+  EXPECT_EQ(files, (Files{"/mnt/b.jpg kind=PHOTO"}));
+
+  EXPECT_EQ(tagged("/mnt/missing", &files), ENOENT);
+  EXPECT_EQ(tagged("/tmp", &files), ENOENT);
+  EXPECT_EQ(tagged("", &files), ENOENT);
+  EXPECT_EQ(tevu_tagged_files(nullptr, nullptr, nullptr), ENOENT);
+  EXPECT_EQ(tevu_tagged_files("/mnt",
+                              [](void*, const char*, size_t, const char* const*,
+                                 const char* const*) { return -3; },
+                              nullptr),
+            -3);
+}
+
 // More rows than one batch, while another connection holds the write lock:
 // every file is found, nothing is written, the daemon is not woken.
 TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
@@ -132,6 +180,9 @@ TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
   EXPECT_EQ(find("batch", "YES", &files), 0);
   EXPECT_EQ(files.size(), static_cast<std::size_t>(n));
   EXPECT_EQ(files.back(), "/srv/many" + std::to_string(n - 1));
+  files.clear();
+  EXPECT_EQ(tagged("/srv", &files), 0);
+  EXPECT_EQ(files.size(), static_cast<std::size_t>(n + 1));
   writer.exec("COMMIT");
   EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("srv")), before);
   EXPECT_EQ(sandbox_.drain_fifo(), 0);
