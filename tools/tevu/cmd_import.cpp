@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <string>
@@ -66,8 +67,9 @@ unsigned long count_records(int delimiter) {
 
 // The progress line on standard error: files done, rate, and, when the
 // number of records is known (standard input is a file), done/total, the
-// percentage and the time left. The time left assumes that the records
-// still to come take as long each as those done so far.
+// percentage and the time left. The time left is the records still to come
+// at the rate of the last few seconds: each file costs a little more as
+// the database grows, so the rate since the start would promise too much.
 class Progress {
  public:
   Progress(bool enabled, unsigned long total)
@@ -82,26 +84,27 @@ class Progress {
     const double now = now_seconds();
     if (now - last_draw_ < 0.25) return;
     last_draw_ = now;
+    samples_.push_back({now, records});
+    while (samples_.size() > 2 && now - samples_[1].at >= kWindow) {
+      samples_.pop_front();
+    }
     const double seconds = now - start_;
-    const double rate = seconds > 0 ? files / seconds : 0;
     std::string line = "\rtevu: import: " + counted(files, "file", "files");
+    char numbers[128];
     if (total_ > 0) {
       const unsigned long done = std::min(records, total_);
-      const double left =
-          done > 0 ? seconds / done * static_cast<double>(total_ - done) : 0;
-      char numbers[96];
-      std::snprintf(numbers, sizeof numbers, " (%lu/%lu records, %lu%%)",
-                    done, total_, done * 100 / total_);
-      line += numbers;
-      std::snprintf(numbers, sizeof numbers, ", %.0f files/s, %.0f s left",
-                    rate, left);
-      line += numbers;
+      // Until a second sample exists, the rate since the start.
+      const Sample& from = samples_.size() > 1 ? samples_.front() : Sample{start_, 0};
+      const double rate = (done - std::min(done, from.records)) / (now - from.at);
+      const double left = rate > 0 ? (total_ - done) / rate : 0;
+      std::snprintf(numbers, sizeof numbers,
+                    " (%lu/%lu records, %lu%%), %.0f files/s, %.*f s left", done,
+                    total_, done * 100 / total_, files / seconds,
+                    left < 10 ? 1 : 0, left);
     } else {
-      char numbers[48];
-      std::snprintf(numbers, sizeof numbers, ", %.0f files/s", rate);
-      line += numbers;
+      std::snprintf(numbers, sizeof numbers, ", %.0f files/s", files / seconds);
     }
-    std::fputs((line + "\033[K").c_str(), stderr);
+    std::fputs((line + numbers + "\033[K").c_str(), stderr);
     drawn_ = true;
   }
 
@@ -112,10 +115,17 @@ class Progress {
   }
 
  private:
+  // How far back the rate of the time left looks, in seconds.
+  static constexpr double kWindow = 5;
+  struct Sample {
+    double at;
+    unsigned long records;
+  };
   bool enabled_;
   unsigned long total_;
   double start_;
   double last_draw_ = 0;
+  std::deque<Sample> samples_;
   bool drawn_ = false;
 };
 
