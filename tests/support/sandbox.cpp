@@ -41,6 +41,21 @@ bool find_program(const char* name) {
   return false;
 }
 
+// The checkout and the build tree (TEVUL_KEPT_TREES, colon-separated, set
+// by the build), which must stay reachable inside the sandbox.
+std::vector<std::string> kept_trees() {
+  std::vector<std::string> trees;
+  const std::string all = TEVUL_KEPT_TREES;
+  std::size_t start = 0;
+  while (start < all.size()) {
+    std::size_t end = all.find(':', start);
+    if (end == std::string::npos) end = all.size();
+    if (end > start) trees.push_back(all.substr(start, end - start));
+    start = end + 1;
+  }
+  return trees;
+}
+
 bool is_mounted(const std::string& mount_point) {
   std::ifstream mounts("/proc/self/mounts");
   for (std::string line; std::getline(mounts, line);) {
@@ -113,6 +128,21 @@ std::string Sandbox::start(const std::vector<std::string>& volumes,
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return errno_text("making / private");
   }
+  // The directories the sandbox covers with fresh tmpfs mounts would hide
+  // a checkout or build tree that lies below them (the tool, the shared
+  // library, a sysroot): such trees are held open now and mounted back in
+  // place once the tmpfs mounts stand.
+  std::vector<std::string> covered = {"/tmp"};
+  for (const auto& v : volumes) covered.push_back(volume_root(v));
+  std::vector<std::pair<std::string, int>> kept;
+  for (const std::string& tree : kept_trees()) {
+    for (const std::string& dir : covered) {
+      if (tree.compare(0, dir.size() + 1, dir + "/") != 0) continue;
+      const int fd = open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+      if (fd < 0) return errno_text("holding " + tree);
+      kept.emplace_back(tree, fd);
+    }
+  }
   if (mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
     return errno_text("mounting tmpfs on /tmp");
   }
@@ -132,6 +162,14 @@ std::string Sandbox::start(const std::vector<std::string>& volumes,
     if (mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=755") != 0) {
       return errno_text("mounting tmpfs on " + root);
     }
+  }
+
+  for (const auto& [tree, fd] : kept) {
+    const std::string held = "/proc/self/fd/" + std::to_string(fd);
+    const bool back = make_dirs(tree) &&
+                      mount(held.c_str(), tree.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+    close(fd);
+    if (!back) return errno_text("mounting " + tree + " back");
   }
 
   const std::string backing = kBacking;

@@ -5,7 +5,9 @@
 // directories "/<name>". A Sandbox gives the calling process a private mount
 // namespace in which:
 //   - /tmp and each volume directory (/mnt, /srv, ...) are fresh tmpfs
-//     mounts, so nothing of the host is touched;
+//     mounts, so nothing of the host is touched; the checkout and the build
+//     tree stay reachable where they are, also when they lie below one of
+//     these directories;
 //   - the tag file system is a real FUSE mount (mergerfs over a backing
 //     directory) at kMount, listed in /etc/mtab with source "tevu" and type
 //     "fuse.mergerfs";
