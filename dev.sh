@@ -1,44 +1,68 @@
 #!/usr/bin/env bash
 # Developer entry point. On a fresh Debian 12 machine, as root:
-#   bash dev.sh run    install what is missing, build, run the main job
-#   bash dev.sh test   install what is missing, build, run the whole test
+#   bash dev.sh run    install what the main job needs, build, run it
+#   bash dev.sh test   install what the tests need, build, run the whole test
 #                      suite, again under AddressSanitizer and
 #                      UndefinedBehaviorSanitizer, and again cross-built for
-#                      32-bit little-endian MIPS under qemu-mipsel; then
-#                      compile every library source for big-endian MIPS;
-#                      then run each fuzz target for FUZZ_SECONDS (20)
+#                      32-bit MIPS, little-endian under qemu-mipsel and
+#                      big-endian under qemu-mips; then run each fuzz target
+#                      for FUZZ_SECONDS (20)
 #   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
 #                      about fifteen minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
-#   bash dev.sh size   the stripped size and the needed libraries of the
-#                      mipsel libtevul.so, and the size of the tevu tool
+#   bash dev.sh size   the stripped sizes and needed libraries of libtevul.so
+#                      and the tevu tool for both MIPS byte orders (-Os)
+# Each command installs only the Debian packages it needs, says which and
+# why, and leaves the machine's package configuration as it found it. Its
+# build trees are build-<name>/, apart from the README's build/.
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(g++ cmake make pkg-config libsqlite3-dev libgtest-dev googletest mergerfs fuse3
-          g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static clang libclang-rt-14-dev)
-# The target's SQLite and GoogleTest, unpacked into a sysroot: installing
-# them through multiarch fails on Debian 12 (versions skew between the
-# architectures), so the packages are only downloaded.
-MIPSEL_DEBS=(libsqlite3-0 libsqlite3-dev libgtest-dev)
-MIPSEL_SYSROOT=$PWD/build-mipsel-sysroot
+RUN_PACKAGES=(g++ cmake make libsqlite3-dev mergerfs fuse3)
+TEST_PACKAGES=(pkg-config libgtest-dev googletest)
+CROSS_PACKAGES=(g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static)
+FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
-install_missing() {
+# The little-endian target's SQLite and GoogleTest, unpacked from Debian's
+# mipsel packages (installing them through multiarch fails on Debian 12:
+# the architectures' versions skew). They are fetched with package lists of
+# their own, so that mipsel is never added to the machine's architectures.
+MIPSEL_DEBS=(libsqlite3-0 libsqlite3-dev libgtest-dev)
+MIPSEL_SYSROOT=$PWD/build-mipsel-sysroot
+# The big-endian target has no Debian SQLite: it is built from the SQLite
+# amalgamation (sqlite3.c) that this npm package ships, pinned by version
+# and checksum: SQLite 3.40.1, the version of Debian 12's libsqlite3.
+SQLITE_NPM_NAME=better-sqlite3
+SQLITE_NPM_VERSION=8.1.0
+SQLITE_NPM_SHA256=9006504eac0c86e8d5f42d6b7a8282866bf041bc856ff4438fec83cb98e4c05f
+# The two facilities the library needs, and the options of OpenWrt's SQLite
+# package that change how the database behaves.
+SQLITE_TARGET_FLAGS=(-DSQLITE_ENABLE_UNLOCK_NOTIFY -DSQLITE_ENABLE_COLUMN_METADATA
+                     -DSQLITE_SECURE_DELETE -DSQLITE_THREADSAFE=1 -DHAVE_USLEEP=1
+                     -DHAVE_ISNAN=1 -DHAVE_MALLOC_USABLE_SIZE=1)
+MIPS_SYSROOT=$PWD/build-mips-sysroot
+
+# need WHY PACKAGE...: installs the packages that are missing, saying why.
+need() {
+  local why=$1; shift
   local missing=()
-  for p in "${PACKAGES[@]}"; do
+  for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
   done
-  if ((${#missing[@]})); then
-    echo "== installing: ${missing[*]}"
-    if [ "$(id -u)" -ne 0 ]; then
-      echo "dev.sh: missing packages (${missing[*]}) need root to install" >&2
-      exit 1
-    fi
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+  ((${#missing[@]})) || return 0
+  echo "== installing for $why: ${missing[*]}"
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "dev.sh: missing packages (${missing[*]}) need root to install" >&2
+    exit 1
   fi
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+need_npm() {
+  command -v npm >/dev/null || need "the big-endian target's SQLite source (npm)" npm
 }
 
 # build DIR [cmake options...]
@@ -48,44 +72,58 @@ build() {
   cmake --build "$dir" -j "$JOBS"
 }
 
+# apt-get for mipsel packages, with lists and a cache of its own.
+apt_mipsel() {
+  local state=$MIPSEL_SYSROOT/apt
+  mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
+  apt-get -qq -o APT::Architectures=mipsel -o APT::Sandbox::User=root \
+    -o Dir::State::Lists="$state/lists" -o Dir::Cache="$state/cache" "$@"
+}
+
 mipsel_sysroot() {
   [ -f "$MIPSEL_SYSROOT/.complete" ] && return
-  if ! dpkg --print-foreign-architectures | grep -qx mipsel; then
-    dpkg --add-architecture mipsel
-    apt-get update -qq
-  fi
+  echo "== the mipsel sysroot: Debian's mipsel ${MIPSEL_DEBS[*]}, unpacked"
   rm -rf "$MIPSEL_SYSROOT"
   mkdir -p "$MIPSEL_SYSROOT/debs"
-  local names=("${MIPSEL_DEBS[@]/%/:mipsel}")
-  (cd "$MIPSEL_SYSROOT/debs" && { apt-get download -qq "${names[@]}" 2>/dev/null ||
-     { apt-get update -qq && apt-get download -qq "${names[@]}"; }; })
+  apt_mipsel update
+  (cd "$MIPSEL_SYSROOT/debs" && apt_mipsel download "${MIPSEL_DEBS[@]/%/:mipsel}")
   for deb in "$MIPSEL_SYSROOT"/debs/*.deb; do
     dpkg-deb -x "$deb" "$MIPSEL_SYSROOT"
   done
+  rm -rf "$MIPSEL_SYSROOT/apt"
   touch "$MIPSEL_SYSROOT/.complete"
 }
 
-# cross_build DIR TRIPLE [cmake options...]
-cross_build() {
-  local dir=$1 triple=$2; shift 2
-  build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/linux-cross.cmake \
-    -DTEVUL_TARGET_TRIPLE="$triple" -DTEVUL_SYSROOT="$MIPSEL_SYSROOT" "$@"
+mips_sysroot() {
+  [ -f "$MIPS_SYSROOT/.complete" ] && return
+  echo "== the mips (big-endian) sysroot: SQLite from $SQLITE_NPM_NAME@$SQLITE_NPM_VERSION," \
+       "GoogleTest from /usr/src/googletest"
+  rm -rf "$MIPS_SYSROOT"
+  local src=$MIPS_SYSROOT/src lib=$MIPS_SYSROOT/usr/lib/mips-linux-gnu
+  mkdir -p "$src" "$lib" "$MIPS_SYSROOT/usr/include"
+  local tarball=$SQLITE_NPM_NAME-$SQLITE_NPM_VERSION.tgz
+  (cd "$src" && npm pack --silent "$SQLITE_NPM_NAME@$SQLITE_NPM_VERSION" >/dev/null)
+  echo "$SQLITE_NPM_SHA256  $src/$tarball" | sha256sum -c --quiet
+  tar -xzf "$src/$tarball" -C "$src" --strip-components=3 \
+    package/deps/sqlite3/sqlite3.c package/deps/sqlite3/sqlite3.h
+  mips-linux-gnu-gcc -O2 -fPIC -shared "${SQLITE_TARGET_FLAGS[@]}" \
+    -Wl,-soname,libsqlite3.so.0 -o "$lib/libsqlite3.so.0" "$src/sqlite3.c" -lpthread -ldl -lm
+  ln -sf libsqlite3.so.0 "$lib/libsqlite3.so"
+  cp "$src/sqlite3.h" "$MIPS_SYSROOT/usr/include/"
+  cmake -S /usr/src/googletest -B "$src/googletest" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/linux-cross.cmake" -DTEVUL_TARGET_TRIPLE=mips-linux-gnu \
+    -DTEVUL_SYSROOT="$MIPS_SYSROOT" -DCMAKE_INSTALL_PREFIX="$MIPS_SYSROOT/usr" \
+    -DCMAKE_INSTALL_LIBDIR=lib/mips-linux-gnu -DBUILD_GMOCK=OFF >/dev/null
+  cmake --build "$src/googletest" -j "$JOBS" >/dev/null
+  cmake --install "$src/googletest" >/dev/null
+  touch "$MIPS_SYSROOT/.complete"
 }
 
-# Every source of the library and the tool must compile for big-endian MIPS
-# too; Debian has no big-endian SQLite to link against, so this stops at
-# object files.
-mips_big_endian_check() {
-  local out=build-mips-be
-  mkdir -p "$out"
-  for src in sources/*.cpp tools/tevu/*.cpp; do
-    mips-linux-gnu-g++ -std=c++14 -O2 -Wall -Wextra -Werror -fPIC \
-      -fvisibility=hidden -fvisibility-inlines-hidden \
-      -D_FILE_OFFSET_BITS=64 -D_GNU_SOURCE -Iinclude -Isources -Itools/tevu \
-      -isystem "$MIPSEL_SYSROOT/usr/include" \
-      -c "$src" -o "$out/$(basename "$src" .cpp).o"
-  done
-  echo "big-endian MIPS: $(ls "$out"/*.o | wc -l) objects compiled"
+# cross_build DIR TRIPLE SYSROOT [cmake options...]
+cross_build() {
+  local dir=$1 triple=$2 sysroot=$3; shift 3
+  build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/linux-cross.cmake \
+    -DTEVUL_TARGET_TRIPLE="$triple" -DTEVUL_SYSROOT="$sysroot" "$@"
 }
 
 # The libFuzzer targets, each for FUZZ_SECONDS (default 20) on its seed
@@ -116,35 +154,53 @@ run_suite() {
   (cd "$dir" && ctest --output-on-failure -j "$JOBS")
 }
 
+# size DIR TRIPLE SYSROOT: the stripped -Os library and tool of one target.
+size() {
+  local dir=$1 triple=$2 sysroot=$3
+  cross_build "$dir" "$triple" "$sysroot" -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
+  "$triple-strip" -o "$dir/libtevul.stripped.so" "$dir/libtevul.so"
+  "$triple-strip" -o "$dir/tevu.stripped" "$dir/tools/tevu"
+  echo "$triple: libtevul.so stripped: $(stat -c %s "$dir/libtevul.stripped.so") bytes;" \
+       "tevu stripped: $(stat -c %s "$dir/tevu.stripped") bytes"
+  "$triple-readelf" -d "$dir/libtevul.stripped.so" | grep NEEDED
+}
+
 case "${1:-}" in
   run)
-    install_missing
-    build build
-    ./build/examples/bulk_tagging
+    need "the main job (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
+    build build-run -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_TOOLS=OFF
+    ./build-run/examples/bulk_tagging
     ;;
   test)
-    install_missing
+    need "the host build (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
+    need "the tests (GoogleTest, pkg-config)" "${TEST_PACKAGES[@]}"
+    need "the MIPS builds (cross compilers, qemu user-mode emulation)" "${CROSS_PACKAGES[@]}"
+    need "the fuzz targets (clang, libFuzzer)" "${FUZZ_PACKAGES[@]}"
+    need_npm
     echo "== build and test"
-    build build
-    run_suite build
+    build build-dev
+    run_suite build-dev
     echo "== build and test with AddressSanitizer and UndefinedBehaviorSanitizer"
     build build-sanitize -DTEVUL_SANITIZE=ON -DTEVUL_BUILD_EXAMPLES=OFF
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
       run_suite build-sanitize
-    echo "== cross-build for mipsel and test under qemu-mipsel"
+    echo "== cross-build for mipsel (little-endian) and test under qemu-mipsel"
     mipsel_sysroot
-    cross_build build-mipsel mipsel-linux-gnu
+    cross_build build-mipsel mipsel-linux-gnu "$MIPSEL_SYSROOT"
     run_suite build-mipsel
-    echo "== compile check for big-endian MIPS"
-    mips_big_endian_check
+    echo "== cross-build for mips (big-endian) and test under qemu-mips"
+    mips_sysroot
+    cross_build build-mips mips-linux-gnu "$MIPS_SYSROOT"
+    run_suite build-mips
     echo "== fuzzing (clang, libFuzzer)"
     fuzz
     ;;
   bench)
-    install_missing
-    command -v gnuplot >/dev/null || { apt-get install -y -qq --no-install-recommends gnuplot-nox >/dev/null; }
-    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON
+    need "the benchmark (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
+    command -v gnuplot >/dev/null || need "the benchmark's plot" gnuplot-nox
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON -DTEVUL_BUILD_TESTS=OFF
     rm -rf /var/tmp/tevul-bench bench/results.tsv
     # tmpfs: median of three runs (their times vary by a tenth or more on a
     # VM), once on all CPUs and once with the FUSE daemon on the same CPU;
@@ -159,19 +215,19 @@ case "${1:-}" in
     echo "table: build-bench/results.md, plot: bench/bulk_rate.png"
     ;;
   fuzz)
-    install_missing
+    need "the library build (compiler, CMake, SQLite)" "${RUN_PACKAGES[@]}"
+    need "the fuzz targets (clang, libFuzzer)" "${FUZZ_PACKAGES[@]}"
     fuzz
     ;;
   size)
-    install_missing
+    need "the library build (compiler, CMake, SQLite)" "${RUN_PACKAGES[@]}"
+    need "the MIPS builds (cross compilers)" "${CROSS_PACKAGES[@]}"
+    need "the tests (GoogleTest, pkg-config)" "${TEST_PACKAGES[@]}"
+    need_npm
     mipsel_sysroot
-    cross_build build-mipsel-size mipsel-linux-gnu -DCMAKE_BUILD_TYPE=MinSizeRel \
-      -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
-    mipsel-linux-gnu-strip -o build-mipsel-size/libtevul.stripped.so build-mipsel-size/libtevul.so
-    echo "stripped: $(stat -c %s build-mipsel-size/libtevul.stripped.so) bytes"
-    mipsel-linux-gnu-readelf -d build-mipsel-size/libtevul.stripped.so | grep NEEDED
-    mipsel-linux-gnu-strip -o build-mipsel-size/tevu.stripped build-mipsel-size/tools/tevu
-    echo "tevu tool, stripped: $(stat -c %s build-mipsel-size/tevu.stripped) bytes"
+    mips_sysroot
+    size build-mipsel-size mipsel-linux-gnu "$MIPSEL_SYSROOT"
+    size build-mips-size mips-linux-gnu "$MIPS_SYSROOT"
     ;;
   *)
     echo "usage: bash dev.sh run|test|fuzz|bench|size" >&2
