@@ -91,6 +91,7 @@ int main() {
   }
 
   int checked = 0, mismatches = 0;
+  std::string example;  // one value read back, shown with the counts
   char value[64];
   for (std::size_t i = 0; i < files.size(); i += 50) {
     if (tevu_bulk_setpath(bulk, files[i].c_str()) != 0) continue;
@@ -100,7 +101,7 @@ int main() {
       ++mismatches;
     }
     if (i == 0 && tevu_bulk_gettag(bulk, "album", value, sizeof value) == 0) {
-      std::printf("%s: album=%s\n", files[i].c_str(), value);
+      example = files[i] + " has album=" + value;
     }
   }
   tevu_bulk_fini(bulk);
@@ -109,17 +110,26 @@ int main() {
                              .count();
   const int wakeups = sandbox.drain_fifo();
 
-  std::printf("files:          %zu on 2 volumes\n", files.size());
-  std::printf("tags set:       %d (failures: %d)\n", tags, failures);
-  std::printf("commits:        %d (files changed)\n", commits);
-  std::printf("daemon wake-ups: %d (bytes read from the FIFO)\n", wakeups);
-  std::printf("read back:      %d files, %d mismatches\n", checked, mismatches);
+  // One line per figure, the figures in one column.
+  const auto line = [](const std::string& label, const std::string& text) {
+    std::printf("%-17s%s\n", (label + ":").c_str(), text.c_str());
+  };
+  const auto number = [](long long n) { return std::to_string(n); };
+  std::printf("Bulk tagging of a sample tree in a private sandbox (two tmpfs volumes,\n"
+              "their tag databases, the tag file system as a FUSE mount, its FIFO):\n");
+  line("files", number(static_cast<long long>(files.size())) + " on 2 volumes");
+  line("tags set", number(tags) + " (failures: " + number(failures) + ")");
+  line("commits", number(commits) + " (one per file changed)");
+  line("daemon wake-ups", number(wakeups) + " (bytes read from the FIFO)");
+  line("read back", number(checked) + " files, " + number(mismatches) + " mismatches");
+  if (!example.empty()) line("for example", example);
   for (int v = 0; v < 2; ++v) {
-    std::printf("rows in %-7s %lld\n",
-                (std::string(kVolumes[v]) + ":").c_str(),
-                count_rows(Sandbox::db_path(kVolumes[v])));
+    line(std::string("rows in /") + kVolumes[v],
+         number(count_rows(Sandbox::db_path(kVolumes[v]))));
   }
-  std::printf("time:           %.3f s (%.0f files/s)\n", seconds,
-              static_cast<double>(files.size()) / seconds);
+  char timing[64];
+  std::snprintf(timing, sizeof timing, "%.3f s (%.0f files/s)", seconds,
+                static_cast<double>(files.size()) / seconds);
+  line("time", timing);
   return failures == 0 && mismatches == 0 && wakeups == commits ? 0 : 1;
 }
