@@ -12,6 +12,10 @@
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped sizes and needed libraries of libtevul.so
 #                      and the tevu tool for both MIPS byte orders (-Os)
+#   bash dev.sh mutants  the mutation run: each fault of tests/mutants.txt put
+#                      into the sources alone, rebuilt incrementally and the
+#                      host suite run; prints the survivors and the score
+#                      (not part of `test`; about half an hour)
 # Each command installs only the Debian packages it needs, says which and
 # why, and leaves the machine's package configuration as it found it. Its
 # build trees are build-<name>/, apart from the README's build/.
@@ -166,6 +170,59 @@ size() {
   "$triple-readelf" -d "$dir/libtevul.stripped.so" | grep NEEDED
 }
 
+# Puts mutant FROM -> TO into FILE (FROM must occur exactly once; <NL>
+# stands for a line feed). Returns non-zero when it does not apply.
+apply_mutant() {
+  FROM=$2 TO=$3 perl -0777 -pi -e '
+    BEGIN { ($f, $t) = map { s/<NL>/\n/gr } @ENV{qw(FROM TO)} }
+    $n = () = /\Q$f\E/g;
+    s/\Q$f\E/$t/ if $n == 1;
+    END { exit($n == 1 ? 0 : 3) }' "$1"
+}
+
+mutants() {
+  local dir=build-mutants list=tests/mutants.txt
+  build "$dir" -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
+  echo "== the suite without mutants"
+  (cd "$dir" && ctest -j "$JOBS" --timeout 120 >/dev/null) ||
+    { echo "dev.sh: the suite fails without mutants" >&2; exit 1; }
+  local total=0 killed=0 stillborn=0 survivors=() name file from to
+  local saved=$dir/mutant.saved current=""
+  # An interrupted run leaves no mutant behind.
+  trap '[ -n "$current" ] && cp "$saved" "$current"' EXIT
+  while IFS=$'\t' read -r name file from to; do
+    [[ -z $name || $name == \#* ]] && continue
+    cp "$file" "$saved"
+    current=$file
+    if ! apply_mutant "$file" "$from" "$to"; then
+      echo "dev.sh: mutant $name does not apply to $file" >&2
+      cp "$saved" "$file"
+      exit 1
+    fi
+    local verdict
+    if ! cmake --build "$dir" -j "$JOBS" >/dev/null 2>&1; then
+      verdict="does not build"
+      stillborn=$((stillborn + 1))
+    elif (cd "$dir" && ctest -j "$JOBS" --timeout 60 --stop-on-failure >/dev/null 2>&1); then
+      verdict="SURVIVED"
+      survivors+=("$name ($file)")
+      total=$((total + 1))
+    else
+      verdict="killed"
+      killed=$((killed + 1))
+      total=$((total + 1))
+    fi
+    cp "$saved" "$file"
+    current=""
+    printf '%-26s %s\n' "$name" "$verdict"
+  done <"$list"
+  cmake --build "$dir" -j "$JOBS" >/dev/null
+  echo "survivors: ${#survivors[@]}"
+  for s in "${survivors[@]}"; do echo "  $s"; done
+  echo "mutants: $killed of $total killed ($((100 * killed / (total > 0 ? total : 1)))%)," \
+       "$stillborn not built"
+}
+
 case "${1:-}" in
   run)
     need "the main job (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
@@ -229,8 +286,12 @@ case "${1:-}" in
     size build-mipsel-size mipsel-linux-gnu "$MIPSEL_SYSROOT"
     size build-mips-size mips-linux-gnu "$MIPS_SYSROOT"
     ;;
+  mutants)
+    need "the host build and its tests" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
+    mutants
+    ;;
   *)
-    echo "usage: bash dev.sh run|test|fuzz|bench|size" >&2
+    echo "usage: bash dev.sh run|test|fuzz|bench|size|mutants" >&2
     exit 2
     ;;
 esac
