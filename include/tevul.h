@@ -625,6 +625,14 @@ TEVUL_API void event_trigger_fini(int fd);
 TEVUL_API int tevu_bulk_error(const tevu_bulk_ctx *ctx);
 
 /*
+ * The mount point of the tag file system as every function of the library
+ * finds it (the first /etc/mtab entry whose type begins with "fuse" and
+ * whose source begins with "tevu", looked up once per process and kept), or
+ * NULL when none is mounted. The string belongs to the library.
+ */
+TEVUL_API const char *tevu_mount_point(void);
+
+/*
  * Read-only queries, straight from the volumes' tag databases. Each opens
  * read-only connections of its own (no shared cache, so a bulk context of
  * the caller never stands in the way), begins no transaction, writes to no

@@ -13,6 +13,15 @@
 
 namespace tevul {
 
+// The path buffers the daemon's formats fix, said once: 4096 bytes with the
+// terminator for paths of files and databases, 4097 where the daemon's own
+// buffers are one byte larger (the fsutil_ functions, the FIFO path, the
+// cleanup's absolute paths, the lookup's meta directory). A longer result
+// is cut by the formatting call, or refused where a cut would name another
+// file.
+constexpr std::size_t kPathSize = 4096;
+constexpr std::size_t kLongPathSize = 4097;
+
 // True for a NULL or empty C string.
 inline bool is_empty(const char* s) { return s == nullptr || s[0] == '\0'; }
 

@@ -9,11 +9,10 @@
 
 namespace {
 constexpr char kFifoFormat[] = "/tmp/.tevu/%s/action_trigger";
-constexpr std::size_t kFifoPathSize = 4097;
 }  // namespace
 
 extern "C" int event_trigger_init(const char* name) {
-  char path[kFifoPathSize];
+  char path[tevul::kLongPathSize];
   tevul::format_cut(path, sizeof path, kFifoFormat, name);
   // Only a FIFO is a trigger; anything else at the path (a link to a
   // database, a regular file, a device) counts as absent and is never

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::size_t kPathSize = 4097;
 
 // The default time of the stat templates; meant to be set once at start-up.
 int32_t g_default_time = 0;
@@ -24,10 +23,10 @@ bool null_path(const char* path) {
   return true;
 }
 
-// Copies `path` into `buf` of kPathSize bytes; false when it does not fit.
+// Copies `path` into `buf` of tevul::kLongPathSize bytes; false when it does not fit.
 bool copy_path(char* buf, const char* path) {
   const std::size_t len = strlen(path);
-  if (len >= kPathSize) return false;
+  if (len >= tevul::kLongPathSize) return false;
   memcpy(buf, path, len + 1);
   return true;
 }
@@ -86,7 +85,7 @@ extern "C" int fsutil_mkdir(const char* path, unsigned int mode, int recursive) 
   if (null_path(path)) return -1;
   if (!fsutil_isdir(path)) {
     if (recursive) {
-      char copy[kPathSize];
+      char copy[tevul::kLongPathSize];
       if (!copy_path(copy, path)) return ENAMETOOLONG;
       // From the second byte on, so that a leading "/" yields no empty
       // component; after each "/" the search goes on from the second byte
@@ -113,7 +112,7 @@ extern "C" int fsutil_mkdir(const char* path, unsigned int mode, int recursive) 
 extern "C" int fsutil_mkdir_forfile(const char* path, unsigned int mode,
                                     int recursive) {
   if (null_path(path)) return -1;
-  char copy[kPathSize];
+  char copy[tevul::kLongPathSize];
   if (!copy_path(copy, path)) return ENAMETOOLONG;
   char* last = strrchr(copy, '/');
   if (last == nullptr) return 1;
@@ -130,7 +129,7 @@ extern "C" int fsutil_rmdir(const char* path, int recursive) {
   while (const dirent* entry = readdir(dir.get())) {
     const char* name = entry->d_name;
     if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
-    char child[kPathSize];
+    char child[tevul::kLongPathSize];
     tevul::format_cut(child, sizeof child, "%s/%s", path, name);
     // Links are removed, not followed; an entry of unknown type is unlinked.
     const int rc = entry->d_type == DT_DIR ? fsutil_rmdir(child, 1) : unlink(child);

@@ -15,7 +15,6 @@ namespace {
 constexpr std::size_t kDeleteSqlSize = 8243;
 constexpr std::size_t kRenameSqlSize = 16468;
 constexpr std::size_t kMoveSqlSize = 16476;
-constexpr std::size_t kAbsolutePathSize = 4097;
 
 constexpr char kDeleteAllSql[] = "DELETE FROM Meta";
 constexpr char kDeleteSubtreeSql[] = "DELETE FROM Meta WHERE " METADB_SUBTREE;
@@ -139,7 +138,7 @@ extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
   if (cancel_value(cancel) != 0) return 1;
   if (db_file == nullptr || root == nullptr) return kFailed;
 
-  char absolute[kAbsolutePathSize];
+  char absolute[tevul::kLongPathSize];
   const int root_len = tevul::format_cut(absolute, sizeof absolute, "%s/", root);
   const std::size_t offset =
       root_len < 0 ? 0

@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr std::size_t kPathSize = 4097;
 constexpr std::size_t kLookupSqlSize = 306;
 // "Data>=''" leaves out rows whose Data is not encoded yet (NULL); the tag
 // column's own index serves "=?", with the column's NOCASE collation.
@@ -104,7 +103,7 @@ extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
                                                 const char* value, char* dest,
                                                 size_t size) {
   if (mount == nullptr) return ENOENT;
-  char meta[kPathSize];
+  char meta[tevul::kLongPathSize];
   tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
   search s{tag, value, dest, size, ENOENT};
   if (!tevu_each_volume(meta, search_volume, &s)) return ENOENT;

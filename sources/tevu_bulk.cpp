@@ -13,11 +13,10 @@
 
 namespace {
 
-constexpr char kRuntimeFile[] = "/tmp/.tevu/tevu.ini";
 
 // The meta directory as tevu_bulk_setpath() sees it: its own process-wide
 // cache, independent of the volume module's, filled once and never reset.
-char g_setpath_meta_dir[tevu_path_size];
+char g_setpath_meta_dir[tevul::kPathSize];
 
 // True when `len` bytes are not below `limit`, compared as unsigned numbers:
 // an unknown limit (0) refuses everything, a negative one accepts everything.
@@ -49,10 +48,8 @@ bool on_known_volume(const char* path) {
   const int found = tevu_find_volume_link(g_setpath_meta_dir, path, name);
   if (found < 0) return false;
   if (found == 1) return true;
-  struct stat st;
-  if (stat(kRuntimeFile, &st) != 0) return false;
-  char root[tevu_path_size];
-  return tevu_read_ini(root) == 1 && tevu_root_matches(root, path);
+  char root[tevul::kPathSize];
+  return tevu_runtime_root_holds(path, root);
 }
 
 // The relative path for recursive tagging: the empty string, the whole
@@ -103,7 +100,7 @@ extern "C" tevu_bulk_ctx* tevu_bulk_init(void) {
 
 extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   if (ctx == nullptr || tevul::is_empty(path)) return -1;
-  char canonical[tevu_path_size];
+  char canonical[tevul::kPathSize];
   if (realpath(path, canonical) == nullptr || canonical[0] == '\0') return -1;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return -1;

@@ -79,7 +79,7 @@ extern "C" int tevu_cleanup(const char* db_path, const char* dir, int* cancel,
 
 extern "C" int tevu_cleanup_attached(const char* path, int* cancel,
                                      metadb_cleanup_filter filter) {
-  char canonical[tevu_path_size];
+  char canonical[tevul::kPathSize];
   if (path == nullptr || realpath(path, canonical) == nullptr) return -1;
   bulk_ptr ctx(tevu_bulk_init());
   if (!ctx) return -1;

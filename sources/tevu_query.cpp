@@ -52,7 +52,7 @@ metadb_db_ptr open_read_only(const char* file, int* error) {
 // the tag file system again (each step there is a round trip to the
 // daemon); a relative or unreadable link is opened as it is.
 metadb_db_ptr open_volume_db(const char* link, int* error) {
-  char target[tevu_path_size];
+  char target[tevul::kPathSize];
   const ssize_t len = readlink(link, target, sizeof target - 1);
   if (len <= 0 || target[0] != '/') return open_read_only(link, error);
   target[len] = '\0';
@@ -88,7 +88,7 @@ int read_row(sqlite3* db, const char* path,
 int file_tags(const char* path, tevu_tag_cb cb, void* user) {
   if (tevul::is_empty(path) || cb == nullptr) return kNoMount;
   if (tevu_find_mount() == nullptr) return kNoMount;
-  char canonical[tevu_path_size];
+  char canonical[tevul::kPathSize];
   if (realpath(path, canonical) == nullptr) return errno;
   tevu_volume volume;
   if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;
@@ -180,7 +180,7 @@ int find_files(const char* name, const char* value, tevu_file_cb cb,
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return kNoMount;
   if (!metadb_tag_sql_safe(name)) return EINVAL;
-  char meta[tevu_path_size];
+  char meta[tevul::kPathSize];
   tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
   file_search s{name, value, cb, user, 0};
   if (!tevu_each_volume(meta, search_volume, &s)) return ENOENT;
@@ -296,13 +296,13 @@ int tagged_files(const char* dir, tevu_row_cb cb, void* user) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return kNoMount;
   if (dir == nullptr) {
-    char meta[tevu_path_size];
+    char meta[tevul::kPathSize];
     tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
     row_walk w{cb, user, 0};
     if (!tevu_each_volume(meta, walk_volume, &w)) return ENOENT;
     return w.result;
   }
-  char canonical[tevu_path_size];
+  char canonical[tevul::kPathSize];
   if (realpath(dir, canonical) == nullptr) return errno;
   tevu_volume volume;
   if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;

@@ -40,7 +40,7 @@ int glob_quote(char* out, std::size_t size, const char* text) {
 }
 
 // The common start of the tag-file functions: the mount, the arguments, the
-// canonical path, the tag file path in `tag_file` (tevu_path_size bytes).
+// canonical path, the tag file path in `tag_file` (tevul::kPathSize bytes).
 // With `pattern`, the file's own part of the path is quoted so that only
 // `tag` acts as a glob pattern. Returns 0, ENOENT (no mount, a missing
 // argument), EINVAL (a name that would leave the file's tag directory, or
@@ -52,19 +52,19 @@ int tag_file_path(const char* path, const char* tag, char* tag_file,
   if (mount == nullptr) return ENOENT;
   if (tevul::is_empty(path) || tevul::is_empty(tag)) return ENOENT;
   if (!stays_in_tag_dir(tag)) return EINVAL;
-  char canonical[tevu_path_size];
+  char canonical[tevul::kPathSize];
   if (realpath(path, canonical) == nullptr) return errno;
   if (std::strcmp(canonical, "/") == 0) return EINVAL;
-  char dir[tevu_path_size];
+  char dir[tevul::kPathSize];
   const int dir_len = std::snprintf(dir, sizeof dir, "%s/meta/%s/", mount,
                                     canonical + 1);
   if (dir_len < 0 || static_cast<std::size_t>(dir_len) >= sizeof dir) {
     return ENAMETOOLONG;
   }
-  const int len = pattern ? glob_quote(tag_file, tevu_path_size, dir)
-                          : std::snprintf(tag_file, tevu_path_size, "%s", dir);
+  const int len = pattern ? glob_quote(tag_file, tevul::kPathSize, dir)
+                          : std::snprintf(tag_file, tevul::kPathSize, "%s", dir);
   if (len < 0 ||
-      static_cast<std::size_t>(len) + std::strlen(tag) >= tevu_path_size) {
+      static_cast<std::size_t>(len) + std::strlen(tag) >= tevul::kPathSize) {
     return ENAMETOOLONG;
   }
   std::memcpy(tag_file + len, tag, std::strlen(tag) + 1);
@@ -86,7 +86,7 @@ bool is_dot_entry(const char* match) {
 }  // namespace
 
 extern "C" int tevu_settag(const char* path, const char* tag, const char* value) {
-  char tag_file[tevu_path_size];
+  char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   tevul::file_ptr file(std::fopen(tag_file, "w"));
   if (!file) return errno;
@@ -99,7 +99,7 @@ extern "C" int tevu_settag(const char* path, const char* tag, const char* value)
 extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
                            size_t size) {
   if (buf == nullptr) return ENOENT;
-  char tag_file[tevu_path_size];
+  char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   if (size == 0) return 0;  // room for nothing, not even the terminator
   tevul::file_ptr file(std::fopen(tag_file, "r"));
@@ -112,13 +112,13 @@ extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
 }
 
 extern "C" int tevu_deltag(const char* path, const char* tag) {
-  char tag_file[tevu_path_size];
+  char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   return unlink(tag_file) == 0 ? 0 : errno;
 }
 
 extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
-  char tag_file[tevu_path_size];
+  char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, pattern, tag_file, true)) return rc;
   glob_t matches;
   // Only the pattern matches by pattern: the file's own path was quoted.

@@ -37,7 +37,7 @@ bool valid_name(const char* name) {
 }
 
 // Formats the view's configuration directory, or the file `file` in it,
-// into `out` of tevu_path_size bytes. Returns 0, kBadArgument for a name
+// into `out` of tevul::kPathSize bytes. Returns 0, kBadArgument for a name
 // that is not valid_name(), ENOENT without a mount, or ENAMETOOLONG when the
 // path would be cut (a cut name could end in a ".." it did not have).
 int config_path(const char* name, const char* file, char* out) {
@@ -45,10 +45,10 @@ int config_path(const char* name, const char* file, char* out) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
   const int len = file != nullptr
-                      ? std::snprintf(out, tevu_path_size, kConfigFile, mount,
+                      ? std::snprintf(out, tevul::kPathSize, kConfigFile, mount,
                                       name, file)
-                      : std::snprintf(out, tevu_path_size, kConfigDir, mount, name);
-  if (len < 0 || static_cast<std::size_t>(len) >= tevu_path_size) {
+                      : std::snprintf(out, tevul::kPathSize, kConfigDir, mount, name);
+  if (len < 0 || static_cast<std::size_t>(len) >= tevul::kPathSize) {
     return ENAMETOOLONG;
   }
   return 0;
@@ -57,7 +57,7 @@ int config_path(const char* name, const char* file, char* out) {
 // Replaces `file` of the view with `text`. Returns 0 or the errno of the
 // failing open or write.
 int write_config(const char* name, const char* file, const char* text) {
-  char path[tevu_path_size];
+  char path[tevul::kPathSize];
   if (const int rc = config_path(name, file, path)) return rc;
   tevul::file_ptr out(std::fopen(path, "w"));
   if (!out) return errno;
@@ -79,7 +79,7 @@ int set_events(const char* name, const char* on_off) {
 }  // namespace
 
 extern "C" int tevu_view_create(const char* name) {
-  char path[tevu_path_size];
+  char path[tevul::kPathSize];
   if (const int rc = config_path(name, nullptr, path)) return rc;
   // Mode 0 is deliberate: it never exceeds the existing bits, so no
   // permission change follows.
@@ -88,7 +88,7 @@ extern "C" int tevu_view_create(const char* name) {
 
 extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
   if (buf == nullptr) return nullptr;
-  char config[tevu_path_size];
+  char config[tevul::kPathSize];
   if (config_path(name, nullptr, config) != 0 || !fsutil_isdir(config)) {
     return nullptr;
   }
@@ -97,7 +97,7 @@ extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
 }
 
 extern "C" int tevu_view_delete(const char* name) {
-  char path[tevu_path_size];
+  char path[tevul::kPathSize];
   if (const int rc = config_path(name, nullptr, path)) return rc;
   return fsutil_rmdir(path, 1);
 }

@@ -66,7 +66,7 @@ small_file open_small_file(const char* name) {
 
 // Process-wide caches: filled once, never reset or freed.
 char* g_mount_point = nullptr;
-char g_meta_dir[tevu_path_size];
+char g_meta_dir[tevul::kPathSize];
 
 // Reads the target of link `link` into `vol->db_path`. A target that does
 // not fit with its terminator counts as unreadable.
@@ -95,10 +95,12 @@ const char* tevu_find_mount() {
   return g_mount_point;
 }
 
+extern "C" const char* tevu_mount_point(void) { return tevu_find_mount(); }
+
 int32_t tevu_get_limit(const char* key) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return 0;
-  char file_name[tevu_path_size];
+  char file_name[tevul::kPathSize];
   tevul::format_cut(file_name, sizeof file_name, "%s/%s/%s/%s", mount, "meta",
                 ".info", "limits.txt");
   const small_file file = open_small_file(file_name);
@@ -142,7 +144,7 @@ int tevu_scan_ini(FILE* file, char* dst) {
   // Only end of input counts as "no line": a line matching just its first
   // field still counts as read, with an empty root.
   if (std::fscanf(file, kRuntimeScan, first, root, third) == EOF) return 0;
-  tevul::format_cut(dst, tevu_path_size, "%s", root);
+  tevul::format_cut(dst, tevul::kPathSize, "%s", root);
   return 1;
 }
 
@@ -170,7 +172,7 @@ bool tevu_each_volume(const char* meta_dir,
   if (!dir) return false;
   while (const dirent* entry = readdir(dir.get())) {
     if (entry->d_type != DT_LNK) continue;
-    char db_file[tevu_path_size + 1];
+    char db_file[tevul::kPathSize + 1];
     tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta_dir,
                       entry->d_name);
     if (visit(user, entry->d_name, db_file) != 0) break;
@@ -205,11 +207,17 @@ int tevu_locate_volume(tevu_volume* vol, const char* path) {
   return tevu_match_volume(vol, path);
 }
 
+bool tevu_runtime_root_holds(const char* path, char* root) {
+  struct stat st;
+  return stat(kRuntimeFile, &st) == 0 && tevu_read_ini(root) == 1 &&
+         tevu_root_matches(root, path);
+}
+
 int tevu_match_volume(tevu_volume* vol, const char* path) {
   char name[256];
   const int found = tevu_find_volume_link(g_meta_dir, path, name);
   if (found < 0) return 0;  // no meta directory: no fallback either
-  char link[tevu_path_size];
+  char link[tevul::kPathSize];
   if (found == 1) {
     vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "/%s/", name);
     tevul::format_cut(link, sizeof link, "%s/%s@@db", g_meta_dir, name);
@@ -218,11 +226,8 @@ int tevu_match_volume(tevu_volume* vol, const char* path) {
     if (read_db_link(vol, link)) return 1;
   }
 
-  struct stat st;
-  if (stat(kRuntimeFile, &st) != 0) return 0;
-  char root[tevu_path_size];
-  if (tevu_read_ini(root) == 0) return 0;
-  if (!tevu_root_matches(root, path)) return 0;
+  char root[tevul::kPathSize];
+  if (!tevu_runtime_root_holds(path, root)) return 0;
   vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "%s/", root);
   // The root begins with "/", so no slash is added after the meta directory.
   tevul::format_cut(link, sizeof link, "%s%s@@db", g_meta_dir, root);

@@ -15,17 +15,15 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "common.h"
 #include "tevul.h"
 
 // Where a volume's tag database is and which path prefix the volume has.
 struct tevu_volume {
-  char db_path[4096];  // target of the link <meta>/<name>@@db
-  char prefix[4096];   // "/<name>/" or "<root>/", always ending in "/"
+  char db_path[tevul::kPathSize];  // target of the link <meta>/<name>@@db
+  char prefix[tevul::kPathSize]; // "/<name>/" or "<root>/", always ending in "/"
   int32_t prefix_len;  // as the formatting call returned it
 };
-
-// Size of the path buffers of this module and its users.
-constexpr std::size_t tevu_path_size = 4096;
 
 // The mount point of the tag file system: the mount directory of the first
 // "/etc/mtab" entry whose type begins with "fuse" and whose source begins
@@ -43,7 +41,7 @@ int32_t tevu_get_limit(const char* key);
 int32_t tevu_scan_limit(FILE* file, const char* key);
 
 // Reads the volume root (the second ":"-separated field of the first line of
-// the runtime file) into `dst` of tevu_path_size bytes. Returns 1 when a line
+// the runtime file) into `dst` of tevul::kPathSize bytes. Returns 1 when a line
 // was read (dst may be empty when the line had only its first field), 0
 // otherwise.
 int tevu_read_ini(char* dst);
@@ -83,6 +81,12 @@ bool tevu_each_volume(const char* meta_dir,
 // "/" gives the empty string, the whole volume. Nothing past the terminator
 // of `path` is read.
 const char* tevu_volume_relative(const tevu_volume* vol, const char* path);
+
+// True when the runtime file exists, yields a root (copied into `root`,
+// tevul::kPathSize bytes) and `path` lies under it (tevu_root_matches()):
+// the fallback of both volume checks, the volume module's and the bulk
+// context's.
+bool tevu_runtime_root_holds(const char* path, char* root);
 
 // True when `path` lies under the volume root `root` of the runtime file:
 // equal after the first byte of each (the first bytes are deliberately not

@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;  // fmemopen() needs at least one byte
   FILE* file = fmemopen(const_cast<uint8_t*>(data), size, "r");
   if (file == nullptr) return 0;
-  char root[tevu_path_size];
+  char root[tevul::kPathSize];
   memset(root, 0x55, sizeof root);
   const int read = tevu_scan_ini(file, root);
   fclose(file);

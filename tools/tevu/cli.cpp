@@ -2,7 +2,6 @@
 #include "cli.h"
 
 #include <errno.h>
-#include <mntent.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -106,12 +105,7 @@ int report_not_mounted() {
   return kExitNotMounted;
 }
 
-bool tag_fs_mounted() {
-  // The library's own answer: a bulk context exists only with a mount.
-  tevu_bulk_ctx* probe = tevu_bulk_init();
-  tevu_bulk_fini(probe);
-  return probe != nullptr;
-}
+bool tag_fs_mounted() { return tevu_mount_point() != nullptr; }
 
 std::string errno_reason(int error) {
   switch (error) {
@@ -187,16 +181,8 @@ std::string setpath_reason(const std::string& path) {
 }
 
 std::string mount_point() {
-  std::unique_ptr<FILE, int (*)(FILE*)> table(setmntent("/etc/mtab", "r"),
-                                              endmntent);
-  if (!table) return "";
-  while (struct mntent* entry = getmntent(table.get())) {
-    if (std::strncmp(entry->mnt_type, "fuse", 4) == 0 &&
-        std::strncmp(entry->mnt_fsname, "tevu", 4) == 0) {
-      return entry->mnt_dir;
-    }
-  }
-  return "";
+  const char* mount = tevu_mount_point();
+  return mount != nullptr ? mount : "";
 }
 
 std::string escape_field(const std::string& text) {

@@ -143,9 +143,8 @@ std::string setpath_reason(const std::string& path);
 // The reason for a positive errno value.
 std::string errno_reason(int error);
 
-// The mount point of the tag file system, found in the mount table by the
-// library's rule (the first entry whose type begins with "fuse" and whose
-// source begins with "tevu"); "" when there is none.
+// The mount point of the tag file system as the library finds it; "" when
+// there is none.
 std::string mount_point();
 
 // A field of the import and export records with its TAB, line feed, carriage return and backslash written as "\t", "\n", "\r" and

@@ -284,7 +284,7 @@ int cmd_set(int argc, char** argv) {
 namespace {
 
 // The results of reading one file, for commands that read several.
-enum class Read { kOk, kNotSet, kFailed, kNotMounted };
+enum class Read { kOk, kNotSet, kFailed };
 
 // The worst of the files' results: any failure, else any tag not set.
 int read_status(bool failed, bool not_set) {
@@ -292,12 +292,9 @@ int read_status(bool failed, bool not_set) {
 }
 
 // Reads every tag of `file` from its volume's database, and reports a file
-// that cannot be read. Whether the tag file system is mounted is asked only
-// after a failure: a read that succeeds needs no other look at the mount.
+// that cannot be read.
 Read tags_from_database(const std::string& file, std::vector<Tag>* tags) {
-  const int rc = file_tags(file, tags);
-  if (rc == 0) return Read::kOk;
-  if (rc == ENOENT && !tag_fs_mounted()) return Read::kNotMounted;
+  if (file_tags(file, tags) == 0) return Read::kOk;
   report({file}, setpath_reason(file));
   return Read::kFailed;
 }
@@ -317,8 +314,7 @@ Read get_one(const std::string& file, const std::string& name, bool via_mount,
     return Read::kFailed;
   }
   std::vector<Tag> tags;
-  const Read read = tags_from_database(file, &tags);
-  if (read != Read::kOk) return read;
+  if (tags_from_database(file, &tags) != Read::kOk) return Read::kFailed;
   // Tag columns are named without regard to letter case, as the database
   // names them.
   for (const Tag& tag : tags) {
@@ -394,14 +390,13 @@ int cmd_get(int argc, char** argv) {
   const std::vector<std::string> files(argv + optind, argv + argc - 1);
   const std::string name = argv[argc - 1];
   if (name.empty()) return usage_error(argv[0], "empty tag name");
-  if (via_mount && !tag_fs_mounted()) return report_not_mounted();
+  if (!tag_fs_mounted()) return report_not_mounted();
 
   bool failed = false;
   bool not_set = false;
   for (const std::string& file : files) {
     std::string value;
     const Read read = get_one(file, name, via_mount, &value);
-    if (read == Read::kNotMounted) return report_not_mounted();
     failed |= read == Read::kFailed;
     not_set |= read == Read::kNotSet;
     if (read != Read::kOk) continue;
@@ -417,14 +412,13 @@ int cmd_list(int argc, char** argv) {
   if (status >= 0) return status;
   if (argc - optind < 1) return usage_error(argv[0], "expected FILE...");
   const std::vector<std::string> files(argv + optind, argv + argc);
-  if (via_mount && !tag_fs_mounted()) return report_not_mounted();
+  if (!tag_fs_mounted()) return report_not_mounted();
 
   bool failed = false;
   for (const std::string& file : files) {
     std::vector<Tag> tags;
     const Read read = via_mount ? list_through_mount(file, &tags)
                                 : tags_from_database(file, &tags);
-    if (read == Read::kNotMounted) return report_not_mounted();
     failed |= read == Read::kFailed;
     const std::string prefix = files.size() > 1 ? file + "\t" : "";
     for (const Tag& tag : tags) emit(prefix + tag.first + "=" + tag.second, nul);
