@@ -22,6 +22,41 @@ namespace tevul {
 constexpr std::size_t kPathSize = 4096;
 constexpr std::size_t kLongPathSize = 4097;
 
+// Checks an invariant of the library's own state, in the manner of
+// SQLite's assert(): compiled in for debug builds and wherever
+// TEVUL_CHECK_INVARIANTS is defined (the sanitizer and fuzz builds), out of
+// release builds. A failure prints the expression, file, line and function
+// and aborts. (The unlock-notify wait's own checks are different: they stay
+// on in every build; see metadb_bulk.)
+#if defined(TEVUL_CHECK_INVARIANTS) || !defined(NDEBUG)
+#define TEVUL_INVARIANT(condition)                                             \
+  ((condition) ? static_cast<void>(0)                                          \
+               : ::tevul::invariant_failed(#condition, __FILE__, __LINE__,    \
+                                           __func__))
+#else
+#define TEVUL_INVARIANT(condition) static_cast<void>(0)
+#endif
+
+[[noreturn]] inline void invariant_failed(const char* condition,
+                                          const char* file, int line,
+                                          const char* function) {
+  std::fprintf(stderr, "%s:%d: %s: invariant failed: %s\n", file, line,
+               function, condition);
+  std::abort();
+}
+
+// The C boundary of an exported function: returns what `body` returns, or
+// `on_no_memory` (the family's value for memory running short) when an
+// allocation inside it fails, so that no exception leaves the library.
+template <typename Result, typename Body>
+Result c_boundary(Result on_no_memory, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return on_no_memory;
+  }
+}
+
 // True for a NULL or empty C string.
 inline bool is_empty(const char* s) { return s == nullptr || s[0] == '\0'; }
 

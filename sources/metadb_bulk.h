@@ -175,6 +175,23 @@ extern const int32_t metadb_errno_table[27];
 // taken as unsigned, are below 27 give the table's entry, all others EIO.
 int32_t metadb_errno(int code);
 
+// The results of the metadb_ family, decided here once. Every error number
+// of a metadb_ function comes from metadb_errno_table; these name the
+// entries the functions end in.
+
+// Success: the entry of SQLITE_OK (0).
+inline int32_t metadb_ok() { return metadb_errno_table[SQLITE_OK]; }
+
+// A failed statement or an unusable argument of the path operations, the
+// settag and the recursive settag: EIO, the entry of SQLITE_ERROR.
+inline int32_t metadb_failed() { return metadb_errno_table[SQLITE_ERROR]; }
+
+// What a cleanup returns for its cancel flag's value at the end: the value
+// taken as if it were an SQLite result code (0 after a complete scan; 1, and
+// 27 and above, give EIO). The daemon's cleanup has always reported a
+// cancel so, and its callers compare against these numbers.
+inline int32_t metadb_cancel_result(int flag) { return metadb_errno(flag); }
+
 // Transaction operation codes of metadb_transaction_op().
 enum {
   metadb_txn_begin = 1,

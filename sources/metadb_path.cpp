@@ -37,7 +37,6 @@ constexpr char kDropDelSql[] = "DROP TABLE IF EXISTS _Del_";
 constexpr char kDeleteCollectedSql[] =
     "DELETE FROM Meta WHERE Path IN (SELECT Delpath FROM _Del_);VACUUM";
 
-const int kFailed = metadb_errno_table[SQLITE_ERROR];
 
 bool usable(const metadb_tagdb* tagdb) {
   return tagdb != nullptr && tagdb->db;
@@ -104,7 +103,7 @@ extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
                                       metadb_tagdb* dst, const char* new_path) {
   if (!usable(src) || !usable(dst) || tevul::is_empty(old_path) ||
       tevul::is_empty(new_path)) {
-    return kFailed;
+    return metadb_failed();
   }
   sqlite3* db = src->db.get();
   {
@@ -113,11 +112,11 @@ extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
                                             metadb_glob_literal{old_path});
     metadb_stmt_ptr select;
     if (!sql.fits() || metadb_prepare(db, sql.c_str(), -1, select) != SQLITE_OK) {
-      return kFailed;
+      return metadb_failed();
     }
     // An error step ends the copy like the end of the rows does.
     while (metadb_step(select.get()) == SQLITE_ROW) {
-      if (!copy_row(select.get(), dst)) return kFailed;
+      if (!copy_row(select.get(), dst)) return metadb_failed();
     }
   }
   // Inside src's transaction; src is not marked as written (see tevul.h).
@@ -127,7 +126,7 @@ extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
   if (sql.fits() && metadb_prepare(db, sql.c_str(), -1, remove) == SQLITE_OK) {
     metadb_step(remove.get());
   }
-  return metadb_errno_table[SQLITE_OK];
+  return metadb_ok();
 }
 
 extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
@@ -136,7 +135,7 @@ extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
   int never = 0;
   if (cancel == nullptr) cancel = &never;
   if (cancel_value(cancel) != 0) return 1;
-  if (db_file == nullptr || root == nullptr) return kFailed;
+  if (db_file == nullptr || root == nullptr) return metadb_failed();
 
   char absolute[tevul::kLongPathSize];
   const int root_len = tevul::format_cut(absolute, sizeof absolute, "%s/", root);
@@ -148,10 +147,10 @@ extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
   sqlite3* raw = nullptr;
   const int open_rc = sqlite3_open(db_file, &raw);
   metadb_db_ptr db(raw);  // closed also after a failed open
-  if (open_rc != SQLITE_OK) return kFailed;
+  if (open_rc != SQLITE_OK) return metadb_failed();
   metadb_stmt_ptr scan;
   if (metadb_prepare(raw, kScanSql, sizeof kScanSql, scan) != SQLITE_OK) {
-    return kFailed;
+    return metadb_failed();
   }
 
   metadb_stmt_ptr collect;
@@ -166,7 +165,7 @@ extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
               SQLITE_OK) {
         scan.reset();  // a DROP waits for no statement of its own connection
         metadb_exec_query(raw, kDropDelSql, nullptr, nullptr);
-        return kFailed;
+        return metadb_failed();
       }
     }
     sqlite3_bind_text(collect.get(), 1, stored, -1, SQLITE_STATIC);
@@ -181,5 +180,5 @@ extern "C" int metadb_tagdb_cleanup(const char* db_file, const char* root,
     collect.reset();
     metadb_exec_query(raw, kDropDelSql, nullptr, nullptr);
   }
-  return metadb_errno(cancel_value(cancel));
+  return metadb_cancel_result(cancel_value(cancel));
 }

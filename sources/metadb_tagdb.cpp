@@ -106,6 +106,9 @@ extern "C" void metadb_tagdb_close(metadb_tagdb* tagdb) {
     stmt->reset();
   }
   tagdb->settag_stmts.clear();
+  // Every statement is gone before its connection closes: a statement left
+  // behind would keep the connection, and the database file, open.
+  TEVUL_INVARIANT(!tagdb->stmt_begin && !tagdb->stmt_commit && !tagdb->stmt_unsynced);
   tagdb->db.reset();
 }
 
@@ -161,7 +164,7 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
     return 1;
   }
   // A tag that can never get a column changes nothing, not even the row.
-  if (!metadb_tag_sql_safe(tag)) return metadb_errno_table[SQLITE_ERROR];
+  if (!metadb_tag_sql_safe(tag)) return metadb_failed();
   sqlite3* db = tagdb->db.get();
 
   metadb_prepare_once(db, kSelectRowid, sizeof kSelectRowid,
@@ -177,7 +180,7 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
     if (rowid == 0 || rowid == -1) return 1;
   }
   if (metadb_add_tag_column(tagdb, tag) != 1) {
-    return metadb_errno_table[SQLITE_ERROR];
+    return metadb_failed();
   }
   const char* v = value != nullptr ? value : "";
   // The full text decides whether the update may run at all: one that its
@@ -187,7 +190,7 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
   if (!sql.fits()) return 1;
   if (run_settag(tagdb, tag, v, rowid) != SQLITE_OK) return 1;
   tagdb->modified = 1;
-  return metadb_errno_table[SQLITE_OK];
+  return metadb_ok();
 }
 
 extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
@@ -229,7 +232,7 @@ extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
                                              const char* value) {
   if (tagdb == nullptr || !tagdb->db || path == nullptr) return 1;
   if (metadb_add_tag_column(tagdb, tag) != 1) {
-    return metadb_errno_table[SQLITE_ERROR];
+    return metadb_failed();
   }
   const char* v = value != nullptr ? value : "";
   const metadb_tag_ident column{tag};

@@ -35,9 +35,28 @@ int check_lengths(const tevu_bulk_ctx* ctx, const char* name,
   return 0;
 }
 
+// The context's invariant: a context with a database has the volume that
+// database belongs to (a prefix "/.../" of its own), a current path lies on
+// that volume (the volume root may stand without its final "/"), and only a
+// context with a database has changes pending.
+void check_invariant(const tevu_bulk_ctx* ctx) {
+  static_cast<void>(ctx);
+  TEVUL_INVARIANT(ctx->dirty == 0 || ctx->tagdb);
+  if (!ctx->tagdb) return;
+  const int32_t n = ctx->volume.prefix_len;
+  static_cast<void>(n);
+  TEVUL_INVARIANT(n >= 2 && static_cast<std::size_t>(n) < sizeof ctx->volume.prefix);
+  TEVUL_INVARIANT(ctx->volume.prefix[0] == '/' && ctx->volume.prefix[n - 1] == '/');
+  TEVUL_INVARIANT(ctx->volume.db_path[0] != '\0');
+  TEVUL_INVARIANT(ctx->path[0] == '\0' ||
+                  (strncmp(ctx->path, ctx->volume.prefix, n - 1) == 0 &&
+                   (ctx->path[n - 1] == '/' || ctx->path[n - 1] == '\0')));
+}
+
 // Marks the context dirty after a successful change; returns `rc`.
 int note_change(tevu_bulk_ctx* ctx, int rc) {
   if (rc == 0) ctx->dirty = 1;
+  check_invariant(ctx);
   return rc;
 }
 
@@ -122,6 +141,7 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   // When the previous file changed nothing, its transaction was not
   // committed and simply continues; this BEGIN then fails harmlessly.
   metadb_tagdb_transaction_start(ctx->tagdb.get());
+  check_invariant(ctx);
   return 0;
 }
 
@@ -160,6 +180,7 @@ extern "C" int tevu_bulk_deltag(tevu_bulk_ctx* ctx, const char* name) {
 
 extern "C" int tevu_bulk_commit(tevu_bulk_ctx* ctx) {
   if (ctx == nullptr || !ctx->tagdb) return -1;
+  check_invariant(ctx);
   if (ctx->dirty) {
     metadb_tagdb_sync(ctx->tagdb.get(), tevu_bulk_relative_path(ctx));
   }

@@ -316,26 +316,15 @@ int tagged_files(const char* dir, tevu_row_cb cb, void* user) {
 }  // namespace
 
 extern "C" int tevu_tagged_files(const char* dir, tevu_row_cb cb, void* user) {
-  try {
-    return tagged_files(dir, cb, user);
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
+  return tevul::c_boundary(ENOMEM, [&] { return tagged_files(dir, cb, user); });
 }
 
 extern "C" int tevu_file_tags(const char* path, tevu_tag_cb cb, void* user) {
-  try {
-    return file_tags(path, cb, user);
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
+  return tevul::c_boundary(ENOMEM, [&] { return file_tags(path, cb, user); });
 }
 
 extern "C" int tevu_find_files(const char* name, const char* value,
                                tevu_file_cb cb, void* user) {
-  try {
-    return find_files(name, value, cb, user);
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
+  return tevul::c_boundary(ENOMEM,
+                           [&] { return find_files(name, value, cb, user); });
 }
