@@ -173,8 +173,12 @@ void metadb_owner_unregister(metadb_lock_owner* owner) {
   owner->prev = owner->next = nullptr;
 }
 
-// The expression texts and line numbers of the checks below are those the
-// daemon's tooling has always reported for this wait; keep them as they are.
+// The checks of the wait abort with "sources/metadb_bulk:LINE: FUNCTION:
+// Assertion `EXPRESSION' failed.", word for word the message the daemon's
+// own build of this wait prints: field reports and the daemon's support
+// scripts are matched on it. So the expression texts and the line numbers
+// below are fixed values, not this file's own lines; keep them as they are
+// when the file changes.
 void unlock_notify_cb(void** args, int count) {
   for (int i = 0; i < count; ++i) {
     unlock_notify_ctx* _ctx = static_cast<unlock_notify_ctx*>(args[i]);

@@ -1,10 +1,11 @@
 // Path maintenance: rows follow deleted, moved and vanished files.
 //
-// The subtree of a stored path p is selected everywhere by
-// Path='p' OR Path GLOB 'p/' followed by '*'. The text of p goes into the pattern as it is,
-// so "*", "?" and "[" in a path act as wildcards below it; the daemon has
-// always selected so, and existing databases are maintained that way. The
-// functions are exported; see tevul.h.
+// The subtree of a stored path p is selected everywhere by METADB_SUBTREE
+// (metadb_bulk.h): Path='p', or Path GLOB p with its "*", "?" and "["
+// bracketed and "/*" appended, so that a folder named "[2019] Trip" selects
+// its own files and never a near-namesake's. The module's functions are
+// exported and declared once, in tevul.h; this header adds nothing to
+// them.
 #ifndef TEVUL_METADB_PATH_H
 #define TEVUL_METADB_PATH_H
 
