@@ -33,7 +33,7 @@ class QueryRunner : public ::testing::Test {
  protected:
   void SetUp() override {
     file_ = dir_ / "db";
-    tevul_test::create_tag_database(file_);
+    ASSERT_EQ(tevul_test::create_tag_db(file_), "");
     raw_ = std::make_unique<RawDb>(file_);
     raw_->exec("INSERT INTO Meta(Path) VALUES ('a'), ('b'), ('c')");
   }
@@ -109,7 +109,7 @@ TEST(ErrnoTable, MapsByUnsignedIndex) {
 TEST(ColumnExists, TestsTheNameCutAt254Bytes) {
   TempDir dir;
   const std::string file = dir / "db";
-  tevul_test::create_tag_database(file);
+  ASSERT_EQ(tevul_test::create_tag_db(file), "");
   {
     RawDb raw(file);
     raw.exec("ALTER TABLE Meta ADD \"." + std::string(253, 'n') + "\" TEXT");

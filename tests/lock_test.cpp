@@ -35,7 +35,7 @@ class Locks : public ::testing::Test {
  protected:
   void SetUp() override {
     file_ = dir_ / "vol@@db";
-    tevul_test::create_tag_database(file_);
+    ASSERT_EQ(tevul_test::create_tag_db(file_), "");
   }
   TempDir dir_;
   std::string file_;

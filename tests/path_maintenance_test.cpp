@@ -86,7 +86,7 @@ class MoveBetweenVolumes : public PathMaintenance {
   void SetUp() override {
     PathMaintenance::SetUp();
     dst_file_ = dir_ / "dst@@db";
-    tevul_test::create_tag_database(dst_file_);
+    ASSERT_EQ(tevul_test::create_tag_db(dst_file_), "");
     dst_.reset(metadb_tagdb_open(dst_file_.c_str()));
     ASSERT_NE(dst_, nullptr);
   }

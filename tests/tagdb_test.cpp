@@ -32,7 +32,7 @@ class TagDb : public tevul_test::TagDbTest {
 TEST(TagDbOpen, AcceptsOnlyRegularFilesFollowingLinks) {
   TempDir dir;
   const std::string file = dir / "db";
-  tevul_test::create_tag_database(file);
+  ASSERT_EQ(tevul_test::create_tag_db(file), "");
   ASSERT_EQ(mkdir((dir / "subdir").c_str(), 0755), 0);
   ASSERT_EQ(symlink(file.c_str(), (dir / "link@@db").c_str()), 0);
 
@@ -338,7 +338,7 @@ TEST_F(TagDb, KeptTagUpdatesStayRightAcrossManyTagsAndSchemaChanges) {
   // Closing a handle frees everything it held: SQLite's own count of the
   // memory in use returns to where it was before the open.
   const std::string alone = dir_ / "alone@@db";
-  tevul_test::create_tag_database(alone);
+  ASSERT_EQ(tevul_test::create_tag_db(alone), "");
   metadb_tagdb_close(metadb_tagdb_open(alone.c_str()));  // first-use work
   const sqlite3_int64 before = sqlite3_memory_used();
   metadb_tagdb* handle = metadb_tagdb_open(alone.c_str());

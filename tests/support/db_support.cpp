@@ -25,12 +25,6 @@ TempDir::~TempDir() {
   if (!path_.empty()) std::filesystem::remove_all(path_, ec);
 }
 
-void create_tag_database(const std::string& file) {
-  std::remove(file.c_str());
-  RawDb db(file);
-  db.exec("CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT)");
-}
-
 RawDb::RawDb(const std::string& file, int busy_timeout_ms) {
   const int rc = sqlite3_open_v2(
       file.c_str(), &db_,

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sandbox.h"
 #include "tevul.h"
 
 namespace tevul_test {
@@ -30,9 +31,6 @@ class TempDir {
   std::string path_;
 };
 
-// Creates (or empties) a tag database file holding the daemon's table
-// Meta(Path TEXT UNIQUE, Data TEXT).
-void create_tag_database(const std::string& file);
 
 // A plain SQLite connection with a private cache, for checking what the
 // library wrote and for arranging what it should find.
@@ -78,7 +76,7 @@ class TagDbTest : public ::testing::Test {
  protected:
   void SetUp() override {
     file_ = dir_ / "vol@@db";
-    create_tag_database(file_);
+    ASSERT_EQ(create_tag_db(file_), "");
     db_.reset(metadb_tagdb_open(file_.c_str()));
     ASSERT_NE(db_, nullptr);
   }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -70,6 +71,7 @@ bool is_mounted(const std::string& mount_point) {
 }  // namespace
 
 std::string create_tag_db(const std::string& file) {
+  std::remove(file.c_str());
   sqlite3* db = nullptr;
   int rc = sqlite3_open_v2(file.c_str(), &db,
                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |

@@ -91,8 +91,8 @@ class Sandbox {
 
 // Writes `text` to `file`, replacing it; returns false on failure.
 bool write_file(const std::string& file, const std::string& text);
-// Creates the tag database `file` with an empty table Meta, as the daemon
-// does for a new volume. Returns "" on success, otherwise what failed.
+// Creates the tag database `file` (replacing any file there) with an empty
+// table Meta, as the daemon does for a new volume. Returns "" on success, otherwise what failed.
 std::string create_tag_db(const std::string& file);
 // The whole content of `file` ("" when it cannot be read).
 std::string read_file(const std::string& file);
