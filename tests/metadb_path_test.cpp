@@ -34,48 +34,34 @@ class PathMaintenance : public tevul_test::TagDbTest {
   }
 };
 
-TEST_F(PathMaintenance, DeleteSelectsTheSubtreeOnly) {
-  tag_all(db_.get(), {"a", "a/b", "a/b/x", "a/b/x/y", "a/bc", "a/b.jpg", "b"});
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "a/b"), 0);
-  EXPECT_EQ(paths(file_), (Rows{{"a"}, {"a/b.jpg"}, {"a/bc"}, {"b"}}));
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "missing"), 0);
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), ""), 0) << "the whole volume";
-  EXPECT_TRUE(paths(file_).empty());
+// A path names itself and what lies below it, literally: no sibling that
+// shares a prefix, no pattern, quotes as data; the empty path is the volume.
+TEST_F(PathMaintenance, DeleteSelectsTheLiteralSubtree) {
+  tag_all(db_.get(), {"a", "a/b", "a/b/x/y", "a/bc", "a/b.jpg", "it's", "it's/x", "its/x",
+                      "a*", "a*/1", "ab/2", "b?/3", "bz/4", "[x]/5", "x/6"});
+  for (const char* path : {"a/b", "it's", "a*", "b?", "[x]", "missing"}) {
+    EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), path), 0) << path;
+  }
+  EXPECT_EQ(paths(file_), (Rows{{"a"}, {"a/b.jpg"}, {"a/bc"}, {"ab/2"}, {"bz/4"}, {"its/x"},
+                                {"x/6"}}));
   EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), nullptr), 1);
-  EXPECT_EQ(metadb_tagdb_delete_path(nullptr, "a"), 1);
+  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), ""), 0);
+  EXPECT_TRUE(paths(file_).empty());
 }
 
-TEST_F(PathMaintenance, QuotesAndPatternCharactersAreData) {
-  tag_all(db_.get(), {"it's", "it's/x", "its/x", "a*", "a*/1", "ab/2", "ac",
-                      "b?/3", "bz/4", "[x]/5", "x/6"});
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "it's"), 0);
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "a*"), 0);
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "b?"), 0);
-  EXPECT_EQ(metadb_tagdb_delete_path(db_.get(), "[x]"), 0);
-  EXPECT_EQ(paths(file_), (Rows{{"ab/2"}, {"ac"}, {"bz/4"}, {"its/x"}, {"x/6"}}));
-}
-
-TEST_F(PathMaintenance, RenameMovesTheSubtreeWithItsTags) {
-  tag_all(db_.get(), {"a/b", "a/b/c.jpg", "a/b/d/e", "a/bc", "x"});
+TEST_F(PathMaintenance, RenameMovesTheSubtreeWithItsTagsOrNothing) {
+  tag_all(db_.get(), {"a/b", "a/b/c.jpg", "a/bc", "x", "q'uote/z"});
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "a/b", "x/y"), 0);
   RawDb raw(file_);
-  EXPECT_EQ(raw.rows("SELECT Path, \".t\", Data FROM Meta ORDER BY Path"),
-            (Rows{{"a/bc", "a/bc", "t=a\\bc"},
-                  {"x", "x", "t=x"},
-                  {"x/y", "a/b", "t=a\\b"},
-                  {"x/y/c.jpg", "a/b/c.jpg", "t=a\\b\\c.jpg"},
-                  {"x/y/d/e", "a/b/d/e", "t=a\\b\\d\\e"}}));
-}
-
-TEST_F(PathMaintenance, RenameRefusals) {
-  tag_all(db_.get(), {"a", "b", "b/1", "q'uote/z"});
-  RawDb raw(file_);
+  EXPECT_EQ(raw.rows("SELECT Path, \".t\", Data FROM Meta WHERE Path LIKE 'x%' OR Path "
+                     "LIKE 'a%' ORDER BY Path"),
+            (Rows{{"a/bc", "a/bc", "t=a\\bc"}, {"x", "x", "t=x"}, {"x/y", "a/b", "t=a\\b"},
+                  {"x/y/c.jpg", "a/b/c.jpg", "t=a\\b\\c.jpg"}}));
   const std::string before = raw.snapshot();
-  // Onto a path that has a row: refused as a whole by the table's UNIQUE.
-  EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "b", "a"), 1);
+  // Onto a path that has a row: refused whole by the table's UNIQUE.
+  EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "x", "a/bc"), 1);
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "", "z"), 1);
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "a", ""), 1);
-  EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), nullptr, "z"), 1);
   EXPECT_EQ(raw.snapshot(), before);
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "q'uote", "n'ew"), 0);
   EXPECT_EQ(raw.value("SELECT Path FROM Meta WHERE Path LIKE 'n%'"), "n'ew/z");
