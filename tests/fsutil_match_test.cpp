@@ -45,6 +45,7 @@ TEST(Match, PrefixSuffixInfix) {
   EXPECT_EQ(fsutil_prefix_match_len("/mu", "music", 4), 0);
   EXPECT_EQ(fsutil_prefix_match_len("/mu", "mu", 10), 1);
   EXPECT_EQ(fsutil_suffix_match("a.mp3", ".mp3"), 1);
+  EXPECT_EQ(fsutil_suffix_match(".mp3", ".mp3"), 1) << "a whole string is its own suffix";
   EXPECT_EQ(fsutil_suffix_match("mp3", "a.mp3"), 0);
   EXPECT_EQ(fsutil_suffix_match(nullptr, ".mp3"), 0);
   EXPECT_EQ(fsutil_suffix_match("a", nullptr), 0);
