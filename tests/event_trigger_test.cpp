@@ -17,10 +17,19 @@ using EventTrigger = tevul_test::SandboxTest;
 
 TEST_F(EventTrigger, NothingAtThePathMeansNoTrigger) {
   EXPECT_EQ(event_trigger_init("/no/such/mount"), 0);
+  // Descriptor 0 means "no FIFO": nothing is written to it, nothing closed.
+  int pipe_fds[2];
+  ASSERT_EQ(pipe2(pipe_fds, O_NONBLOCK), 0);
+  const int saved = dup(0);
+  ASSERT_EQ(dup2(pipe_fds[1], 0), 0);
   event_trigger(0);
   event_trigger(-1);
   event_trigger_fini(0);
   event_trigger_fini(-1);
+  char byte;
+  EXPECT_EQ(read(pipe_fds[0], &byte, 1), -1) << "a byte reached descriptor 0";
+  EXPECT_EQ(fcntl(0, F_GETFD), 0) << "descriptor 0 was closed";
+  dup2(saved, 0);
   // A path longer than the buffer is cut and so names nothing.
   EXPECT_EQ(event_trigger_init(std::string(5000, 'x').c_str()), 0);
 }

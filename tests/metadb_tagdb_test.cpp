@@ -86,6 +86,8 @@ TEST_F(TagDb, ValuesAreStoredReadAndRemovedPerPath) {
   EXPECT_EQ(get("a", "t"), "(unset)");
   EXPECT_EQ(get("a", "u"), "w");
   EXPECT_EQ(metadb_tagdb_deltag(db_.get(), "a", "nevercolumn"), 0);
+  EXPECT_EQ(metadb_tagdb_deltag(db_.get(), std::string(4200, 'p').c_str(), "u"), 1)
+      << "a statement its buffer would cut fails for a tag with a column";
   EXPECT_EQ(get("a", "nevercolumn"), "(unset)");
   EXPECT_EQ(get("norow", "u"), "(unset)");
   RawDb raw(file_);

@@ -120,6 +120,7 @@ TEST_F(VolumeLinks, TheRuntimeFileDecidesWhenNoLinkDoes) {
   EXPECT_EQ(locate("/data/a", 1), "/data/ 6 /db/data");
   EXPECT_EQ(locate("/data", 1), "/data/ 6 /db/data");
   EXPECT_EQ(locate("/database/a", 0), " 0 ");
+  EXPECT_EQ(locate("/datx/a", 0), " 0 ") << "every byte of the root after the first counts";
   // The first bytes are not compared; the database link is then
   // <meta directory> followed directly by the root.
   Sandbox::write_ini("x:Xdata:y\n");
