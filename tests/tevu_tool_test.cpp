@@ -415,7 +415,7 @@ TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
                                       "/mnt/photos/b.jpg", "/srv/z.txt"}));
   EXPECT_EQ(run({"find", "--first", "only", "z"}).out, "k=v\nonly=z\n");
 
-  r = run({"deleted", "/mnt/docs/new", "/mnt/photos/./a.jpg", "/tmp/untagged.txt"});
+  r = run({"deleted", "/mnt/docs/gone/../new", "/mnt/photos/./a.jpg", "/tmp/untagged.txt"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
   EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"), (Rows{{"photos/b.jpg"}}));
@@ -464,26 +464,27 @@ TEST_F(Tool, TagsAreRemovedAndRenamedEverywhere) {
 }
 
 // What export writes, import restores: every tag of every file, values
-// with tabs, line feeds, carriage returns, "|", "/" and "=" included.
+// and paths with tabs, line feeds, carriage returns, backslashes, "|", "/"
+// and "=" included.
 TEST_F(Tool, ExportThenImportRestoresEveryTag) {
   ASSERT_TRUE(make_dirs("/mnt/[x] dir"));
-  ASSERT_TRUE(write_file("/mnt/[x] dir/tab\there.txt", ""));
+  ASSERT_TRUE(write_file("/mnt/[x] dir/tab\there\\.txt", ""));
   ASSERT_EQ(run({"import", "-q"},
                 "/mnt/photos/a.jpg\tnote=a\\tb\\nc\\rd\tpath=/x/y|z\tq=\"k=v\"\n"
-                "/mnt/[x] dir/tab\\there.txt\tkind=odd\n"
+                "/mnt/[x] dir/tab\\there\\\\.txt\tkind=odd\n"
                 "/srv/music/s.mp3\tkind=song\tempty=\n").status, 0);
   Result r = run({"export"});
   EXPECT_EQ(r.status, 0) << r.err;
   const std::string exported = r.out;
   EXPECT_EQ(sorted_lines(exported),
             (std::vector<std::string>{
-                "/mnt/[x] dir/tab\\there.txt\tkind=odd",
+                "/mnt/[x] dir/tab\\there\\\\.txt\tkind=odd",
                 "/mnt/photos/a.jpg\tnote=a\\tb\\nc\\rd\tpath=/x/y|z\tq=\"k=v\"",
                 "/srv/music/s.mp3\tkind=song\tempty="}));
   r = run({"export", "--json", "/srv/music"});
   EXPECT_EQ(r.out, "{\"path\":\"/srv/music/s.mp3\",\"tags\":{\"kind\":\"song\",\"empty\":\"\"}}\n");
   r = run({"export", "/mnt/[x] dir"});
-  EXPECT_EQ(r.out, "/mnt/[x] dir/tab\\there.txt\tkind=odd\n") << "the path is literal";
+  EXPECT_EQ(r.out, "/mnt/[x] dir/tab\\there\\\\.txt\tkind=odd\n") << "the path is literal";
   r = run({"export", "--json", "/mnt/photos"});
   EXPECT_EQ(r.out, "{\"path\":\"/mnt/photos/a.jpg\",\"tags\":{\"note\":\"a\\tb\\nc\\rd\","
                    "\"path\":\"/x/y|z\",\"q\":\"\\\"k=v\\\"\"}}\n");
