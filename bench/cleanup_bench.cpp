@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "sandbox.h"
 #include "tevul.h"
 
 namespace {
@@ -52,20 +53,6 @@ bool build_database(const std::string& file, long rows) {
   return ok;
 }
 
-long count_rows(const std::string& file) {
-  sqlite3* db = nullptr;
-  sqlite3_stmt* stmt = nullptr;
-  long rows = -1;
-  sqlite3_open(file.c_str(), &db);
-  if (sqlite3_prepare_v2(db, "SELECT count(*) FROM Meta", -1, &stmt, nullptr) == SQLITE_OK &&
-      sqlite3_step(stmt) == SQLITE_ROW) {
-    rows = sqlite3_column_int64(stmt, 0);
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
-  return rows;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -93,9 +80,9 @@ int main(int argc, char** argv) {
   rusage after{};
   getrusage(RUSAGE_SELF, &after);
 
-  std::printf("rows %ld: result %d, filter calls %ld, rows left %ld, %.3f s, "
+  std::printf("rows %ld: result %d, filter calls %ld, rows left %lld, %.3f s, "
               "peak RSS %ld KiB (before the cleanup %ld KiB)\n",
-              rows, rc, g_rows_seen, count_rows(file), seconds, after.ru_maxrss,
+              rows, rc, g_rows_seen, tevul_test::count_rows(file), seconds, after.ru_maxrss,
               before.ru_maxrss);
   unlink(file.c_str());
   return rc == 0 ? 0 : 1;

@@ -6,7 +6,6 @@
 // creates a few hundred files, tags each with four tags in one bulk context
 // (one transaction per file), reads some tags back, and prints a summary.
 // Needs root, for the mount namespace.
-#include <sqlite3.h>
 
 #include <chrono>
 #include <cstdio>
@@ -23,23 +22,6 @@ namespace {
 constexpr int kFilesPerVolume[] = {300, 200};
 constexpr const char* kVolumes[] = {"mnt", "srv"};
 constexpr const char* kKinds[] = {"photo", "music", "video", "document"};
-
-long long count_rows(const std::string& db_file) {
-  sqlite3* db = nullptr;
-  long long rows = -1;
-  if (sqlite3_open_v2(db_file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) ==
-      SQLITE_OK) {
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT count(*) FROM Meta WHERE Data IS NOT NULL",
-                           -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW) {
-      rows = sqlite3_column_int64(stmt, 0);
-    }
-    sqlite3_finalize(stmt);
-  }
-  sqlite3_close(db);
-  return rows;
-}
 
 }  // namespace
 
@@ -125,7 +107,7 @@ int main() {
   if (!example.empty()) line("for example", example);
   for (int v = 0; v < 2; ++v) {
     line(std::string("rows in /") + kVolumes[v],
-         number(count_rows(Sandbox::db_path(kVolumes[v]))));
+         number(tevul_test::count_rows(Sandbox::db_path(kVolumes[v]), "Data IS NOT NULL")));
   }
   char timing[64];
   std::snprintf(timing, sizeof timing, "%.3f s (%.0f files/s)", seconds,

@@ -85,6 +85,22 @@ std::string create_tag_db(const std::string& file) {
   return rc == SQLITE_OK ? "" : "cannot create " + file;
 }
 
+long long count_rows(const std::string& file, const std::string& where) {
+  sqlite3* db = nullptr;
+  sqlite3_stmt* stmt = nullptr;
+  long long rows = -1;
+  const std::string sql =
+      "SELECT count(*) FROM Meta" + (where.empty() ? "" : " WHERE " + where);
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    rows = sqlite3_column_int64(stmt, 0);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return rows;
+}
+
 bool write_file(const std::string& file, const std::string& text) {
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << text;
