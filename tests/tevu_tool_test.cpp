@@ -372,14 +372,18 @@ TEST_F(Tool, FindListsEveryMatchingFile) {
 }
 
 TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
+  ASSERT_TRUE(make_dirs("/mnt/docs2") && write_file("/mnt/docs2/w.txt", ""));
   ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt",
-                 "/mnt/docs/z.txt", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg"})
+                 "/mnt/docs/z.txt", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
+                 "/mnt/docs2/w.txt"})
                 .status,
             0);
-  // Vanished behind the tool's back: one below the cleaned directory, one
-  // elsewhere on the volume, which must keep its row.
+  // Vanished behind the tool's back: one below the cleaned directory, others
+  // elsewhere on the volume (one in a sibling that shares its name's start),
+  // which must keep their rows.
   ASSERT_EQ(unlink("/mnt/docs/old/y.txt"), 0);
   ASSERT_EQ(unlink("/mnt/photos/b.jpg"), 0);
+  ASSERT_EQ(unlink("/mnt/docs2/w.txt"), 0);
   const Rows all = rows("mnt", "SELECT Path FROM Meta ORDER BY Path");
 
   Result r = run({"cleanup", "-n", "/mnt/docs"});
@@ -390,8 +394,9 @@ TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, std::string("/mnt/docs/old/y.txt\0", 20));
   EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"),
-            (Rows{{"docs/old/x.txt"}, {"docs/z.txt"}, {"photos/a.jpg"},
+            (Rows{{"docs/old/x.txt"}, {"docs/z.txt"}, {"docs2/w.txt"}, {"photos/a.jpg"},
                   {"photos/b.jpg"}}));
+  ASSERT_EQ(run({"deleted", "/mnt/docs2"}).status, 0);
 
   // A script moved a directory within the volume, then onto another one.
   ASSERT_EQ(rename("/mnt/docs/old", "/mnt/docs/new"), 0);
