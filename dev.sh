@@ -189,7 +189,7 @@ mutants() {
   local total=0 killed=0 stillborn=0 survivors=() name file from to
   local saved=$dir/mutant.saved current=""
   # An interrupted run leaves no mutant behind.
-  trap '[ -n "$current" ] && cp "$saved" "$current"' EXIT
+  trap '[ -n "${current:-}" ] && cp "$saved" "$current"' INT TERM
   while IFS=$'\t' read -r name file from to; do
     [[ -z $name || $name == \#* ]] && continue
     cp "$file" "$saved"
@@ -216,6 +216,7 @@ mutants() {
     current=""
     printf '%-26s %s\n' "$name" "$verdict"
   done <"$list"
+  trap - INT TERM
   cmake --build "$dir" -j "$JOBS" >/dev/null
   echo "survivors: ${#survivors[@]}"
   for s in "${survivors[@]}"; do echo "  $s"; done
