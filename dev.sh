@@ -189,7 +189,7 @@ mutants() {
   local total=0 killed=0 stillborn=0 survivors=() name file from to
   local saved=$dir/mutant.saved current=""
   # An interrupted run leaves no mutant behind.
-  trap '[ -n "${current:-}" ] && cp "$saved" "$current"' INT TERM
+  trap '[ -n "${current:-}" ] && cp "$saved" "$current"; exit 130' INT TERM
   while IFS=$'\t' read -r name file from to; do
     [[ -z $name || $name == \#* ]] && continue
     cp "$file" "$saved"
