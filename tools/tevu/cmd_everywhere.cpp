@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <strings.h>
 
+#include <cstddef>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -14,44 +16,23 @@ namespace tevu_cli {
 
 namespace {
 
-// A file that carries the tag in question, and its value.
-struct Carrier {
-  std::string path;
-  std::string value;
-};
-
-struct CarrierSearch {
-  const std::string* name;
-  std::vector<Carrier>* found;
-};
-
-// Collects, from every volume's database and without a write lock, the
-// files that carry tag `name` (letter case ignored, as the columns are
-// named). Reports a failure for `where` and returns its exit status, or -1
-// when the search went through.
+// Collects, through the tag columns' indexes and without a write lock, the
+// files on every volume that carry tag `name` (letter case ignored, as the
+// columns are named). Reports a failure for `where` and returns its exit
+// status, or -1 when the search went through.
 int find_carriers(const std::string& name, const std::vector<std::string>& where,
-                  std::vector<Carrier>* found) {
-  if (name.find('"') != std::string::npos) {
-    report(where, "tag name contains a double quote");
-    return kExitFailed;
-  }
-  CarrierSearch search{&name, found};
-  const int rc = tevu_tagged_files(
-      nullptr,
-      [](void* user, const char* path, size_t count, const char* const* names,
-         const char* const* values) {
-        const CarrierSearch* s = static_cast<const CarrierSearch*>(user);
-        for (size_t i = 0; i < count; ++i) {
-          if (strcasecmp(names[i], s->name->c_str()) == 0) {
-            s->found->push_back({path, values[i]});
-          }
-        }
+                  std::vector<std::string>* found) {
+  const int rc = tevu_find_files(
+      name.c_str(), nullptr,
+      [](void* user, const char* path) {
+        static_cast<std::vector<std::string>*>(user)->push_back(path);
         return 0;
       },
-      &search);
+      found);
   if (rc == 0) return -1;
   if (!tag_fs_mounted()) return report_not_mounted();
-  report(where, "tag database could not be read: " + errno_reason(rc));
+  report(where, rc == EINVAL ? "tag name contains a double quote"
+                             : "tag database could not be read: " + errno_reason(rc));
   return kExitFailed;
 }
 
@@ -61,8 +42,8 @@ int find_carriers(const std::string& name, const std::vector<std::string>& where
 // files changed; sets *failed when any file failed. A file that vanished
 // keeps its row: only `tevu cleanup` may drop it.
 unsigned long change_each(
-    const std::vector<Carrier>& carriers,
-    const std::function<bool(tevu_bulk_ctx*, const Carrier&)>& change,
+    const std::vector<std::string>& carriers,
+    const std::function<bool(tevu_bulk_ctx*, const std::string&)>& change,
     bool* failed) {
   bulk_ptr ctx = open_bulk();
   if (!ctx) {
@@ -70,10 +51,10 @@ unsigned long change_each(
     return 0;
   }
   unsigned long changed = 0;
-  for (const Carrier& carrier : carriers) {
-    if (tevu_bulk_setpath(ctx.get(), carrier.path.c_str()) != 0) {
-      const std::string reason = setpath_reason(carrier.path);
-      report({carrier.path}, reason == errno_reason(ENOENT)
+  for (const std::string& carrier : carriers) {
+    if (tevu_bulk_setpath(ctx.get(), carrier.c_str()) != 0) {
+      const std::string reason = setpath_reason(carrier);
+      report({carrier}, reason == errno_reason(ENOENT)
                                  ? reason + " (its tags stay until 'tevu cleanup')"
                                  : reason);
       *failed = true;
@@ -84,7 +65,7 @@ unsigned long change_each(
       *failed = true;
       continue;
     }
-    if (!commit_file(ctx, {carrier.path})) {
+    if (!commit_file(ctx, {carrier})) {
       *failed = true;
       if (!ctx) {
         report_not_mounted();
@@ -106,7 +87,7 @@ std::string files_count(unsigned long n) {
 int delete_everywhere(const std::vector<std::string>& names) {
   bool failed = false;
   for (const std::string& name : names) {
-    std::vector<Carrier> carriers;
+    std::vector<std::string> carriers;
     const int status = find_carriers(name, {"del", name}, &carriers);
     if (status == kExitNotMounted) return status;
     if (status >= 0) {
@@ -115,9 +96,9 @@ int delete_everywhere(const std::vector<std::string>& names) {
     }
     const unsigned long removed = change_each(
         carriers,
-        [&name](tevu_bulk_ctx* ctx, const Carrier& carrier) {
+        [&name](tevu_bulk_ctx* ctx, const std::string& carrier) {
           const int rc = tevu_bulk_deltag(ctx, name.c_str());
-          if (rc != 0) report({carrier.path, name}, bulk_reason(rc, name));
+          if (rc != 0) report({carrier, name}, bulk_reason(rc, name));
           return rc == 0;
         },
         &failed);
@@ -143,11 +124,7 @@ int cmd_rename(int argc, char** argv) {
                        "names do not tell apart");
   }
   const std::vector<std::string> where = {"rename", from, to};
-  if (to.find('"') != std::string::npos) {
-    report(where, "tag name contains a double quote");
-    return kExitFailed;
-  }
-  std::vector<Carrier> carriers;
+  std::vector<std::string> carriers;
   const int found = find_carriers(from, where, &carriers);
   if (found >= 0) return found;
   if (carriers.empty()) {
@@ -155,22 +132,34 @@ int cmd_rename(int argc, char** argv) {
     return kExitNotFound;
   }
 
+  // Room for any value the database format can store (its statement buffer
+  // holds far less), and for older values up to this size.
+  const std::size_t value_size = 4096 + 1;
   bool failed = false;
   const unsigned long renamed = change_each(
       carriers,
-      [&](tevu_bulk_ctx* ctx, const Carrier& carrier) {
-        const std::string refusal = backslash_refusal(carrier.value, strip);
-        if (!refusal.empty()) {
-          report({carrier.path, from}, refusal);
+      [&](tevu_bulk_ctx* ctx, const std::string& carrier) {
+        // Read inside the file's own transaction: the value renamed is the
+        // value stored now.
+        std::vector<char> value(value_size);
+        if (tevu_bulk_gettag(ctx, from.c_str(), value.data(),
+                             static_cast<unsigned int>(value.size())) != 0) {
+          report({carrier, from}, "value not readable (gone, or longer than " +
+                                      std::to_string(value_size - 1) + " bytes)");
           return false;
         }
-        int rc = tevu_bulk_settag(ctx, to.c_str(), carrier.value.c_str());
+        const std::string refusal = backslash_refusal(value.data(), strip);
+        if (!refusal.empty()) {
+          report({carrier, from}, refusal);
+          return false;
+        }
+        int rc = tevu_bulk_settag(ctx, to.c_str(), value.data());
         if (rc != 0) {
-          report({carrier.path, to}, bulk_reason(rc, to));
+          report({carrier, to}, bulk_reason(rc, to));
           return false;
         }
         rc = tevu_bulk_deltag(ctx, from.c_str());
-        if (rc != 0) report({carrier.path, from}, bulk_reason(rc, from));
+        if (rc != 0) report({carrier, from}, bulk_reason(rc, from));
         return rc == 0;
       },
       &failed);
