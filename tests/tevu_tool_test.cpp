@@ -267,18 +267,11 @@ TEST_F(Tool, UsageErrorsAndHelp) {
     EXPECT_EQ(r.out, "");
   }
 
+  // Every command's own help is checked against the manual page and the
+  // completion by the documents' test.
   Result r = run({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out.rfind("Usage: tevu [--help | --version] COMMAND", 0), 0u) << r.out;
-  for (const char* command : {"set", "get", "list", "del", "find", "rename", "import",
-                              "export", "deleted", "moved", "cleanup", "view", "limits"}) {
-    EXPECT_NE(r.out.find(std::string("\n  ") + command + " "), std::string::npos)
-        << command;
-    const Result help = run({command, "--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.out.rfind(std::string("Usage: tevu ") + command, 0), 0u)
-        << help.out;
-  }
   EXPECT_EQ(run({"help", "moved"}).out, run({"moved", "-h"}).out);
   EXPECT_EQ(run({"--version"}).out, "tevu 0.1.0\n");
 }
