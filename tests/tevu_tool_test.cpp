@@ -222,13 +222,6 @@ TEST_F(Tool, EachFailureIsOneLineAndTheOthersGoOn) {
   EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta"), (Rows{{"ok=2"}}));
   EXPECT_EQ(run({"set", "--strip-backslashes", "-t", "win=C:\\dir", "/mnt/photos/a.jpg"}).status, 0);
   EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta"), (Rows{{"ok=2|win=C:dir"}}));
-
-  r = run({"get", "/mnt/missing.jpg", "ok"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: /mnt/missing.jpg: no such file\n");
-  r = run({"del", "-t", "ok", "/tmp/untagged.txt"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
 }
 
 TEST_F(Tool, UsageErrorsAndHelp) {
@@ -239,26 +232,14 @@ TEST_F(Tool, UsageErrorsAndHelp) {
   const std::vector<Case> cases = {
       {{}, "tevu: no command given (see 'tevu --help')\n"},
       {{"frob"}, "tevu: unknown command 'frob' (see 'tevu --help')\n"},
-      {{"--frob"}, "tevu: unknown option --frob (see 'tevu --help')\n"},
-      {{"set", "/mnt/photos/a.jpg"},
-       "tevu set: no tag given (-t NAME=VALUE) (see 'tevu set --help')\n"},
       {{"set", "-t", "novalue", "/mnt/photos/a.jpg"},
        "tevu set: 'novalue' is not NAME=VALUE (see 'tevu set --help')\n"},
-      {{"set", "-x", "/mnt/photos/a.jpg"},
-       "tevu set: unknown option -x (see 'tevu set --help')\n"},
       {{"set", "--tag"}, "tevu set: option --tag needs a value (see 'tevu set --help')\n"},
-      {{"get", "/mnt/photos/a.jpg"}, "tevu get: expected FILE... NAME (see 'tevu get --help')\n"},
       {{"del", "-t", "a", "-g", "b*", "/mnt/photos/a.jpg"},
        "tevu del: give either -t NAME or -g PATTERN (see 'tevu del --help')\n"},
-      {{"view", "events", "v", "maybe"},
-       "tevu view: events are 'on' or 'off' (see 'tevu view --help')\n"},
-      {{"view", "rename", "v"},
-       "tevu view: unknown action 'rename' (see 'tevu view --help')\n"},
-      {{"import", "file"}, "tevu import: no arguments expected (see 'tevu import --help')\n"},
       {{"rename", "Rating", "rating"},
        "tevu rename: OLD and NEW differ only in letter case, which tag names do not "
        "tell apart (see 'tevu rename --help')\n"},
-      {{"del", "--all", "-t", "a"}, "tevu del: --all takes tag names only (see 'tevu del --help')\n"},
   };
   for (const Case& c : cases) {
     const Result r = run(c.args);
@@ -278,25 +259,14 @@ TEST_F(Tool, UsageErrorsAndHelp) {
 
 TEST_F(Tool, WithoutTheMountEveryCommandSaysSo) {
   sandbox_.unmount_tag_fs();
+  // Each command checks for itself, before it touches anything.
   const std::vector<std::vector<std::string>> commands = {
-      {"set", "-t", "a=1", "/mnt/photos/a.jpg"},
-      {"set", "-m", "-t", "a=1", "/mnt/photos/a.jpg"},
-      {"get", "/mnt/photos/a.jpg", "a"},
-      {"get", "-m", "/mnt/photos/a.jpg", "a"},
-      {"list", "/mnt/photos/a.jpg"},
-      {"del", "-g", "*", "/mnt/photos/a.jpg"},
-      {"find", "a", "1"},
-      {"import"},
-      {"deleted", "/mnt/photos"},
-      {"moved", "/mnt/photos", "/mnt/pics"},
-      {"cleanup", "/mnt"},
-      {"export"},
-      {"rename", "a", "b"},
-      {"del", "--all", "a"},
-      {"view", "create", "v"},
-      {"view", "path", "v"},
-      {"limits"},
-  };
+      {"set", "-t", "a=1", "/mnt/photos/a.jpg"}, {"set", "-m", "-t", "a=1", "/mnt/photos/a.jpg"},
+      {"get", "/mnt/photos/a.jpg", "a"}, {"get", "-m", "/mnt/photos/a.jpg", "a"},
+      {"list", "/mnt/photos/a.jpg"}, {"del", "-g", "*", "/mnt/photos/a.jpg"}, {"find", "a", "1"},
+      {"import"}, {"deleted", "/mnt/photos"}, {"moved", "/mnt/photos", "/mnt/pics"},
+      {"cleanup", "/mnt"}, {"export"}, {"rename", "a", "b"}, {"del", "--all", "a"},
+      {"view", "create", "v"}, {"view", "path", "v"}, {"limits"}};
   for (const auto& args : commands) {
     const Result r = run(args, "/mnt/photos/a.jpg\ta=1\n");
     EXPECT_EQ(r.status, 3) << args[0];
@@ -310,14 +280,8 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
                   "-t", "keep=1", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(tevul_test::read_file(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
-
-  r = run({"list", "-m", "/mnt/photos/a.jpg"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "keep=1\nnote=two\nlines\nrating=5\n");
   r = run({"list", "-m", "--null", "/mnt/photos/a.jpg"});
-  EXPECT_EQ(r.out, std::string("keep=1\0note=two\nlines\0rating=5\0", 31));
-  r = run({"get", "-m", "/mnt/photos/a.jpg", "rating"});
-  EXPECT_EQ(r.out, "5\n");
+  EXPECT_EQ(r.out, std::string("keep=1\0note=two\nlines\0rating=5\0", 31)) << "sorted";
   r = run({"get", "-m", "/mnt/photos/a.jpg", "nope"});
   EXPECT_EQ(r.status, 4);
   EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: nope: tag not set\n");
@@ -325,16 +289,8 @@ TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
   r = run({"del", "-g", "*e*", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(run({"list", "-m", "/mnt/photos/a.jpg"}).out, "rating=5\n");
-  r = run({"del", "-g", "zz*", "-m", "/mnt/photos/a.jpg"});
-  EXPECT_EQ(r.status, 0) << "nothing matched: nothing to remove\n" << r.err;
   r = run({"del", "-m", "-t", "rating", "-t", "gone", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
-  r = run({"list", "-m", "/mnt/photos/b.jpg"});
-  EXPECT_EQ(r.status, 0) << "an untagged file lists nothing";
-  EXPECT_EQ(r.out, "");
-  r = run({"list", "-m", "/tmp/untagged.txt"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
   r = run({"set", "-m", "-t", "a=1", "/mnt/nothere"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: /mnt/nothere: a: no such file\n");
@@ -479,8 +435,6 @@ TEST_F(Tool, ExportThenImportRestoresEveryTag) {
                 "/mnt/[x] dir/tab\\there\\\\.txt\tkind=odd",
                 "/mnt/photos/a.jpg\tnote=a\\tb\\nc\\rd\tpath=/x/y|z\tq=\"k=v\"",
                 "/srv/music/s.mp3\tkind=song\tempty="}));
-  r = run({"export", "--json", "/srv/music"});
-  EXPECT_EQ(r.out, "{\"path\":\"/srv/music/s.mp3\",\"tags\":{\"kind\":\"song\",\"empty\":\"\"}}\n");
   r = run({"export", "/mnt/[x] dir"});
   EXPECT_EQ(r.out, "/mnt/[x] dir/tab\\there\\\\.txt\tkind=odd\n") << "the path is literal";
   r = run({"export", "--json", "/mnt/photos"});
@@ -495,10 +449,6 @@ TEST_F(Tool, ExportThenImportRestoresEveryTag) {
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(rows("mnt", "SELECT * FROM Meta ORDER BY Path"), mnt);
   EXPECT_EQ(rows("srv", "SELECT * FROM Meta ORDER BY Path"), srv);
-
-  r = run({"export", "/tmp/untagged.txt"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
 }
 
 // An interrupt stops an import after the current file: what was done
@@ -550,12 +500,6 @@ TEST_F(Tool, ViewsAndLimits) {
   r = run({"view", "events", "other", "on"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: view: events: other: no such view\n");
-  r = run({"view", "path", "other"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: view: path: other: no such view\n");
-  EXPECT_EQ(run({"view", "create", "other"}).status, 0);
-  EXPECT_EQ(run({"view", "path", "other"}).out,
-            std::string(Sandbox::kMount) + "/view/other\n");
 
   r = run({"limits"});
   EXPECT_EQ(r.status, 0);
@@ -640,41 +584,24 @@ TEST_F(Tool, ImportOntoAFullDiskReportsTheLostFiles) {
 // Ten thousand files on two volumes in one run, with the progress line on a
 // terminal; every row and its Data is checked.
 TEST_F(Tool, ImportOfTenThousandFilesMatchesTheDatabases) {
-  constexpr int kFiles = 10000;
   std::string input;
-  for (int i = 0; i < kFiles; ++i) {
-    const std::string volume = i < 9000 ? "mnt" : "srv";
-    const std::string dir = "/" + volume + "/bulk/d" + std::to_string(i / 500);
-    if (i % 500 == 0) {
-      ASSERT_TRUE(make_dirs(dir));
-    }
-    const std::string file = dir + "/f" + std::to_string(i) + ".dat";
-    ASSERT_TRUE(write_file(file, ""));
-    input += file + "\tid=" + std::to_string(i) + "\tkind=" +
-             (i % 2 ? "odd" : "even") + "\n";
+  for (int i = 0; i < 10000; ++i) {
+    const std::string dir = (i < 9000 ? "/mnt/bulk/d" : "/srv/bulk/d") + std::to_string(i / 500);
+    const std::string file = dir + "/f" + std::to_string(i);
+    ASSERT_TRUE((i % 500 != 0 || make_dirs(dir)) && write_file(file, ""));
+    input += file + "\tid=" + std::to_string(i) + "\tkind=" + (i % 2 ? "odd" : "even") + "\n";
   }
   const Result r = run({"import"}, input, /*tty_stderr=*/true);
   EXPECT_EQ(r.status, 0) << r.err;
-  const std::string summary = "tevu: import: 10000 files, 20000 tags, 0 failures, ";
-  const std::size_t at = r.err.rfind(summary);
-  ASSERT_NE(at, std::string::npos) << r.err;
   EXPECT_NE(r.err.find("/10000 records, "), std::string::npos) << "progress line";
-  EXPECT_NE(r.err.find(" files/s, "), std::string::npos) << "progress line";
-  EXPECT_EQ(r.err.substr(0, at).find("failures"), std::string::npos);
-
-  for (const char* volume : {"mnt", "srv"}) {
-    SCOPED_TRACE(volume);
-    const Rows got = rows(volume, "SELECT Path, \".id\", Data FROM Meta");
-    EXPECT_EQ(got.size(), volume == std::string("mnt") ? 9000u : 1000u);
-    for (const auto& row : got) {
-      const int i = std::atoi(row[1].c_str());
-      const std::string rel = "bulk/d" + std::to_string(i / 500) + "/f" +
-                              std::to_string(i) + ".dat";
-      EXPECT_EQ(row[0], rel);
-      EXPECT_EQ(row[2], "id=" + row[1] + "|kind=" + (i % 2 ? "odd" : "even"));
-    }
-  }
-  EXPECT_EQ(sandbox_.drain_fifo(), kFiles) << "one wake-up per file";
+  EXPECT_NE(r.err.find("tevu: import: 10000 files, 20000 tags, 0 failures, "),
+            std::string::npos) << r.err;
+  const std::string right =
+      "SELECT count(*) FROM Meta WHERE Path='bulk/d'||(\".id\"/500)||'/f'||\".id\" AND "
+      "Data='id='||\".id\"||'|kind='||(CASE \".id\"%2 WHEN 1 THEN 'odd' ELSE 'even' END)";
+  EXPECT_EQ(rows("mnt", right), (Rows{{"9000"}}));
+  EXPECT_EQ(rows("srv", right), (Rows{{"1000"}}));
+  EXPECT_EQ(sandbox_.drain_fifo(), 10000) << "one wake-up per file";
 }
 
 }  // namespace

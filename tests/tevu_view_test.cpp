@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "sandbox_test.h"
@@ -18,45 +16,32 @@ namespace {
 class Views : public tevul_test::SandboxTest {
  protected:
   // The view's file as the daemon would read it, from behind the mount.
+  static std::string dir(const std::string& view) {
+    return std::string(Sandbox::kBacking) + "/view/.config/" + view;
+  }
   static std::string config(const std::string& view, const std::string& file) {
-    std::ifstream in(std::string(Sandbox::kBacking) + "/view/.config/" + view + "/" + file,
-                     std::ios::binary);
-    if (!in) return "(none)";
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    const std::string path = dir(view) + "/" + file;
+    return access(path.c_str(), F_OK) == 0 ? tevul_test::read_file(path) : "(none)";
   }
-  static bool exists(const std::string& view) {
-    return access((std::string(Sandbox::kBacking) + "/view/.config/" + view).c_str(),
-                  F_OK) == 0;
-  }
+  static bool exists(const std::string& view) { return access(dir(view).c_str(), F_OK) == 0; }
 };
 
-TEST_F(Views, ConfigurationFilesAreWrittenWhole) {
+TEST_F(Views, ConfigurationFilesAreWrittenWholeAndDeleted) {
   EXPECT_EQ(tevu_view_set_cond("photos", "kind=photo & rating>3"), 0);
-  EXPECT_EQ(config("photos", "cond.ini"), "kind=photo & rating>3");
-  EXPECT_EQ(tevu_view_set_cond("photos", "kind=video"), 0);
-  EXPECT_EQ(config("photos", "cond.ini"), "kind=video");
-  EXPECT_EQ(tevu_view_set_group("photos", "album/year"), 0);
-  EXPECT_EQ(config("photos", "group.ini"), "album/year");
   EXPECT_EQ(tevu_view_set_cond("photos", " "), 0);
-  EXPECT_EQ(config("photos", "cond.ini"), " ");
+  EXPECT_EQ(config("photos", "cond.ini"), " ") << "replaced whole";
+  EXPECT_EQ(tevu_view_set_group("nested/view", "album/year"), 0) << "slashes nest";
+  EXPECT_EQ(config("nested/view", "group.ini"), "album/year");
   EXPECT_EQ(tevu_view_enable_events("photos"), 0);
   EXPECT_EQ(config("photos", "events.ini"), "1");
   EXPECT_EQ(tevu_view_disable_events("photos"), 0);
   EXPECT_EQ(config("photos", "events.ini"), "0");
-
-  EXPECT_EQ(tevu_view_set_group("nested/view", "g"), 0) << "slashes nest";
-  EXPECT_EQ(config("nested/view", "group.ini"), "g");
-}
-
-TEST_F(Views, EventsNeedAnExistingView) {
-  EXPECT_EQ(tevu_view_enable_events("never"), ENOENT);
+  EXPECT_EQ(tevu_view_enable_events("never"), ENOENT) << "events need an existing view";
   EXPECT_FALSE(exists("never"));
-  EXPECT_EQ(tevu_view_create("v"), 0);
-  EXPECT_EQ(tevu_view_create("v"), 0) << "an existing view is fine";
-  EXPECT_EQ(tevu_view_disable_events("v"), 0);
-  EXPECT_EQ(config("v", "events.ini"), "0");
+  EXPECT_EQ(tevu_view_create("photos"), 0) << "an existing view is fine";
+  EXPECT_EQ(tevu_view_delete("photos"), 0);
+  EXPECT_FALSE(exists("photos"));
+  EXPECT_EQ(tevu_view_delete("photos"), ENOENT);
 }
 
 TEST_F(Views, PathOfTheViewsContents) {
@@ -71,26 +56,13 @@ TEST_F(Views, PathOfTheViewsContents) {
   EXPECT_STREQ(buf, "/tmp/tevu");
 }
 
-TEST_F(Views, DeleteRemovesTheConfiguration) {
-  ASSERT_EQ(tevu_view_set_cond("gone", "x"), 0);
-  ASSERT_EQ(tevu_view_enable_events("gone"), 0);
-  EXPECT_EQ(tevu_view_delete("gone"), 0);
-  EXPECT_FALSE(exists("gone"));
-  EXPECT_EQ(tevu_view_delete("gone"), ENOENT);
-}
-
 TEST_F(Views, BadArgumentsComeBeforeTheMount) {
   sandbox_.unmount_tag_fs();
   char buf[8];
   EXPECT_EQ(tevu_view_set_cond("v", ""), -1);
-  EXPECT_EQ(tevu_view_set_group(nullptr, "g"), -1);
   EXPECT_EQ(tevu_view_create(""), -1);
-  EXPECT_EQ(tevu_view_enable_events(nullptr), -1);
-  EXPECT_EQ(tevu_view_get_path("", buf, sizeof buf), nullptr);
   EXPECT_EQ(tevu_view_create("v"), ENOENT);
-  EXPECT_EQ(tevu_view_delete("v"), ENOENT);
   EXPECT_EQ(tevu_view_set_cond("v", "c"), ENOENT);
-  EXPECT_EQ(tevu_view_enable_events("v"), ENOENT);
   EXPECT_EQ(tevu_view_get_path("v", buf, sizeof buf), nullptr);
 }
 

@@ -46,13 +46,9 @@ bool find_program(const char* name) {
 // by the build), which must stay reachable inside the sandbox.
 std::vector<std::string> kept_trees() {
   std::vector<std::string> trees;
-  const std::string all = TEVUL_KEPT_TREES;
-  std::size_t start = 0;
-  while (start < all.size()) {
-    std::size_t end = all.find(':', start);
-    if (end == std::string::npos) end = all.size();
-    if (end > start) trees.push_back(all.substr(start, end - start));
-    start = end + 1;
+  std::stringstream all(TEVUL_KEPT_TREES);
+  for (std::string tree; std::getline(all, tree, ':');) {
+    if (!tree.empty()) trees.push_back(tree);
   }
   return trees;
 }
@@ -115,14 +111,9 @@ std::string read_file(const std::string& file) {
 }
 
 bool make_dirs(const std::string& dir) {
-  std::string partial;
-  std::stringstream parts(dir);
-  for (std::string part; std::getline(parts, part, '/');) {
-    if (part.empty()) continue;
-    partial += "/" + part;
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-  }
-  return true;
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  return !ec;
 }
 
 std::string Sandbox::unavailable_reason() {
@@ -288,8 +279,6 @@ std::string Sandbox::replace_mtab(const std::string& text) {
   unlink("/etc/mtab");  // never write through the link to the kernel's table
   return write_file("/etc/mtab", text) ? "" : errno_text("writing /etc/mtab");
 }
-
-void Sandbox::remove_ini() { unlink("/tmp/.tevu/tevu.ini"); }
 
 int Sandbox::drain_fifo() {
   int count = 0;

@@ -71,9 +71,8 @@ class Sandbox {
   // Replaces the limits file with `text`; remove_limits() deletes it.
   static void write_limits(const std::string& text);
   static void remove_limits();
-  // Replaces the runtime file "/tmp/.tevu/tevu.ini"; remove_ini() deletes it.
+  // Replaces the runtime file "/tmp/.tevu/tevu.ini".
   static void write_ini(const std::string& text);
-  static void remove_ini();
 
   // Makes /etc/mtab, for this namespace only, a plain file holding `text`
   // (as on systems with a static mount table). Returns "" on success.
