@@ -49,7 +49,6 @@ TEST_F(EventTrigger, OneZeroBytePerWakeUpOnTheDoubledSlashPath) {
 // Only a FIFO is ever written: a regular file, a directory or a link to a
 // tag database at the FIFO's place counts as no FIFO and stays as it was.
 TEST_F(EventTrigger, AnythingButAFifoCountsAsAbsent) {
-  tevul_test::make_dirs("/tmp/.tevu/plain");
   tevul_test::write_file("/tmp/.tevu/plain/action_trigger", "data");
   tevul_test::make_dirs("/tmp/.tevu/dir/action_trigger");
   tevul_test::make_dirs("/tmp/.tevu/link");

@@ -3,6 +3,8 @@
 // the file, two connections of one process sharing SQLite's cache).
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <future>
@@ -12,7 +14,6 @@
 #include <vector>
 
 #include "db_support.h"
-#include "lock_holder.h"
 #include "metadb_bulk.h"
 #include "metadb_tagdb.h"
 
@@ -97,27 +98,38 @@ TEST(ErrnoTable, MapsEveryResultCode) {
 
 using Locks = TagDbTest;
 
+// Another process holds the write lock for 400 ms: a write of this one,
+// alone or in a transaction, waits it out.
 TEST_F(Locks, AnotherProcessHoldingTheFileIsWaitedOut) {
-  db_.reset();
-  tevul_test::LockHolder other(file_);  // before this process opens SQLite
-  Handle db(metadb_tagdb_open(file_.c_str()));
-  other.hold(400);
-  auto start = Clock::now();
-  EXPECT_EQ(metadb_tagdb_settag(db.get(), "a", "t", "1"), 0) << "an autocommit write";
-  EXPECT_GE(ms_since(start), 300);
-  other.wait_committed();
-
-  other.hold(400);
-  start = Clock::now();
-  EXPECT_EQ(metadb_tagdb_transaction_start(db.get()), 0);
-  EXPECT_EQ(metadb_tagdb_settag(db.get(), "b", "t", "2"), 0);
-  EXPECT_EQ(metadb_tagdb_sync(db.get(), "b"), 0);
-  EXPECT_EQ(metadb_tagdb_transaction_commit(db.get()), 0);
-  EXPECT_GE(ms_since(start), 300);
-  other.wait_committed();
-  RawDb raw(file_);
-  EXPECT_EQ(raw.value("SELECT count(*) FROM Meta"), "4") << "two rows of each";
-  EXPECT_EQ(raw.value("SELECT Data FROM Meta WHERE Path='b'"), "t=2");
+  db_.reset();  // the other process inherits no open connection
+  for (const bool in_transaction : {false, true}) {
+    int locked[2];
+    ASSERT_EQ(pipe(locked), 0);
+    const pid_t other = fork();
+    if (other == 0) {
+      RawDb raw(file_);
+      raw.exec("BEGIN IMMEDIATE; INSERT INTO Meta(Path) VALUES ('other')");
+      if (write(locked[1], "l", 1) != 1) _exit(1);
+      usleep(400000);
+      raw.exec("DELETE FROM Meta WHERE Path='other'; COMMIT");
+      _exit(0);
+    }
+    char byte;
+    ASSERT_EQ(read(locked[0], &byte, 1), 1);
+    const auto start = Clock::now();
+    Handle db(metadb_tagdb_open(file_.c_str()));
+    EXPECT_EQ(in_transaction ? metadb_tagdb_transaction_start(db.get()) : 0, 0);
+    EXPECT_EQ(metadb_tagdb_settag(db.get(), "b", "t", "2"), 0);
+    EXPECT_EQ(metadb_tagdb_sync(db.get(), "b"), 0);
+    EXPECT_EQ(in_transaction ? metadb_tagdb_transaction_commit(db.get()) : 0, 0);
+    EXPECT_GE(ms_since(start), 300);
+    int status = 0;
+    EXPECT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
+    close(locked[0]);
+    close(locked[1]);
+  }
+  EXPECT_EQ(RawDb(file_).rows("SELECT Path, Data FROM Meta"), (Rows{{"b", "t=2"}}));
 }
 
 // Two handles of one process share the cache: the second writer meets a

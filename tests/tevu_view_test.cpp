@@ -70,7 +70,6 @@ TEST_F(Views, BadArgumentsComeBeforeTheMount) {
 // configuration (the volume links, any directory of the device): refused
 // by every view function, and nothing changes. "a/b" is a nested view.
 TEST_F(Views, NamesNeverLeaveTheConfiguration) {
-  ASSERT_TRUE(tevul_test::make_dirs("/tmp/victim/sub"));
   ASSERT_TRUE(tevul_test::write_file("/tmp/victim/sub/f", "x"));
   ASSERT_EQ(tevu_view_set_cond("best", "rating=5"), 0);
   ASSERT_EQ(tevu_view_set_cond("a/b", "nested"), 0);

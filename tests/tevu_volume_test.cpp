@@ -78,11 +78,6 @@ TEST_F(LimitsFile, FollowsTheScanRules) {
   EXPECT_EQ(tevu_getmaxnamelen(), 0);
 }
 
-TEST_F(LimitsFile, UnknownWithoutAMount) {
-  sandbox_.unmount_tag_fs();
-  EXPECT_EQ(tevu_getmaxnamelen(), 0);
-}
-
 class VolumeLinks : public tevul_test::SandboxTest {
  protected:
   static void link(const std::string& name, const std::string& target) {

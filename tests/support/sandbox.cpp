@@ -29,9 +29,7 @@ constexpr const char* kFuseOptions =
     "allow_other,minfreespace=0,category.create=ff,cache.files=off,"
     "cache.attr=0,cache.entry=0,cache.negative_entry=0";
 
-std::string errno_text(const std::string& what) {
-  return what + ": " + std::strerror(errno);
-}
+std::string errno_text(const std::string& what) { return what + ": " + std::strerror(errno); }
 
 bool find_program(const char* name) {
   const char* path = getenv("PATH");
@@ -40,17 +38,6 @@ bool find_program(const char* name) {
     if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
   }
   return false;
-}
-
-// The checkout and the build tree (TEVUL_KEPT_TREES, colon-separated, set
-// by the build), which must stay reachable inside the sandbox.
-std::vector<std::string> kept_trees() {
-  std::vector<std::string> trees;
-  std::stringstream all(TEVUL_KEPT_TREES);
-  for (std::string tree; std::getline(all, tree, ':');) {
-    if (!tree.empty()) trees.push_back(tree);
-  }
-  return trees;
 }
 
 bool is_mounted(const std::string& mount_point) {
@@ -98,6 +85,8 @@ long long count_rows(const std::string& file, const std::string& where) {
 }
 
 bool write_file(const std::string& file, const std::string& text) {
+  const std::size_t slash = file.rfind('/');
+  if (slash != std::string::npos && slash > 0 && !make_dirs(file.substr(0, slash))) return false;
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << text;
   return static_cast<bool>(out);
@@ -144,9 +133,11 @@ std::string Sandbox::start(const std::vector<std::string>& volumes,
   std::vector<std::string> covered = {"/tmp"};
   for (const auto& v : volumes) covered.push_back(volume_root(v));
   std::vector<std::pair<std::string, int>> kept;
-  for (const std::string& tree : kept_trees()) {
+  // TEVUL_KEPT_TREES, set by the build: the checkout and the build tree.
+  std::stringstream trees(TEVUL_KEPT_TREES);
+  for (std::string tree; std::getline(trees, tree, ':');) {
     for (const std::string& dir : covered) {
-      if (tree.compare(0, dir.size() + 1, dir + "/") != 0) continue;
+      if (tree.empty() || tree.compare(0, dir.size() + 1, dir + "/") != 0) continue;
       const int fd = open(tree.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
       if (fd < 0) return errno_text("holding " + tree);
       kept.emplace_back(tree, fd);

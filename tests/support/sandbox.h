@@ -39,8 +39,7 @@ class Sandbox {
   Sandbox(const Sandbox&) = delete;
   Sandbox& operator=(const Sandbox&) = delete;
 
-  // Why a sandbox cannot be built here ("" when it can): not root, no
-  // mergerfs, no /dev/fuse.
+  // Why a sandbox cannot be built here ("" when it can).
   static std::string unavailable_reason();
 
   // Enters a private mount namespace and builds the setting with the given
@@ -59,12 +58,8 @@ class Sandbox {
   // Unmounts the tag file system (the library's cached mount point stays).
   void unmount_tag_fs();
 
-  static std::string volume_root(const std::string& volume) {
-    return "/" + volume;
-  }
-  static std::string db_path(const std::string& volume) {
-    return "/" + volume + "/.tags.db";
-  }
+  static std::string volume_root(const std::string& volume) { return "/" + volume; }
+  static std::string db_path(const std::string& volume) { return "/" + volume + "/.tags.db"; }
   static std::string meta_backing() { return std::string(kBacking) + "/meta"; }
   static std::string fifo_path();
 
@@ -88,7 +83,8 @@ class Sandbox {
   int fifo_reader_ = -1;
 };
 
-// Writes `text` to `file`, replacing it; returns false on failure.
+// Writes `text` to `file`, replacing it and creating its missing parent
+// directories; returns false on failure.
 bool write_file(const std::string& file, const std::string& text);
 // Creates the tag database `file` (replacing any file there) with an empty
 // table Meta, as the daemon does for a new volume. Returns "" on success, otherwise what failed.
