@@ -1,4 +1,9 @@
 // Single tags through the mount. See tevu_tagfile.h.
+//
+// The family's results: 0, ENOENT (no mount, a missing argument), EINVAL (a
+// name that would leave its tag directory), ENAMETOOLONG, or the errno of the
+// failing system call. tag_file_path() decides all but the last for every
+// function of the family.
 #include "tevu_tagfile.h"
 
 #include <errno.h>

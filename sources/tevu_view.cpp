@@ -1,4 +1,8 @@
 // Views. See tevu_view.h.
+//
+// The family's results: 0, kBadArgument (-1) for a bad name or text, ENOENT
+// without a mount, ENAMETOOLONG, or the errno of the failing system call.
+// config_path() decides all but the last for every function of the family.
 #include "tevu_view.h"
 
 #include <errno.h>
