@@ -12,7 +12,6 @@
 
 namespace {
 
-
 // The default time of the stat templates; meant to be set once at start-up.
 int32_t g_default_time = 0;
 

@@ -37,7 +37,6 @@ constexpr char kDropDelSql[] = "DROP TABLE IF EXISTS _Del_";
 constexpr char kDeleteCollectedSql[] =
     "DELETE FROM Meta WHERE Path IN (SELECT Delpath FROM _Del_);VACUUM";
 
-
 bool usable(const metadb_tagdb* tagdb) {
   return tagdb != nullptr && tagdb->db;
 }

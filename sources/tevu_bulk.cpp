@@ -13,7 +13,6 @@
 
 namespace {
 
-
 // The meta directory as tevu_bulk_setpath() sees it: its own process-wide
 // cache, independent of the volume module's, filled once and never reset.
 char g_setpath_meta_dir[tevul::kPathSize];
@@ -40,7 +39,6 @@ int check_lengths(const tevu_bulk_ctx* ctx, const char* name,
 // that volume (the volume root may stand without its final "/"), and only a
 // context with a database has changes pending.
 void check_invariant(const tevu_bulk_ctx* ctx) {
-  static_cast<void>(ctx);
   TEVUL_INVARIANT(ctx->dirty == 0 || ctx->tagdb);
   if (!ctx->tagdb) return;
   const int32_t n = ctx->volume.prefix_len;

@@ -172,7 +172,7 @@ bool tevu_each_volume(const char* meta_dir,
   if (!dir) return false;
   while (const dirent* entry = readdir(dir.get())) {
     if (entry->d_type != DT_LNK) continue;
-    char db_file[tevul::kPathSize + 1];
+    char db_file[tevul::kLongPathSize];
     tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta_dir,
                       entry->d_name);
     if (visit(user, entry->d_name, db_file) != 0) break;

@@ -21,8 +21,8 @@
 // Where a volume's tag database is and which path prefix the volume has.
 struct tevu_volume {
   char db_path[tevul::kPathSize];  // target of the link <meta>/<name>@@db
-  char prefix[tevul::kPathSize]; // "/<name>/" or "<root>/", always ending in "/"
-  int32_t prefix_len;  // as the formatting call returned it
+  char prefix[tevul::kPathSize];   // "/<name>/" or "<root>/", ending in "/"
+  int32_t prefix_len;              // as the formatting call returned it
 };
 
 // The mount point of the tag file system: the mount directory of the first

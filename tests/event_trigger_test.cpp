@@ -35,7 +35,6 @@ TEST_F(EventTrigger, NothingAtThePathMeansNoTrigger) {
 }
 
 TEST_F(EventTrigger, OneZeroBytePerWakeUpOnTheDoubledSlashPath) {
-  EXPECT_EQ(Sandbox::fifo_path(), "/tmp/.tevu//tmp/tevu/action_trigger");
   const int fd = event_trigger_init(Sandbox::kMount);
   ASSERT_GT(fd, 0);
   event_trigger(fd);

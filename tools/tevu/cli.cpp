@@ -180,6 +180,10 @@ std::string setpath_reason(const std::string& path) {
   return "file is not on a tagged volume";
 }
 
+std::string counted(unsigned long n, const char* one, const char* many) {
+  return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
 std::string mount_point() {
   const char* mount = tevu_mount_point();
   return mount != nullptr ? mount : "";

@@ -143,12 +143,16 @@ std::string setpath_reason(const std::string& path);
 // The reason for a positive errno value.
 std::string errno_reason(int error);
 
+// `n` with the noun that fits it: counted(1, "file", "files") is "1 file".
+std::string counted(unsigned long n, const char* one, const char* many);
+
 // The mount point of the tag file system as the library finds it; "" when
 // there is none.
 std::string mount_point();
 
-// A field of the import and export records with its TAB, line feed, carriage return and backslash written as "\t", "\n", "\r" and
-// "\\", so that a record is one line whatever its values hold.
+// A field of the import and export records with its TAB, line feed,
+// carriage return and backslash written as "\t", "\n", "\r" and "\\", so
+// that a record is one line whatever its values hold.
 std::string escape_field(const std::string& text);
 
 // The reverse of escape_field(). Returns false, with the offending escape

@@ -78,10 +78,6 @@ unsigned long change_each(
   return changed;
 }
 
-std::string files_count(unsigned long n) {
-  return std::to_string(n) + (n == 1 ? " file" : " files");
-}
-
 }  // namespace
 
 int delete_everywhere(const std::vector<std::string>& names) {
@@ -102,7 +98,7 @@ int delete_everywhere(const std::vector<std::string>& names) {
           return rc == 0;
         },
         &failed);
-    report({"del", name}, "removed from " + files_count(removed));
+    report({"del", name}, "removed from " + counted(removed, "file", "files"));
   }
   return failed ? kExitFailed : kExitOk;
 }
@@ -163,7 +159,7 @@ int cmd_rename(int argc, char** argv) {
         return rc == 0;
       },
       &failed);
-  report(where, "renamed on " + files_count(renamed));
+  report(where, "renamed on " + counted(renamed, "file", "files"));
   return failed ? kExitFailed : kExitOk;
 }
 

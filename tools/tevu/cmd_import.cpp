@@ -34,11 +34,6 @@ struct Totals {
   unsigned long failures = 0;
 };
 
-// "1 file", "2 files".
-std::string counted(unsigned long n, const char* one, const char* many) {
-  return std::to_string(n) + " " + (n == 1 ? one : many);
-}
-
 // The records left to read on standard input when it is a regular file
 // (read from its current offset without moving it), or 0 when unknown.
 unsigned long count_records(int delimiter) {

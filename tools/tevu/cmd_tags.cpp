@@ -557,15 +557,9 @@ int print_found(void* user, const char* path) {
   FoundFiles* found = static_cast<FoundFiles*>(user);
   ++found->count;
   std::string record = path;
-  if (found->with_tags) {
-    tevu_file_tags(
-        path,
-        [](void* text, const char* name, const char* value) {
-          *static_cast<std::string*>(text) += std::string("\t") + name + "=" + value;
-          return 0;
-        },
-        &record);
-  }
+  std::vector<Tag> tags;
+  if (found->with_tags) file_tags(path, &tags);
+  for (const Tag& tag : tags) record += "\t" + tag.first + "=" + tag.second;
   emit(record, found->nul);
   return 0;
 }
