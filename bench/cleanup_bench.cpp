@@ -24,6 +24,21 @@ long g_rows_seen = 0;
 
 int every_tenth_gone(const char*, int) { return ++g_rows_seen % 10 == 0; }
 
+// The rows left in table Meta of `file`, or -1 when it cannot be read.
+long long count_rows(const std::string& file) {
+  sqlite3* db = nullptr;
+  sqlite3_stmt* stmt = nullptr;
+  long long rows = -1;
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, "SELECT count(*) FROM Meta", -1, &stmt, nullptr) == SQLITE_OK &&
+      sqlite3_step(stmt) == SQLITE_ROW) {
+    rows = sqlite3_column_int64(stmt, 0);
+  }
+  sqlite3_finalize(stmt);
+  sqlite3_close(db);
+  return rows;
+}
+
 bool build_database(const std::string& file, long rows) {
   sqlite3* db = nullptr;
   if (sqlite3_open(file.c_str(), &db) != SQLITE_OK) return false;
@@ -82,7 +97,7 @@ int main(int argc, char** argv) {
 
   std::printf("rows %ld: result %d, filter calls %ld, rows left %lld, %.3f s, "
               "peak RSS %ld KiB (before the cleanup %ld KiB)\n",
-              rows, rc, g_rows_seen, tevul_test::count_rows(file), seconds, after.ru_maxrss,
+              rows, rc, g_rows_seen, count_rows(file), seconds, after.ru_maxrss,
               before.ru_maxrss);
   unlink(file.c_str());
   return rc == 0 ? 0 : 1;

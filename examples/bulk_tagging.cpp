@@ -106,8 +106,12 @@ int main() {
   line("read back", number(checked) + " files, " + number(mismatches) + " mismatches");
   if (!example.empty()) line("for example", example);
   for (int v = 0; v < 2; ++v) {
-    line(std::string("rows in /") + kVolumes[v],
-         number(tevul_test::count_rows(Sandbox::db_path(kVolumes[v]), "Data IS NOT NULL")));
+    long long tagged = 0;
+    tevu_tagged_files(Sandbox::volume_root(kVolumes[v]).c_str(),
+                      [](void* count, const char*, size_t, const char* const*,
+                         const char* const*) { return ++*static_cast<long long*>(count), 0; },
+                      &tagged);
+    line(std::string("tagged in /") + kVolumes[v], number(tagged) + " files");
   }
   char timing[64];
   std::snprintf(timing, sizeof timing, "%.3f s (%.0f files/s)", seconds,

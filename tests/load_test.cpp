@@ -23,7 +23,8 @@
 using tevul_test::Bulk;
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
-using Rows = std::vector<std::vector<std::string>>;
+using tevul_test::Rows;
+using tevul_test::exit_status;
 
 namespace {
 
@@ -49,12 +50,6 @@ pid_t spawn(Body body) {
   const pid_t pid = fork();
   if (pid == 0) _exit(body());
   return pid;
-}
-
-int exit_status(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 class Load : public tevul_test::SandboxTest {

@@ -11,22 +11,12 @@
 
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
+using tevul_test::tag_file;
 
 namespace {
 
 class Lookup : public tevul_test::SandboxTest {
  protected:
-  // Tags files through the bulk API: each entry is path, then name/value
-  // pairs.
-  void tag(const std::string& path,
-           const std::vector<std::pair<std::string, std::string>>& tags) {
-    tevul_test::write_file(path, "x");
-    tevu_bulk_ctx* bulk = tevu_bulk_init();
-    ASSERT_EQ(tevu_bulk_setpath(bulk, path.c_str()), 0);
-    for (const auto& [name, value] : tags)
-      ASSERT_EQ(tevu_bulk_settag(bulk, name.c_str(), value.c_str()), 0);
-    tevu_bulk_fini(bulk);
-  }
   static std::string find(const char* tag, const char* value, int want = 0) {
     char buf[512];
     std::memset(buf, '#', sizeof buf);
@@ -39,8 +29,8 @@ class Lookup : public tevul_test::SandboxTest {
 // One volume holds a matching row that is not encoded yet (Data NULL), the
 // other a row whose value differs only in case: the second is the answer.
 TEST_F(Lookup, AcrossTwoVolumes) {
-  tag("/mnt/a.jpg", {{"id", "abc"}, {"kind", "photo"}});
-  tag("/srv/b.mp3", {{"id", "ABC"}, {"artist", "AC/DC"}});
+  tag_file("/mnt/a.jpg", {{"id", "abc"}, {"kind", "photo"}});
+  tag_file("/srv/b.mp3", {{"id", "ABC"}, {"artist", "AC/DC"}});
   {
     RawDb mnt(Sandbox::db_path("mnt"));
     mnt.exec("UPDATE Meta SET Data=NULL");
@@ -51,12 +41,12 @@ TEST_F(Lookup, AcrossTwoVolumes) {
   find("nosuchtag", "abc", ENOENT);
   find("artist", "AC\\/DC", ENOENT);  // stored values hold no backslash
   find("id\" OR 1=1 OR \"x", "abc", ENOENT);
-  tag("/srv/c", {{"serial", "42"}});
+  tag_file("/srv/c", {{"serial", "42"}});
   EXPECT_EQ(find("serial", "42"), "serial=42\n") << "a tag known to one volume only";
 }
 
 TEST_F(Lookup, EncodedListsBecomeLines) {
-  tag("/mnt/x", {{"id", "1"}});
+  tag_file("/mnt/x", {{"id", "1"}});
   RawDb mnt(Sandbox::db_path("mnt"));
   mnt.exec("UPDATE Meta SET Data='a=1|b=x\\|y'");
   EXPECT_EQ(find("id", "1"), "a=1\nb=x|y\n");
@@ -67,7 +57,7 @@ TEST_F(Lookup, EncodedListsBecomeLines) {
 }
 
 TEST_F(Lookup, ATextThatDoesNotFitIsCut) {
-  tag("/mnt/x", {{"id", "1"}, {"k", "v"}});  // "id=1\nk=v\n": 9 bytes
+  tag_file("/mnt/x", {{"id", "1"}, {"k", "v"}});  // "id=1\nk=v\n": 9 bytes
   char buf[16];
   EXPECT_EQ(tevu_metadata_for_tagvalue("id", "1", buf, 10), 0);
   EXPECT_STREQ(buf, "id=1\nk=v\n");

@@ -11,12 +11,11 @@
 #include "sandbox_test.h"
 
 using tevul_test::Bulk;
-using tevul_test::RawDb;
+using tevul_test::Rows;
 using tevul_test::Sandbox;
+using tevul_test::rows;
 
 namespace {
-
-using Rows = std::vector<std::vector<std::string>>;
 
 class BulkTest : public tevul_test::SandboxTest {
  protected:
@@ -29,9 +28,6 @@ class BulkTest : public tevul_test::SandboxTest {
   static std::string get(tevu_bulk_ctx* ctx, const char* name) {
     char buf[256];
     return tevu_bulk_gettag(ctx, name, buf, sizeof buf) == 0 ? buf : "(unset)";
-  }
-  static Rows rows(const std::string& volume, const std::string& sql) {
-    return RawDb(Sandbox::db_path(volume)).rows(sql);
   }
 };
 

@@ -12,29 +12,20 @@
 #include "sandbox_test.h"
 #include "tevul.h"
 
-using tevul_test::RawDb;
+using tevul_test::Rows;
 using tevul_test::Sandbox;
-using Rows = std::vector<std::vector<std::string>>;
 
 namespace {
 
 class Maintenance : public tevul_test::SandboxTest {
  protected:
-  // Creates and tags files (t = volume-relative path) through the bulk API.
+  // Creates and tags files (t = volume-relative path).
   void tag_files(const std::vector<std::string>& files) {
-    tevu_bulk_ctx* bulk = tevu_bulk_init();
-    ASSERT_NE(bulk, nullptr);
-    for (const auto& f : files) {
-      tevul_test::write_file(f, "x");
-      ASSERT_EQ(tevu_bulk_setpath(bulk, f.c_str()), 0) << f;
-      ASSERT_EQ(tevu_bulk_settag(bulk, "t", f.substr(5).c_str()), 0);
-    }
-    tevu_bulk_fini(bulk);
+    for (const auto& f : files) tevul_test::tag_file(f, {{"t", f.substr(5)}});
     sandbox_.drain_fifo();
   }
   static Rows rows(const std::string& volume) {
-    RawDb db(Sandbox::db_path(volume));
-    return db.rows("SELECT Path, \".t\", Data FROM Meta ORDER BY Path");
+    return tevul_test::rows(volume, "SELECT Path, \".t\", Data FROM Meta ORDER BY Path");
   }
 };
 
@@ -99,12 +90,10 @@ TEST_F(Maintenance, PathsWithPatternCharactersAreLiteral) {
   EXPECT_EQ(tevu_move("/mnt/[2019] Trip", "/mnt/2019 Trip"), 0);
   EXPECT_EQ(tevu_move("/mnt/[x]", "/srv/[x]"), 0);
 
-  RawDb mnt(Sandbox::db_path("mnt"));
-  EXPECT_EQ(mnt.rows("SELECT Path, \".r\" FROM Meta ORDER BY Path"),
+  EXPECT_EQ(tevul_test::rows("mnt", "SELECT Path, \".r\" FROM Meta ORDER BY Path"),
             (Rows{{"2 Trip/other.jpg", "NULL"}, {"2019 Trip/a.jpg", "NULL"},
                   {"Whats/up.jpg", "NULL"}, {"[x]/1", "1"}, {"x/2", "NULL"}}));
-  EXPECT_EQ(RawDb(Sandbox::db_path("srv")).rows("SELECT Path FROM Meta"),
-            (Rows{{"[x]/1"}}));
+  EXPECT_EQ(tevul_test::rows("srv", "SELECT Path FROM Meta"), (Rows{{"[x]/1"}}));
 }
 
 int g_calls = 0;

@@ -17,10 +17,10 @@
 
 using tevul_test::RawDb;
 using tevul_test::Sandbox;
+using tevul_test::tag_file;
 
 namespace {
 
-using Tags = std::vector<std::pair<std::string, std::string>>;
 using Files = std::vector<std::string>;
 
 class Query : public tevul_test::SandboxTest {
@@ -28,21 +28,11 @@ class Query : public tevul_test::SandboxTest {
   void SetUp() override {
     SandboxTest::SetUp();
     if (IsSkipped()) return;
-    tevu_bulk_ctx* bulk = tevu_bulk_init();
-    ASSERT_NE(bulk, nullptr);
-    tag(bulk, "/mnt/a.jpg", {{"kind", "photo"}, {"odd", "x|y/z\nw"}});
-    tag(bulk, "/mnt/b.jpg", {{"kind", "PHOTO"}});
-    tag(bulk, "/mnt/c.txt", {{"kind", "text"}});
-    tag(bulk, "/srv/d.jpg", {{"kind", "photo"}});
-    tevu_bulk_fini(bulk);
+    tag_file("/mnt/a.jpg", {{"kind", "photo"}, {"odd", "x|y/z\nw"}});
+    tag_file("/mnt/b.jpg", {{"kind", "PHOTO"}});
+    tag_file("/mnt/c.txt", {{"kind", "text"}});
+    tag_file("/srv/d.jpg", {{"kind", "photo"}});
     sandbox_.drain_fifo();
-  }
-  static void tag(tevu_bulk_ctx* bulk, const std::string& file, const Tags& tags) {
-    ASSERT_TRUE(tevul_test::write_file(file, "x"));
-    ASSERT_EQ(tevu_bulk_setpath(bulk, file.c_str()), 0);
-    for (const auto& t : tags) {
-      ASSERT_EQ(tevu_bulk_settag(bulk, t.first.c_str(), t.second.c_str()), 0);
-    }
   }
   // Every file of a walk as "path name=value ...".
   static int tagged(const char* dir, Files* out) {
@@ -91,10 +81,10 @@ TEST_F(Query, FindFilesByValueOrByTagOnEveryVolume) {
 }
 
 TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
+  tag_file("/mnt/[d]/in", {{"k", "1"}});
+  tag_file("/mnt/d/out", {{"k", "2"}});
+  tag_file("/mnt/[d]x", {{"k", "3"}});
   tevu_bulk_ctx* bulk = tevu_bulk_init();
-  tag(bulk, "/mnt/[d]/in", {{"k", "1"}});
-  tag(bulk, "/mnt/d/out", {{"k", "2"}});
-  tag(bulk, "/mnt/[d]x", {{"k", "3"}});
   ASSERT_EQ(tevu_bulk_setpath(bulk, "/mnt/c.txt"), 0);
   ASSERT_EQ(tevu_bulk_deltag(bulk, "kind"), 0);  // a row without tags
   tevu_bulk_fini(bulk);
@@ -122,12 +112,8 @@ TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
 // More rows than one batch, while another connection holds the write lock:
 // every file is found, nothing is written, the daemon is not woken.
 TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
-  tevu_bulk_ctx* bulk = tevu_bulk_init();
   const int n = 2 * tevu_query_batch + 3;
-  for (int i = 0; i < n; ++i) {
-    tag(bulk, "/srv/many" + std::to_string(i), {{"batch", "yes"}});
-  }
-  tevu_bulk_fini(bulk);
+  for (int i = 0; i < n; ++i) tag_file("/srv/many" + std::to_string(i), {{"batch", "yes"}});
   sandbox_.drain_fifo();
 
   RawDb writer(Sandbox::db_path("srv"));

@@ -21,14 +21,14 @@
 #include "db_support.h"
 #include "sandbox_test.h"
 
-using tevul_test::RawDb;
+using tevul_test::Rows;
 using tevul_test::Sandbox;
+using tevul_test::exit_status;
 using tevul_test::make_dirs;
+using tevul_test::rows;
 using tevul_test::write_file;
 
 namespace {
-
-using Rows = std::vector<std::vector<std::string>>;
 
 struct Result {
   int status = -1;
@@ -48,12 +48,6 @@ struct Result {
   argv.push_back(nullptr);
   execv(argv[0], argv.data());
   _exit(127);
-}
-
-int wait_status(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // Runs the tool with `input` on its standard input (a file) and collects
@@ -77,7 +71,7 @@ Result run(const std::vector<std::string>& args, const std::string& input = "",
     for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0;) result.err.append(buf, n);
     close(master);
   }
-  result.status = wait_status(pid);
+  result.status = exit_status(pid);
   result.out = tevul_test::read_file("/tmp/tool.out");
   if (!tty_stderr) result.err = tevul_test::read_file("/tmp/tool.err");
   return result;
@@ -102,10 +96,6 @@ class Tool : public tevul_test::SandboxTest {
                              "/tmp/untagged.txt"}) {
       ASSERT_TRUE(write_file(file, "data"));
     }
-  }
-  static Rows rows(const std::string& volume, const std::string& sql) {
-    RawDb db(Sandbox::db_path(volume));
-    return db.rows(sql);
   }
   // Where the daemon would show the tag files of `file` (behind the mount).
   static std::string tag_dir(const std::string& file) {
@@ -425,7 +415,7 @@ TEST_F(Tool, InterruptedImportKeepsWhatWasDone) {
     usleep(10000);
   }
   ASSERT_EQ(kill(pid, SIGINT), 0);
-  EXPECT_EQ(wait_status(pid), 130);
+  EXPECT_EQ(exit_status(pid), 130);
   close(input[1]);
   const std::string err = tevul_test::read_file("/tmp/tool.err");
   EXPECT_EQ(err.find("tevu: import: line 1: interrupted; the files before it are stored\n"

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -88,6 +89,21 @@ std::vector<std::string> RawDb::columns() {
   for (auto& row : rows("SELECT name FROM pragma_table_info('Meta')"))
     out.push_back(row[0]);
   return out;
+}
+
+Rows rows(const std::string& volume, const std::string& sql) {
+  return RawDb(Sandbox::db_path(volume)).rows(sql);
+}
+
+void tag_file(const std::string& file, const Tags& tags) {
+  if (access(file.c_str(), F_OK) != 0) ASSERT_TRUE(write_file(file, "x")) << file;
+  tevu_bulk_ctx* bulk = tevu_bulk_init();
+  ASSERT_NE(bulk, nullptr);
+  EXPECT_EQ(tevu_bulk_setpath(bulk, file.c_str()), 0) << file;
+  for (const auto& [name, value] : tags) {
+    EXPECT_EQ(tevu_bulk_settag(bulk, name.c_str(), value.c_str()), 0) << file << " " << name;
+  }
+  tevu_bulk_fini(bulk);
 }
 
 }  // namespace tevul_test

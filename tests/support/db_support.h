@@ -8,12 +8,16 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "sandbox.h"
 #include "tevul.h"
 
 namespace tevul_test {
+
+using Rows = std::vector<std::vector<std::string>>;
+using Tags = std::vector<std::pair<std::string, std::string>>;
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
 class TempDir {
@@ -58,6 +62,13 @@ class RawDb {
  private:
   sqlite3* db_ = nullptr;
 };
+
+// The rows of the query `sql` on the tag database of the sandbox's `volume`.
+Rows rows(const std::string& volume, const std::string& sql);
+
+// Creates `file` (with its directories) unless it exists and sets `tags` on
+// it through a bulk context of its own, committed on return.
+void tag_file(const std::string& file, const Tags& tags);
 
 struct TagDbCloser {
   void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }

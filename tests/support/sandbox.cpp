@@ -68,22 +68,6 @@ std::string create_tag_db(const std::string& file) {
   return rc == SQLITE_OK ? "" : "cannot create " + file;
 }
 
-long long count_rows(const std::string& file, const std::string& where) {
-  sqlite3* db = nullptr;
-  sqlite3_stmt* stmt = nullptr;
-  long long rows = -1;
-  const std::string sql =
-      "SELECT count(*) FROM Meta" + (where.empty() ? "" : " WHERE " + where);
-  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-      sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
-      sqlite3_step(stmt) == SQLITE_ROW) {
-    rows = sqlite3_column_int64(stmt, 0);
-  }
-  sqlite3_finalize(stmt);
-  sqlite3_close(db);
-  return rows;
-}
-
 bool write_file(const std::string& file, const std::string& text) {
   const std::size_t slash = file.rfind('/');
   if (slash != std::string::npos && slash > 0 && !make_dirs(file.substr(0, slash))) return false;
@@ -280,6 +264,12 @@ int Sandbox::drain_fifo() {
     count += static_cast<int>(n);
   }
   return all_zero ? count : -1;
+}
+
+int exit_status(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 std::string tree_snapshot(const std::string& dir) {

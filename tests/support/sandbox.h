@@ -89,13 +89,13 @@ bool write_file(const std::string& file, const std::string& text);
 // Creates the tag database `file` (replacing any file there) with an empty
 // table Meta, as the daemon does for a new volume. Returns "" on success, otherwise what failed.
 std::string create_tag_db(const std::string& file);
-// The rows of table Meta in the database `file` that satisfy the SQL
-// condition `where` (all rows when empty), or -1 when it cannot be read.
-long long count_rows(const std::string& file, const std::string& where = "");
 // The whole content of `file` ("" when it cannot be read).
 std::string read_file(const std::string& file);
 // Creates `dir` and its missing parents; returns false on failure.
 bool make_dirs(const std::string& dir);
+// Waits for the child `pid`: its exit status, 128 + the signal that ended
+// it, or -1 when it cannot be waited for.
+int exit_status(pid_t pid);
 // Every entry below `dir` (not following links) with its type, link target
 // or content, as one text, for "nothing changed" checks.
 std::string tree_snapshot(const std::string& dir);
