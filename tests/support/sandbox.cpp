@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <chrono>
 #include <cstring>
 #include <fstream>
@@ -31,15 +32,6 @@ constexpr const char* kFuseOptions =
 
 std::string errno_text(const std::string& what) { return what + ": " + std::strerror(errno); }
 
-bool find_program(const char* name) {
-  const char* path = getenv("PATH");
-  std::stringstream dirs(path ? path : "/usr/bin:/bin");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    if (access((dir + "/" + name).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
-
 bool is_mounted(const std::string& mount_point) {
   std::ifstream mounts("/proc/self/mounts");
   for (std::string line; std::getline(mounts, line);) {
@@ -56,13 +48,11 @@ bool is_mounted(const std::string& mount_point) {
 std::string create_tag_db(const std::string& file) {
   std::remove(file.c_str());
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(file.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                               SQLITE_OPEN_PRIVATECACHE,
-                           nullptr);
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_PRIVATECACHE;
+  int rc = sqlite3_open_v2(file.c_str(), &db, flags, nullptr);
   if (rc == SQLITE_OK) {
-    rc = sqlite3_exec(db, "CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT)",
-                      nullptr, nullptr, nullptr);
+    rc = sqlite3_exec(db, "CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT)", nullptr, nullptr,
+                      nullptr);
   }
   sqlite3_close(db);
   return rc == SQLITE_OK ? "" : "cannot create " + file;
@@ -94,13 +84,11 @@ std::string Sandbox::unavailable_reason() {
     return "needs root: the tests build a private mount namespace with tmpfs "
            "and FUSE mounts";
   }
-  if (!find_program("mergerfs")) return "needs mergerfs (Debian package mergerfs)";
+  if (std::system("command -v mergerfs >/dev/null") != 0) {
+    return "needs mergerfs (Debian package mergerfs)";
+  }
   if (access("/dev/fuse", R_OK | W_OK) != 0) return "needs /dev/fuse";
   return "";
-}
-
-std::string Sandbox::fifo_path() {
-  return std::string("/tmp/.tevu/") + kMount + "/action_trigger";
 }
 
 std::string Sandbox::start(const std::vector<std::string>& volumes,
@@ -169,9 +157,9 @@ std::string Sandbox::start(const std::vector<std::string>& volumes,
     }
     if (std::string err = create_tag_db(db_path(v)); !err.empty()) return err;
   }
-  write_limits(kDefaultLimits);
+  write_limits("TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n");
 
-  const std::string fifo = fifo_path();
+  const std::string fifo = std::string("/tmp/.tevu/") + kMount + "/action_trigger";
   if (!make_dirs(fifo.substr(0, fifo.rfind('/'))) || mkfifo(fifo.c_str(), 0666) != 0) {
     return errno_text("creating the FIFO");
   }

@@ -13,8 +13,8 @@
 //     "fuse.mergerfs";
 //   - the backing directory holds what the daemon would show: meta/ with a
 //     link per volume (meta/<v> -> ../.tagfiles/<v>) and its database link
-//     (meta/<v>@@db -> /<v>/.tags.db), meta/.info/limits.txt, and
-//     view/.config/;
+//     (meta/<v>@@db -> /<v>/.tags.db), meta/.info/limits.txt (names up to
+//     64 bytes, values up to 160), and view/.config/;
 //   - each volume has a real tag database holding the table Meta;
 //   - the daemon's FIFO exists, and the sandbox reads what arrives on it.
 // Everything disappears with the process. Building it needs root.
@@ -31,8 +31,6 @@ class Sandbox {
  public:
   static constexpr const char* kMount = "/tmp/tevu";
   static constexpr const char* kBacking = "/tmp/tevu-backing";
-  static constexpr const char* kDefaultLimits =
-      "TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n";
 
   Sandbox() = default;
   ~Sandbox();
@@ -61,7 +59,6 @@ class Sandbox {
   static std::string volume_root(const std::string& volume) { return "/" + volume; }
   static std::string db_path(const std::string& volume) { return "/" + volume + "/.tags.db"; }
   static std::string meta_backing() { return std::string(kBacking) + "/meta"; }
-  static std::string fifo_path();
 
   // Replaces the limits file with `text`; remove_limits() deletes it.
   static void write_limits(const std::string& text);
