@@ -87,13 +87,6 @@ TEST(ErrnoTable, MapsEveryResultCode) {
       {SQLITE_FORMAT, EBADF},  {SQLITE_RANGE, EINVAL},      {SQLITE_NOTADB, EBADF},
       {27, EIO},               {-1, EIO}};
   for (const auto& [code, number] : expected) EXPECT_EQ(metadb_errno(code), number) << code;
-#if defined(__mips__)
-  // The numbers the daemon and its scripts know on the 32-bit MIPS target.
-  EXPECT_EQ(metadb_errno(SQLITE_LOCKED), 45);
-  EXPECT_EQ(metadb_errno(SQLITE_FULL), 28);
-  EXPECT_EQ(ENAMETOOLONG, 78);
-  EXPECT_EQ(EFBIG, 27);
-#endif
 }
 
 using Locks = TagDbTest;

@@ -65,10 +65,4 @@ TEST_F(Lookup, ATextThatDoesNotFitIsCut) {
   EXPECT_STREQ(buf, "id=1\nk=v");
 }
 
-TEST_F(Lookup, NothingMountedNothingFound) {
-  sandbox_.unmount_tag_fs();
-  char buf[16];
-  EXPECT_EQ(tevu_metadata_for_tagvalue("id", "1", buf, sizeof buf), ENOENT);
-}
-
 }  // namespace

