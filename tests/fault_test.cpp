@@ -11,8 +11,7 @@
 #include <sstream>
 #include <string>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevul.h"
 
 using tevul_test::Bulk;

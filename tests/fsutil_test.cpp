@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "db_support.h"
+#include "test_support.h"
 #include "sandbox.h"
 #include "tevul.h"
 

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "db_support.h"
+#include "test_support.h"
 #include "metadb_bulk.h"
 #include "metadb_tagdb.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "db_support.h"
+#include "test_support.h"
 #include "tevul.h"
 
 using tevul_test::RawDb;

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "db_support.h"
+#include "test_support.h"
 
 using tevul_test::RawDb;
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "db_support.h"
+#include "test_support.h"
 #include "metadb_bulk.h"
 #include "metadb_tagdb.h"
 

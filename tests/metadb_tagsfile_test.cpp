@@ -5,8 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevul.h"
 
 using tevul_test::RawDb;

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 
 using tevul_test::Bulk;
 using tevul_test::Rows;

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevul.h"
 
 using tevul_test::Rows;

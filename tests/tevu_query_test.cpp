@@ -10,8 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevu_query.h"
 #include "tevul.h"
 

@@ -18,8 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "db_support.h"
-#include "sandbox_test.h"
+#include "test_support.h"
 
 using tevul_test::Rows;
 using tevul_test::Sandbox;

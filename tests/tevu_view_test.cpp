@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevul.h"
 
 using tevul_test::Sandbox;

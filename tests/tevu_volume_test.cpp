@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "sandbox_test.h"
+#include "test_support.h"
 #include "tevu_volume.h"
 
 using tevul_test::Sandbox;
@@ -17,15 +17,9 @@ using tevul_test::Sandbox;
 namespace {
 
 // A sandbox without the tag file system: the test mounts what it needs.
-class MountTable : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (std::string why = Sandbox::unavailable_reason(); !why.empty()) {
-      GTEST_SKIP() << why;
-    }
-    ASSERT_EQ(sandbox_.start({"mnt"}, false), "");
-  }
-  Sandbox sandbox_;
+class MountTable : public tevul_test::SandboxTest {
+  std::vector<std::string> volumes() const override { return {"mnt"}; }
+  bool mounts_tag_fs() const override { return false; }
 };
 
 TEST_F(MountTable, NeedsAFuseTypeAndATevuSourceAsFourBytePrefixes) {

@@ -1,4 +1,4 @@
-#include "db_support.h"
+#include "test_support.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

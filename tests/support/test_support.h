@@ -1,5 +1,5 @@
-// Test support: temporary directories and direct access to tag databases,
-// independent of the library under test.
+// Test support: temporary directories, direct access to tag databases
+// (independent of the library under test), and the fixtures.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -81,6 +81,21 @@ struct BulkFini {
 };
 // A bulk context released (and committed) at the end of its scope.
 using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
+
+// A test in a Sandbox of its own (see sandbox.h); skipped, saying why, where
+// a sandbox cannot be built.
+class SandboxTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (std::string why = Sandbox::unavailable_reason(); !why.empty()) GTEST_SKIP() << why;
+    ASSERT_EQ(sandbox_.start(volumes(), mounts_tag_fs()), "");
+  }
+  // The volumes to build, and whether the tag file system is mounted.
+  virtual std::vector<std::string> volumes() const { return {"mnt", "srv"}; }
+  virtual bool mounts_tag_fs() const { return true; }
+
+  Sandbox sandbox_;
+};
 
 // A test with a fresh tag database file_ in dir_, open through db_.
 class TagDbTest : public ::testing::Test {
