@@ -170,15 +170,6 @@ TEST_F(Tool, EachFailureIsOneLineAndTheOthersGoOn) {
                 "tevu: /mnt/photos/a.jpg: bad\"name: tag name contains a double quote\n");
   EXPECT_EQ(rows("mnt", "SELECT Path, Data FROM Meta"),
             (Rows{{"photos/a.jpg", "ok=1"}}));
-
-  // A value the database would change is refused, the other tags are set.
-  r = run({"set", "-t", "win=C:\\dir", "-t", "ok=2", "/mnt/photos/a.jpg"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "tevu: win: value holds a backslash, which the tag database would "
-                   "strip (--strip-backslashes stores it without)\n");
-  EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta"), (Rows{{"ok=2"}}));
-  EXPECT_EQ(run({"set", "--strip-backslashes", "-t", "win=C:\\dir", "/mnt/photos/a.jpg"}).status, 0);
-  EXPECT_EQ(rows("mnt", "SELECT Data FROM Meta"), (Rows{{"ok=2|win=C:dir"}}));
 }
 
 TEST_F(Tool, UsageErrorsAndHelp) {
