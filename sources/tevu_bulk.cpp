@@ -121,10 +121,7 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   if (realpath(path, canonical) == nullptr || canonical[0] == '\0') return -1;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return -1;
-  if (g_setpath_meta_dir[0] == '\0') {
-    tevul::format_cut(g_setpath_meta_dir, sizeof g_setpath_meta_dir, "%s/meta",
-                  mount);
-  }
+  tevu_fill_meta_dir(g_setpath_meta_dir, mount);
   if (canonical[0] != '/') return -1;
   // The context keeps at most sizeof path - 2 bytes of a path: a longer one
   // would be cut to another file's name, and its tags land there.

@@ -5,10 +5,12 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <mntent.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -64,9 +66,19 @@ small_file open_small_file(const char* name) {
   return file;
 }
 
-// Process-wide caches: filled once, never reset or freed.
-char* g_mount_point = nullptr;
+// Process-wide caches: filled once, never reset or freed. Threads that get
+// to an empty one together fill it one after the other, under g_cache_lock.
+pthread_mutex_t g_cache_lock = PTHREAD_MUTEX_INITIALIZER;
+std::atomic<const char*> g_mount_point{nullptr};
 char g_meta_dir[tevul::kPathSize];
+
+// Holds g_cache_lock for its scope.
+struct cache_hold {
+  cache_hold() { pthread_mutex_lock(&g_cache_lock); }
+  ~cache_hold() { pthread_mutex_unlock(&g_cache_lock); }
+  cache_hold(const cache_hold&) = delete;
+  cache_hold& operator=(const cache_hold&) = delete;
+};
 
 // Reads the target of link `link` into `vol->db_path`. A target that does
 // not fit with its terminator counts as unreadable.
@@ -82,17 +94,28 @@ bool read_db_link(tevu_volume* vol, const char* link) {
 }  // namespace
 
 const char* tevu_find_mount() {
-  if (g_mount_point != nullptr) return g_mount_point;
+  if (const char* known = g_mount_point.load(std::memory_order_acquire)) return known;
+  const cache_hold hold;
+  if (const char* known = g_mount_point.load(std::memory_order_relaxed)) return known;
   tevul::mnt_ptr table(setmntent(kMountTable, "r"));
   if (!table) return nullptr;
-  while (const mntent* entry = getmntent(table.get())) {
+  // getmntent() would share one entry among all threads.
+  mntent entry;
+  char line[2 * tevul::kLongPathSize];
+  while (getmntent_r(table.get(), &entry, line, sizeof line) != nullptr) {
     // Both prefix tests are exactly 4 bytes: "fuse.tevu" and "tevu-x" match.
-    if (strncmp(entry->mnt_type, "fuse", 4) != 0) continue;
-    if (strncmp(entry->mnt_fsname, "tevu", 4) != 0) continue;
-    g_mount_point = strdup(entry->mnt_dir);  // kept for the process's life
+    if (strncmp(entry.mnt_type, "fuse", 4) != 0) continue;
+    if (strncmp(entry.mnt_fsname, "tevu", 4) != 0) continue;
+    // Kept for the process's life.
+    g_mount_point.store(strdup(entry.mnt_dir), std::memory_order_release);
     break;
   }
-  return g_mount_point;
+  return g_mount_point.load(std::memory_order_relaxed);
+}
+
+void tevu_fill_meta_dir(char* meta_dir, const char* mount) {
+  const cache_hold hold;
+  if (meta_dir[0] == '\0') tevul::format_cut(meta_dir, tevul::kPathSize, "%s/meta", mount);
 }
 
 extern "C" const char* tevu_mount_point(void) { return tevu_find_mount(); }
@@ -200,9 +223,7 @@ int tevu_locate_volume(tevu_volume* vol, const char* path) {
   if (tevul::is_empty(path)) return 0;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return 0;
-  if (g_meta_dir[0] == '\0') {
-    tevul::format_cut(g_meta_dir, sizeof g_meta_dir, "%s/meta", mount);
-  }
+  tevu_fill_meta_dir(g_meta_dir, mount);
   if (path[0] != '/') return 0;
   return tevu_match_volume(vol, path);
 }

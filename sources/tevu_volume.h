@@ -28,8 +28,15 @@ struct tevu_volume {
 // The mount point of the tag file system: the mount directory of the first
 // "/etc/mtab" entry whose type begins with "fuse" and whose source begins
 // with "tevu" (4-byte prefix tests, deliberately). Returns a process-wide
-// string that callers must not free, or NULL when none is mounted.
+// string that callers must not free, or NULL when none is mounted (a failed
+// lookup is tried again by the next call). Safe from several threads.
 const char* tevu_find_mount();
+
+// Fills the process-wide cache `meta_dir` (tevul::kPathSize bytes, empty
+// until filled) with "<mount>/meta" unless it holds it already. Threads
+// that fill one together do so one after the other, so that none reads a
+// half-written text.
+void tevu_fill_meta_dir(char* meta_dir, const char* mount);
 
 // The limit `key` of the limits file, or 0 when it cannot be had (no mount,
 // no file, no such line before a malformed one, a value with anything but
