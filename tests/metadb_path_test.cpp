@@ -41,12 +41,12 @@ TEST_F(PathMaintenance, RenameMovesTheSubtreeWithItsTagsOrNothing) {
                      "LIKE 'a%' ORDER BY Path"),
             (Rows{{"a/bc", "a/bc", "t=a\\bc"}, {"x", "x", "t=x"}, {"x/y", "a/b", "t=a\\b"},
                   {"x/y/c.jpg", "a/b/c.jpg", "t=a\\b\\c.jpg"}}));
-  const std::string before = raw.snapshot();
+  const std::string before = tevul_test::read_file(file_);
   // Onto a path that has a row: refused whole by the table's UNIQUE.
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "x", "a/bc"), 1);
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "", "z"), 1);
   EXPECT_EQ(metadb_tagdb_rename_path(db_.get(), "a", ""), 1);
-  EXPECT_EQ(raw.snapshot(), before);
+  EXPECT_EQ(tevul_test::read_file(file_), before);
 }
 
 class MoveBetweenVolumes : public PathMaintenance {

@@ -72,18 +72,6 @@ std::string RawDb::value(const std::string& sql) {
   return r.empty() || r[0].empty() ? "(none)" : r[0][0];
 }
 
-std::string RawDb::snapshot() {
-  std::string out;
-  for (auto& row : rows("SELECT type, name, sql FROM sqlite_master ORDER BY name"))
-    for (auto& v : row) out += v + "\x1f";
-  out += "\n";
-  for (auto& row : rows("SELECT * FROM Meta ORDER BY ROWID")) {
-    for (auto& v : row) out += v + "\x1f";
-    out += "\n";
-  }
-  return out;
-}
-
 std::vector<std::string> RawDb::columns() {
   std::vector<std::string> out;
   for (auto& row : rows("SELECT name FROM pragma_table_info('Meta')"))

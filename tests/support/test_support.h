@@ -53,8 +53,6 @@ class RawDb {
   std::vector<std::vector<std::string>> rows(const std::string& sql);
   // The single value of a query, or "NULL"/"(none)".
   std::string value(const std::string& sql);
-  // Whole table Meta and the schema, as one text, for before/after checks.
-  std::string snapshot();
   // Names of the columns of Meta, in table order.
   std::vector<std::string> columns();
   sqlite3* get() { return db_; }
