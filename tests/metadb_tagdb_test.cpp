@@ -100,6 +100,36 @@ TEST_F(TagDb, ValuesAreStoredReadAndRemovedPerPath) {
   EXPECT_STREQ(buf, "12345");
 }
 
+// The subtree of a path is the path and what lies below it, literally; the
+// empty path is the whole volume. Every row without Data is encoded after.
+TEST_F(TagDb, SettagRecursiveTagsTheLiteralSubtreeAndRebuildsData) {
+  for (const char* p : {"d*", "d*/x", "d*/x/y", "d*2", "dz/a"}) ASSERT_EQ(set(p, "k", "old"), 0);
+  ASSERT_EQ(metadb_tagdb_settag_recursive(db_.get(), "d*", "k", "n/ew"), 0);
+  RawDb raw(file_);
+  EXPECT_EQ(raw.rows("SELECT Path, \".k\", Data FROM Meta ORDER BY Path"),
+            (Rows{{"d*", "n/ew", "k=n\\ew"}, {"d*/x", "n/ew", "k=n\\ew"},
+                  {"d*/x/y", "n/ew", "k=n\\ew"}, {"d*2", "old", "k=old"}, {"dz/a", "old", "k=old"}}));
+  ASSERT_EQ(metadb_tagdb_settag_recursive(db_.get(), "", "k2", nullptr), 0);
+  EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE \".k2\"='' AND Data LIKE '%|k2='"), "5");
+}
+
+// A settag statement that its 229-byte buffer would cut is never run: cut
+// before " WHERE" it would set the tag on every row, cut inside the row
+// number on another row.
+TEST_F(TagDb, OverlongSettagStatementsChangeNothingElse) {
+  for (int i = 0; i < 21; ++i) ASSERT_EQ(set("f" + std::to_string(i), "t", "keep"), 0);
+  RawDb raw(file_);
+  // Fixed text 51 + tag 1 + row number 2: 174 bytes of value is the most
+  // that fits; one longer than the whole buffer is refused the same way.
+  for (const std::size_t len : {174, 175, 228, 300}) {
+    const std::string path = "new" + std::to_string(len), value(len, 'x');
+    EXPECT_EQ(set(path, "t", value.c_str()), len <= 174 ? 0 : 1) << len;
+    EXPECT_EQ(raw.value("SELECT \".t\" FROM Meta WHERE Path='" + path + "'"),
+              len <= 174 ? value : "NULL") << len;
+    EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE \".t\"='keep'"), "21") << len;
+  }
+}
+
 // Tag names go into SQL unescaped, so a name with a double quote could name
 // other columns: such a name never reaches SQL. Bad arguments are refused
 // as well, and nothing changes.
