@@ -37,9 +37,7 @@ TEST_F(EventTrigger, NothingAtThePathMeansNoTrigger) {
 TEST_F(EventTrigger, OneZeroBytePerWakeUpOnTheDoubledSlashPath) {
   const int fd = event_trigger_init(Sandbox::kMount);
   ASSERT_GT(fd, 0);
-  event_trigger(fd);
-  event_trigger(fd);
-  event_trigger(fd);
+  for (int i = 0; i < 3; ++i) event_trigger(fd);
   EXPECT_EQ(sandbox_.drain_fifo(), 3);
   event_trigger_fini(fd);
   EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "descriptor closed";

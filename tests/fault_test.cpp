@@ -6,9 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <memory>
-#include <sstream>
 #include <string>
 
 #include "test_support.h"
@@ -34,11 +31,6 @@ class Faults : public tevul_test::SandboxTest {
     ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
     ASSERT_TRUE(write_file("/srv/b.txt", "b"));
   }
-  // Tags /srv/b.txt, the file on the healthy volume.
-  static void tag_healthy_file(tevu_bulk_ctx* bulk) {
-    ASSERT_EQ(tevu_bulk_setpath(bulk, "/srv/b.txt"), 0);
-    ASSERT_EQ(tevu_bulk_settag(bulk, "k", "v"), 0);
-  }
 };
 
 TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
@@ -54,7 +46,8 @@ TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
   EXPECT_EQ(tevu_bulk_deltag(bulk.get(), "k"), 0)
       << "a tag whose column cannot be seen counts as removed";
   // The other volume is not disturbed by the broken one.
-  tag_healthy_file(bulk.get());
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/srv/b.txt"), 0);
+  ASSERT_EQ(tevu_bulk_settag(bulk.get(), "k", "v"), 0);
   bulk.reset();
   EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("mnt")), garbage);
 

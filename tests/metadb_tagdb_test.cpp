@@ -14,7 +14,6 @@
 #include "metadb_tagdb.h"
 
 using tevul_test::RawDb;
-using tevul_test::TempDir;
 
 namespace {
 
@@ -31,16 +30,13 @@ class TagDb : public tevul_test::TagDbTest {
   }
 };
 
-TEST(TagDbOpen, AcceptsOnlyRegularFilesFollowingLinks) {
-  TempDir dir;
-  const std::string file = dir / "db";
-  ASSERT_EQ(tevul_test::create_tag_db(file), "");
-  ASSERT_EQ(mkdir((dir / "subdir").c_str(), 0755), 0);
-  ASSERT_EQ(symlink(file.c_str(), (dir / "link@@db").c_str()), 0);
-  EXPECT_EQ(metadb_tagdb_open((dir / "missing").c_str()), nullptr);
-  EXPECT_EQ(metadb_tagdb_open((dir / "subdir").c_str()), nullptr);
-  EXPECT_EQ(access((dir / "missing").c_str(), F_OK), -1) << "nothing created";
-  tevul_test::TagDbHandle via_link(metadb_tagdb_open((dir / "link@@db").c_str()));
+TEST_F(TagDb, OpensOnlyRegularFilesFollowingLinks) {
+  ASSERT_EQ(mkdir((dir_ / "subdir").c_str(), 0755), 0);
+  ASSERT_EQ(symlink(file_.c_str(), (dir_ / "link@@db").c_str()), 0);
+  EXPECT_EQ(metadb_tagdb_open((dir_ / "missing").c_str()), nullptr);
+  EXPECT_EQ(metadb_tagdb_open((dir_ / "subdir").c_str()), nullptr);
+  EXPECT_EQ(access((dir_ / "missing").c_str(), F_OK), -1) << "nothing created";
+  tevul_test::TagDbHandle via_link(metadb_tagdb_open((dir_ / "link@@db").c_str()));
   EXPECT_EQ(metadb_tagdb_settag(via_link.get(), "a", "t", "v"), 0);
 }
 
@@ -161,7 +157,8 @@ TEST_F(TagDb, CommitAndRollbackFollowTheModifiedRule) {
   // A handle that never wrote skips COMMIT: the transaction stays open.
   ASSERT_EQ(metadb_tagdb_transaction_start(db_.get()), 0);
   EXPECT_EQ(metadb_tagdb_transaction_commit(db_.get()), 0);
-  EXPECT_EQ(raw.try_exec("INSERT INTO Meta(Path) VALUES ('raw')"), SQLITE_BUSY);
+  EXPECT_EQ(sqlite3_exec(raw.get(), "INSERT INTO Meta(Path) VALUES ('raw')", nullptr, nullptr,
+                         nullptr), SQLITE_BUSY);
   ASSERT_EQ(set("a", "t", "1"), 0);
   EXPECT_EQ(metadb_tagdb_transaction_commit(db_.get()), 0);
   EXPECT_EQ(raw.value("SELECT \".t\" FROM Meta WHERE Path='a'"), "1");

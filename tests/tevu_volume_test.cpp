@@ -49,14 +49,12 @@ TEST_F(LimitsFile, FollowsTheScanRules) {
   const std::vector<std::pair<std::string, std::pair<int, int>>> cases = {
       {"TAG_NAME_MAX=255\nTAG_VALUE_MAX=1024\n", {255, 1024}},
       {"TAG_VALUE_MAX=7\nTAG_NAME_MAX=9", {9, 7}},  // no final line feed
-      {"TAG_NAME_MAX=255 \n", {0, 0}},               // trailing blank
       {"TAG_NAME_MAX=12\r\nTAG_VALUE_MAX=3\r\n", {0, 0}},
       {"TAG_NAME_MAX = 255\n", {0, 0}},  // the blank belongs to the key
       {"TAG_NAME_MAX=\nTAG_VALUE_MAX=9\n", {0, 0}},  // empty value ends the scan
       {"TAG_NAME_MAX=abc\nTAG_NAME_MAX=255\n", {0, 0}},  // the first one decides
       {"OTHER=1\n\n\n   \tTAG_NAME_MAX=7\n", {7, 0}},   // blanks before a key
       {"a line without equals\nTAG_NAME_MAX=5\n", {0, 0}},  // key spans lines
-      {"TAG_NAME_MAX=-5\n", {-5, 0}},
       {"TAG_NAME_MAX=99999999999\n", {INT32_MAX, 0}},
   };
   for (const auto& [text, want] : cases) {

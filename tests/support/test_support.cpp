@@ -37,10 +37,6 @@ RawDb::RawDb(const std::string& file, int busy_timeout_ms) {
 
 RawDb::~RawDb() { sqlite3_close(db_); }
 
-int RawDb::try_exec(const std::string& sql) {
-  return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
-}
-
 void RawDb::exec(const std::string& sql) {
   char* err = nullptr;
   const int rc = sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &err);

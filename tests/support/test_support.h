@@ -47,8 +47,6 @@ class RawDb {
 
   // Runs one or more statements; fails the test on error.
   void exec(const std::string& sql);
-  // Runs statements and returns the SQLite result code.
-  int try_exec(const std::string& sql);
   // The rows of a query, each column as text ("NULL" for SQL NULL).
   std::vector<std::vector<std::string>> rows(const std::string& sql);
   // The single value of a query, or "NULL"/"(none)".
