@@ -3,7 +3,6 @@
 // the file, two connections of one process sharing SQLite's cache).
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>

@@ -215,7 +215,8 @@ TEST_F(TagDb, DatabasesReadTheSameOnEveryByteOrder) {
   // Every kind of text the Data list encodes differently, multi-byte UTF-8,
   // and a backslash the database strips.
   const std::vector<std::pair<const char*, tevul_test::Tags>> sample = {
-      {"music/Bjørk/Jóga.flac", {{"artist", "Björk"}, {"year", "1997"}, {"genre", "Electronic"}}},
+      {"music/Bjørk/Jóga.flac",
+       {{"artist", "Björk"}, {"year", "1997"}, {"genre", "Electronic"}}},
       {"music/東京/夜.mp3", {{"artist", "東京事変"}, {"title", "閃光少女"}, {"year", "0042"}}},
       {"docs/a|b.txt", {{"note", "a|b/c\\d"}, {"empty", ""}, {"lines", "one\ntwo"}}},
       {"photos/[2019] Trip/x.jpg",
