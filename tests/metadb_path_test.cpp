@@ -103,17 +103,14 @@ TEST_F(MoveBetweenVolumes, StopsAtADestinationRowThatCannotBeCreated) {
 }
 
 // The cleanup's filter sees root + "/" + stored path and decides alone.
-struct Seen {
-  std::vector<std::string> paths;
-  int* cancel = nullptr;
-  std::size_t cancel_after = 0;
-};
-Seen* g_seen = nullptr;
+std::vector<std::string> g_seen;
+int* g_cancel = nullptr;  // set to 1 after g_cancel_after calls
+std::size_t g_cancel_after = 0;
 
 int drop_odd_names(const char* path, int unused) {
   EXPECT_EQ(unused, 0);
-  g_seen->paths.push_back(path);
-  if (g_seen->cancel && g_seen->paths.size() == g_seen->cancel_after) *g_seen->cancel = 1;
+  g_seen.push_back(path);
+  if (g_cancel && g_seen.size() == g_cancel_after) *g_cancel = 1;
   const std::string p(path);
   return (p.back() - '0') % 2;  // odd last digit: gone
 }
@@ -126,9 +123,7 @@ class Cleanup : public PathMaintenance {
     for (int i = 0; i < 20; ++i) all.push_back("photos/x" + std::to_string(i));
     tag_all(db_.get(), all);
     db_.reset();
-    g_seen = &seen_;
   }
-  Seen seen_;
 };
 
 TEST_F(Cleanup, DeletesWhatTheFilterReportsGone) {
@@ -138,8 +133,8 @@ TEST_F(Cleanup, DeletesWhatTheFilterReportsGone) {
   }
   int cancel = 0;
   EXPECT_EQ(metadb_tagdb_cleanup(file_.c_str(), "/mnt/disk1", &cancel, drop_odd_names), 0);
-  EXPECT_EQ(seen_.paths.size(), 20u) << "once per row";
-  EXPECT_EQ(seen_.paths.front(), "/mnt/disk1/photos/x0");
+  EXPECT_EQ(g_seen.size(), 20u) << "once per row";
+  EXPECT_EQ(g_seen.front(), "/mnt/disk1/photos/x0");
   RawDb raw(file_);
   EXPECT_EQ(raw.value("SELECT count(*) FROM Meta"), "10");
   EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE substr(Path,-1) IN ('1','3','5','7','9')"), "0");
@@ -148,10 +143,10 @@ TEST_F(Cleanup, DeletesWhatTheFilterReportsGone) {
 
 TEST_F(Cleanup, ACancelledScanDeletesWhatItCollected) {
   int cancel = 0;
-  seen_.cancel = &cancel;
-  seen_.cancel_after = 6;
+  g_cancel = &cancel;
+  g_cancel_after = 6;
   EXPECT_EQ(metadb_tagdb_cleanup(file_.c_str(), "/r", &cancel, drop_odd_names), EIO);
-  EXPECT_EQ(seen_.paths.size(), 6u);
+  EXPECT_EQ(g_seen.size(), 6u);
   RawDb raw(file_);
   EXPECT_EQ(raw.value("SELECT count(*) FROM Meta"), "17") << "x1, x3, x5 gone";
 

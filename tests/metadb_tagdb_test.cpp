@@ -197,14 +197,11 @@ TEST_F(TagDb, KeptTagUpdatesStayRightAcrossManyTagsAndSchemaChanges) {
                "CREATE INDEX 'Cidx_other' ON Meta (\".other\"); DROP INDEX 'Cidx_t1'");
     }
   }
-  std::string columns;
-  Rows want = {{"f"}, {"g"}};
   for (int tag = 0; tag < kTags; ++tag) {
     const std::string name = "t" + std::to_string(tag);
-    columns += ", \"." + name + "\"";
-    for (auto& row : want) row.push_back(row[0] + name + "'2");
+    EXPECT_EQ(raw.value("SELECT group_concat(Path) FROM Meta WHERE \"." + name + "\"=Path||'" +
+                        name + "''2'"), "f,g") << name;
   }
-  EXPECT_EQ(raw.rows("SELECT Path" + columns + " FROM Meta ORDER BY Path"), want);
 }
 
 // A tag database written on one byte order reads back, byte for byte, as

@@ -225,7 +225,6 @@ void Sandbox::remove_limits() {
 }
 
 void Sandbox::write_ini(const std::string& text) {
-  make_dirs("/tmp/.tevu");
   write_file("/tmp/.tevu/tevu.ini", text);
 }
 
