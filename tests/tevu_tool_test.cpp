@@ -96,10 +96,6 @@ class Tool : public tevul_test::SandboxTest {
       ASSERT_TRUE(write_file(file, "data"));
     }
   }
-  // Where the daemon would show the tag files of `file` (behind the mount).
-  static std::string tag_dir(const std::string& file) {
-    return std::string(Sandbox::kBacking) + "/.tagfiles" + file;
-  }
 };
 
 TEST_F(Tool, SetGetAndDeleteInTheDatabases) {
@@ -211,11 +207,13 @@ TEST_F(Tool, WithoutTheMountEveryCommandSaysSo) {
 }
 
 TEST_F(Tool, ListGetAndGlobDeleteThroughTheMount) {
-  ASSERT_TRUE(make_dirs(tag_dir("/mnt/photos/a.jpg")));
+  // Where the daemon shows the tag files of a.jpg (behind the mount).
+  const std::string tag_dir = std::string(Sandbox::kBacking) + "/.tagfiles/mnt/photos/a.jpg";
+  ASSERT_TRUE(make_dirs(tag_dir));
   Result r = run({"set", "-m", "-t", "rating=5", "-t", "note=two\nlines",
                   "-t", "keep=1", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(tevul_test::read_file(tag_dir("/mnt/photos/a.jpg") + "/note"), "two\nlines");
+  EXPECT_EQ(tevul_test::read_file(tag_dir + "/note"), "two\nlines");
   r = run({"list", "-m", "--null", "/mnt/photos/a.jpg"});
   EXPECT_EQ(r.out, std::string("keep=1\0note=two\nlines\0rating=5\0", 31)) << "sorted";
   r = run({"get", "-m", "/mnt/photos/a.jpg", "nope"});

@@ -4,7 +4,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <climits>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>

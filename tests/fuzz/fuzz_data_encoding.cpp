@@ -21,17 +21,14 @@ bool plain(const std::string& s, const char* avoid) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  std::vector<std::string> fields;
-  std::string field;
+  std::vector<std::string> fields(1);
   for (size_t i = 0; i < size; ++i) {
     if (data[i] == '\0') {
-      fields.push_back(field);
-      field.clear();
+      fields.emplace_back();
     } else {
-      field += static_cast<char>(data[i]);
+      fields.back() += static_cast<char>(data[i]);
     }
   }
-  fields.push_back(field);
 
   std::string list;
   std::string expected;
