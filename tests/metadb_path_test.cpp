@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 #include <vector>
 

@@ -229,9 +229,8 @@ void Sandbox::write_ini(const std::string& text) {
 }
 
 std::string Sandbox::replace_mtab(const std::string& text) {
-  // A fresh overlay on /etc, so the file (or link) below stays as it is.
-  static int layer = 0;
-  const std::string dir = "/tmp/.mtab-" + std::to_string(++layer);
+  // An overlay on /etc, so the file (or link) below stays as it is.
+  const std::string dir = "/tmp/.mtab";
   if (!make_dirs(dir + "/upper") || !make_dirs(dir + "/work") ||
       mount("overlay", "/etc", "overlay", 0,
             ("lowerdir=/etc,upperdir=" + dir + "/upper,workdir=" + dir + "/work")

@@ -67,7 +67,8 @@ class Sandbox {
   static void write_ini(const std::string& text);
 
   // Makes /etc/mtab, for this namespace only, a plain file holding `text`
-  // (as on systems with a static mount table). Returns "" on success.
+  // (as on systems with a static mount table), once per process. Returns ""
+  // on success.
   static std::string replace_mtab(const std::string& text);
 
   // Reads every byte waiting on the FIFO. Returns how many arrived, or -1 if
