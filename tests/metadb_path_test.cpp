@@ -126,10 +126,8 @@ class Cleanup : public PathMaintenance {
 };
 
 TEST_F(Cleanup, DeletesWhatTheFilterReportsGone) {
-  {
-    RawDb raw(file_);  // rows of a page each, so that deletions free pages
-    raw.exec("UPDATE Meta SET Data=hex(randomblob(2000))");
-  }
+  // Rows of a page each, so that deletions free pages.
+  RawDb(file_).exec("UPDATE Meta SET Data=hex(randomblob(2000))");
   int cancel = 0;
   EXPECT_EQ(metadb_tagdb_cleanup(file_.c_str(), "/mnt/disk1", &cancel, drop_odd_names), 0);
   EXPECT_EQ(g_seen.size(), 20u) << "once per row";

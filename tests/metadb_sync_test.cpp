@@ -32,11 +32,9 @@ TEST_F(DataColumn, EncodesEveryTagInColumnOrder) {
   set("home", "k", "v");
   set("empty", "k", "v");
   ASSERT_EQ(metadb_tagdb_deltag(db_.get(), "empty", "k"), 0);
-  {
-    RawDb raw(file_);  // columns of other writers; a number stays a number
-    raw.exec("ALTER TABLE Meta ADD plain TEXT; ALTER TABLE Meta ADD \".n\";"
-             "UPDATE Meta SET \".n\"=42, plain='no'");
-  }
+  // Columns of other writers; a number stays a number.
+  RawDb(file_).exec("ALTER TABLE Meta ADD plain TEXT; ALTER TABLE Meta ADD \".n\";"
+                    "UPDATE Meta SET \".n\"=42, plain='no'");
   for (const char* path : {"a", "two", "home", "empty"}) {
     ASSERT_EQ(metadb_tagdb_sync(db_.get(), path), 0) << path;
   }
@@ -47,11 +45,8 @@ TEST_F(DataColumn, EncodesEveryTagInColumnOrder) {
 }
 
 TEST_F(DataColumn, IsRebuiltOnlyByAHandleThatWrote) {
-  {
-    RawDb raw(file_);
-    raw.exec("ALTER TABLE Meta ADD \".t\" TEXT;"
-             "INSERT INTO Meta(Path, \".t\") VALUES ('a', 'v'), ('b', 'w')");
-  }
+  RawDb(file_).exec("ALTER TABLE Meta ADD \".t\" TEXT;"
+                    "INSERT INTO Meta(Path, \".t\") VALUES ('a', 'v'), ('b', 'w')");
   EXPECT_EQ(metadb_tagdb_sync(db_.get(), "a"), 0);
   EXPECT_EQ(metadb_tagdb_sync_all(db_.get()), 0);
   EXPECT_EQ(data("a"), "NULL");

@@ -56,8 +56,6 @@ TEST_F(TagDb, ColumnsAndIndexesFollowTheStatementBuffers) {
                                                      "." + no_index}));
   EXPECT_EQ(raw.value("SELECT group_concat(name) FROM sqlite_master WHERE type='index' AND "
                       "name LIKE 'Cidx_%'"), "Cidx_album,Cidx_" + indexed);
-  EXPECT_EQ(raw.value("SELECT count(*) FROM Meta WHERE \".album\"='x'"), "1")
-      << "tag columns compare without case";
   // The existence test cuts names at 254 bytes, as the format always did.
   raw.exec("ALTER TABLE Meta ADD \"." + std::string(253, 'n') + "\" TEXT");
   db_.reset();  // a new handle, not sharing the old cache, reads the new schema

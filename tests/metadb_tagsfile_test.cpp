@@ -30,10 +30,7 @@ class Lookup : public tevul_test::SandboxTest {
 TEST_F(Lookup, AcrossTwoVolumes) {
   tag_file("/mnt/a.jpg", {{"id", "abc"}, {"kind", "photo"}});
   tag_file("/srv/b.mp3", {{"id", "ABC"}, {"artist", "AC/DC"}});
-  {
-    RawDb mnt(Sandbox::db_path("mnt"));
-    mnt.exec("UPDATE Meta SET Data=NULL");
-  }
+  RawDb(Sandbox::db_path("mnt")).exec("UPDATE Meta SET Data=NULL");
   EXPECT_EQ(find("id", "aBc"), "id=ABC\nartist=AC\\DC\n");
   find("kind", "photo", ENOENT);  // on /mnt only, not encoded yet
   find("id", "missing", ENOENT);
