@@ -23,17 +23,10 @@ bool exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-class Faults : public tevul_test::SandboxTest {
- protected:
-  void SetUp() override {
-    SandboxTest::SetUp();
-    if (IsSkipped()) return;
-    ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
-    ASSERT_TRUE(write_file("/srv/b.txt", "b"));
-  }
-};
+using Faults = tevul_test::SandboxTest;
 
 TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
+  ASSERT_TRUE(write_file("/mnt/a.txt", "a") && write_file("/srv/b.txt", "b"));
   const std::string garbage(3000, 'x');
   ASSERT_TRUE(write_file(Sandbox::db_path("mnt"), garbage));
   Bulk bulk(tevu_bulk_init());
@@ -66,6 +59,7 @@ TEST_F(Faults, DatabaseFileThatIsNotADatabase) {
 // unknown limits refuse every name.
 TEST_F(Faults, DaemonFilesThatAreNotSmallRegularFilesCountAsAbsent) {
   alarm(30);  // a blocked read ends the test instead of hanging it
+  ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
   const std::string limits = Sandbox::meta_backing() + "/.info/limits.txt";
   const std::string head = "TAG_NAME_MAX=64\nTAG_VALUE_MAX=160\n#";
   ASSERT_TRUE(write_file(limits, head + std::string(64 * 1024 - head.size() - 1, 'p') + "\n"));
@@ -95,6 +89,7 @@ TEST_F(Faults, DaemonFilesThatAreNotSmallRegularFilesCountAsAbsent) {
 TEST_F(Faults, MountTableEntryWhoseMountPointVanished) {
   // A static mount table that still lists the tag file system at a
   // directory that no longer exists.
+  ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
   ASSERT_EQ(Sandbox::replace_mtab("tevu /tmp/vanished fuse.tevu rw 0 0\n"), "");
   EXPECT_EQ(tevu_getmaxnamelen(), 0);
   Bulk bulk(tevu_bulk_init());

@@ -29,10 +29,8 @@ long ms_since(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-int collect(void* user, int count, char** values, char** names) {
+int collect(void* user, int, char** values, char**) {
   auto* seen = static_cast<std::vector<std::string>*>(user);
-  EXPECT_EQ(values[count], nullptr) << "values end with a NULL entry";
-  EXPECT_NE(names[0], nullptr);
   seen->push_back(values[0] != nullptr ? values[0] : "NULL");
   return seen->size() == 2 ? 1 : 0;  // stops after two rows
 }

@@ -180,7 +180,6 @@ TEST_F(Tool, UsageErrorsAndHelp) {
     EXPECT_EQ(r.status, 2) << err;
     EXPECT_EQ(r.out + r.err, err);
   }
-  // Each command's help is checked against the manual page by the documents' test.
   EXPECT_EQ(run({"--version"}).out, "tevu 0.1.0\n");
 }
 
@@ -383,8 +382,7 @@ TEST_F(Tool, InterruptedImportKeepsWhatWasDone) {
   if (pid == 0) {
     dup2(input[0], 0);
     close(input[1]);
-    const int err = open("/tmp/tool.err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(err, 2);
+    dup2(open("/tmp/tool.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
     exec_tool({"import"});
   }
   close(input[0]);

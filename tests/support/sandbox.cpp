@@ -32,15 +32,12 @@ constexpr const char* kFuseOptions =
 
 std::string errno_text(const std::string& what) { return what + ": " + std::strerror(errno); }
 
-bool is_mounted(const std::string& mount_point) {
-  std::ifstream mounts("/proc/self/mounts");
-  for (std::string line; std::getline(mounts, line);) {
-    std::istringstream fields(line);
-    std::string source, dir;
-    fields >> source >> dir;
-    if (dir == mount_point) return true;
-  }
-  return false;
+// Whether a file system is mounted at `dir`: it lies on another device than
+// its parent.
+bool is_mounted(const std::string& dir) {
+  struct stat here, parent;
+  return stat(dir.c_str(), &here) == 0 && stat((dir + "/..").c_str(), &parent) == 0 &&
+         here.st_dev != parent.st_dev;
 }
 
 }  // namespace

@@ -10,15 +10,9 @@ namespace tevul_test {
 
 TempDir::TempDir() {
   const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") +
-                        "/tevul-test.XXXXXX";
-  std::vector<char> buf(pattern.begin(), pattern.end());
-  buf.push_back('\0');
-  if (mkdtemp(buf.data()) == nullptr) {
-    ADD_FAILURE() << "mkdtemp failed";
-    return;
-  }
-  path_ = buf.data();
+  std::string pattern = std::string(base && *base ? base : "/tmp") + "/tevul-test.XXXXXX";
+  if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
+  EXPECT_FALSE(path_.empty()) << "mkdtemp failed";
 }
 
 TempDir::~TempDir() {
