@@ -7,7 +7,6 @@
 // peak memory (getrusage ru_maxrss) is the cleanup's own.
 #include <sqlite3.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -78,9 +77,7 @@ int main(int argc, char** argv) {
 
   const pid_t child = fork();
   if (child == 0) _exit(build_database(file, rows) ? 0 : 1);
-  int status = 0;
-  waitpid(child, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+  if (tevul_test::exit_status(child) != 0) {
     std::fprintf(stderr, "cannot build %s\n", file.c_str());
     return 1;
   }

@@ -15,7 +15,7 @@ namespace {
 
 // The meta directory as tevu_bulk_setpath() sees it: its own process-wide
 // cache, independent of the volume module's, filled once and never reset.
-char g_setpath_meta_dir[tevul::kPathSize];
+tevu_meta_dir g_setpath_meta_dir;
 
 // True when `len` bytes are not below `limit`, compared as unsigned numbers:
 // an unknown limit (0) refuses everything, a negative one accepts everything.
@@ -62,7 +62,7 @@ int note_change(tevu_bulk_ctx* ctx, int rc) {
 // database link is not needed here) or the runtime file's root.
 bool on_known_volume(const char* path) {
   char name[256];
-  const int found = tevu_find_volume_link(g_setpath_meta_dir, path, name);
+  const int found = tevu_find_volume_link(g_setpath_meta_dir.path, path, name);
   if (found < 0) return false;
   if (found == 1) return true;
   char root[tevul::kPathSize];
@@ -121,7 +121,7 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   if (realpath(path, canonical) == nullptr || canonical[0] == '\0') return -1;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return -1;
-  tevu_fill_meta_dir(g_setpath_meta_dir, mount);
+  tevu_fill_meta_dir(&g_setpath_meta_dir, mount);
   if (canonical[0] != '/') return -1;
   // The context keeps at most sizeof path - 2 bytes of a path: a longer one
   // would be cut to another file's name, and its tags land there.

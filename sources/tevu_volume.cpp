@@ -67,10 +67,11 @@ small_file open_small_file(const char* name) {
 }
 
 // Process-wide caches: filled once, never reset or freed. Threads that get
-// to an empty one together fill it one after the other, under g_cache_lock.
+// to an empty one together fill it one after the other, under g_cache_lock;
+// a filled one is read without the lock.
 pthread_mutex_t g_cache_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<const char*> g_mount_point{nullptr};
-char g_meta_dir[tevul::kPathSize];
+tevu_meta_dir g_meta_dir;
 
 // Holds g_cache_lock for its scope.
 struct cache_hold {
@@ -113,9 +114,12 @@ const char* tevu_find_mount() {
   return g_mount_point.load(std::memory_order_relaxed);
 }
 
-void tevu_fill_meta_dir(char* meta_dir, const char* mount) {
+void tevu_fill_meta_dir(tevu_meta_dir* cache, const char* mount) {
+  if (cache->filled.load(std::memory_order_acquire)) return;
   const cache_hold hold;
-  if (meta_dir[0] == '\0') tevul::format_cut(meta_dir, tevul::kPathSize, "%s/meta", mount);
+  if (cache->filled.load(std::memory_order_relaxed)) return;
+  tevul::format_cut(cache->path, sizeof cache->path, "%s/meta", mount);
+  cache->filled.store(true, std::memory_order_release);
 }
 
 extern "C" const char* tevu_mount_point(void) { return tevu_find_mount(); }
@@ -223,7 +227,7 @@ int tevu_locate_volume(tevu_volume* vol, const char* path) {
   if (tevul::is_empty(path)) return 0;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return 0;
-  tevu_fill_meta_dir(g_meta_dir, mount);
+  tevu_fill_meta_dir(&g_meta_dir, mount);
   if (path[0] != '/') return 0;
   return tevu_match_volume(vol, path);
 }
@@ -236,12 +240,12 @@ bool tevu_runtime_root_holds(const char* path, char* root) {
 
 int tevu_match_volume(tevu_volume* vol, const char* path) {
   char name[256];
-  const int found = tevu_find_volume_link(g_meta_dir, path, name);
+  const int found = tevu_find_volume_link(g_meta_dir.path, path, name);
   if (found < 0) return 0;  // no meta directory: no fallback either
   char link[tevul::kPathSize];
   if (found == 1) {
     vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "/%s/", name);
-    tevul::format_cut(link, sizeof link, "%s/%s@@db", g_meta_dir, name);
+    tevul::format_cut(link, sizeof link, "%s/%s@@db", g_meta_dir.path, name);
     // Only the first matching link is tried; a missing database link falls
     // back to the runtime file, with prefix already written.
     if (read_db_link(vol, link)) return 1;
@@ -251,6 +255,6 @@ int tevu_match_volume(tevu_volume* vol, const char* path) {
   if (!tevu_runtime_root_holds(path, root)) return 0;
   vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "%s/", root);
   // The root begins with "/", so no slash is added after the meta directory.
-  tevul::format_cut(link, sizeof link, "%s%s@@db", g_meta_dir, root);
+  tevul::format_cut(link, sizeof link, "%s%s@@db", g_meta_dir.path, root);
   return read_db_link(vol, link) ? 1 : 0;
 }

@@ -11,6 +11,7 @@
 #ifndef TEVUL_TEVU_VOLUME_H
 #define TEVUL_TEVU_VOLUME_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -32,11 +33,18 @@ struct tevu_volume {
 // lookup is tried again by the next call). Safe from several threads.
 const char* tevu_find_mount();
 
-// Fills the process-wide cache `meta_dir` (tevul::kPathSize bytes, empty
-// until filled) with "<mount>/meta" unless it holds it already. Threads
-// that fill one together do so one after the other, so that none reads a
-// half-written text.
-void tevu_fill_meta_dir(char* meta_dir, const char* mount);
+// A process-wide cache of the meta directory "<mount>/meta": empty until
+// its first fill, never changed after it.
+struct tevu_meta_dir {
+  std::atomic<bool> filled{false};
+  char path[tevul::kPathSize];
+};
+
+// Fills `cache` with "<mount>/meta" unless it is filled already. Only the
+// first fills take a lock (threads that get there together fill it one
+// after the other, so that none reads a half-written text); later calls
+// only read the flag.
+void tevu_fill_meta_dir(tevu_meta_dir* cache, const char* mount);
 
 // The limit `key` of the limits file, or 0 when it cannot be had (no mount,
 // no file, no such line before a malformed one, a value with anything but

@@ -3,8 +3,6 @@
 #include <errno.h>
 #include <strings.h>
 
-#include <cstddef>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -130,18 +128,17 @@ int cmd_rename(int argc, char** argv) {
 
   // Room for any value the database format can store (its statement buffer
   // holds far less), and for older values up to this size.
-  const std::size_t value_size = 4096 + 1;
+  std::vector<char> value(4096 + 1);
   bool failed = false;
   const unsigned long renamed = change_each(
       carriers,
       [&](tevu_bulk_ctx* ctx, const std::string& carrier) {
         // Read inside the file's own transaction: the value renamed is the
         // value stored now.
-        std::vector<char> value(value_size);
         if (tevu_bulk_gettag(ctx, from.c_str(), value.data(),
                              static_cast<unsigned int>(value.size())) != 0) {
           report({carrier, from}, "value not readable (gone, or longer than " +
-                                      std::to_string(value_size - 1) + " bytes)");
+                                      std::to_string(value.size() - 1) + " bytes)");
           return false;
         }
         const std::string refusal = backslash_refusal(value.data(), strip);
