@@ -11,7 +11,23 @@
  * Result buffers are always the caller's. Strings passed in are borrowed for
  * the duration of the call only.
  *
- * Threads: the library starts none. A handle is used by one thread at a time.
+ * Threads: the library starts none. A handle (a tag database, a bulk
+ * context) is used by one thread at a time; different handles may be used by
+ * different threads at once. The process-wide state the library keeps is
+ * filled on first use and never changes after: the mount point and the meta
+ * directory path (found once per process; a tag file system mounted
+ * elsewhere later is not noticed), SQLite's shared cache (switched on by
+ * metadb_tagdb_open()), a registry of the library's open connections (which
+ * lets a wait tell a lock of its own thread from one that will end) and the
+ * default time of the stat templates (fsutil_setdeftime()). All of it is
+ * safe to fill from several threads at once. The read-only queries keep
+ * what they could not read per thread (tevu_query_failure()).
+ *
+ * Fork: a process must not fork while another of its threads is inside the
+ * library: SQLite's own locks may be held at that moment, and the child
+ * would wait on them for ever. A child forked at such a moment may only
+ * call exec() or _exit(). Fork before the threads start, or from a thread
+ * when no other thread is inside the library.
  *
  * Error numbers in results are the platform's errno values (EIO, ENOSPC, ...);
  * compare them with the names from <errno.h>, never with literal numbers.
@@ -97,7 +113,8 @@ TEVUL_API int metadb_tagdb_transaction_rollback(metadb_tagdb *tagdb);
  * metadb_tagdb_sync() before committing.
  * Returns 0 when stored; 1 for a NULL handle, path or tag, an empty path or
  * tag, or a failed statement; EIO when the tag's column could not be created
- * (the path's row may have been created already).
+ * (the path's row may have been created already), and EIO for a tag name
+ * holding a double quote (nothing is changed).
  *
  * In every function of this family, a tag name holding a double quote is
  * never put into a statement (it could name other columns), and a statement
@@ -299,11 +316,14 @@ TEVUL_API int tevu_metadata_for_tagvalue(const char *tag, const char *value,
  * (ENOENT for a missing file or tag). Never negative.
  *
  * Names never leave the file's tag directory. Refused with EINVAL, touching
- * nothing: a tag name or pattern that holds "/" or is "." or "..", and a
- * path whose canonical form is "/" (its tag directory would be the meta
- * directory itself, with the volumes' database links and the limits file).
- * A tag file path longer than 4095 bytes is refused with ENAMETOOLONG
- * rather than cut to another file's name.
+ * nothing: a tag name or pattern that holds "/" or is "." or "..", a path
+ * whose canonical form is "/" (its tag directory would be the meta
+ * directory itself, with the volumes' database links and the limits file),
+ * and a file whose tag directory, every link followed, lies outside the
+ * mount (a link planted in the daemon's tree). Tag files are opened without
+ * following a link at their own place (ELOOP). A tag file path longer than
+ * 4095 bytes is refused with ENAMETOOLONG rather than cut to another file's
+ * name. Memory running short is ENOMEM.
  */
 
 /* Writes `value` (NULL: empty) as the whole content of the tag file. The
@@ -334,11 +354,17 @@ TEVUL_API int tevu_deltag_glob(const char *path, const char *pattern);
  * (condition), group.ini (grouping) and events.ini ("1" or "0"), written
  * whole, without a line end; the daemon shows its files under <mount>/view/V.
  * A name with slashes names a nested view ("a/b"); a name with a "." or ".."
- * component is refused like a missing one, so that no view function reaches
- * outside <mount>/view/.config.
- * Results: 0, -1 for a NULL or empty argument or a refused name, ENOENT when
- * no tag file system is mounted, ENAMETOOLONG when the view's paths would be
- * longer than 4095 bytes, otherwise an errno value or the fsutil_ result.
+ * component, or an empty one ("", "/", "a//b", "a/"), is refused like a
+ * missing one, so that no view function reaches outside <mount>/view/.config.
+ * Links planted there cannot lead outside either: a view whose configuration
+ * directory, every link followed, lies outside <mount>/view/.config is
+ * refused (-1) before anything is read, written or removed; the
+ * configuration files are never written through a link at their place (-1);
+ * and a link at a view's own place is deleted as a link, never its target.
+ * Results: 0, -1 for a NULL or empty argument or a refused name or place,
+ * ENOENT when no tag file system is mounted, ENAMETOOLONG when the view's
+ * paths would be longer than 4095 bytes, otherwise an errno value or the
+ * fsutil_ result.
  */
 
 /* Creates the view's configuration directory (0 also when it exists). */
@@ -583,10 +609,11 @@ TEVUL_API void tevu_bulk_fini(tevu_bulk_ctx *ctx);
 /*
  * Opens the daemon's FIFO "/tmp/.tevu/<name>/action_trigger" (name is the
  * mount point, so the path holds a doubled slash). Returns a descriptor
- * greater than 0; 0 when no FIFO is at the path (nothing, or something else:
- * a regular file, a device, or a link to one of them is never opened, so no
- * wake-up byte can overwrite a file); -1 (errno set) when the FIFO exists
- * but cannot be opened. Only a result greater than 0 is a trigger.
+ * greater than 0; 0 when nothing is at the path; -1 (errno set) when
+ * something is there that cannot serve as the FIFO: a FIFO that cannot be
+ * opened, or anything that is no FIFO (a directory, a regular file, a
+ * device, a link to one of them: never opened, so no wake-up byte can
+ * overwrite a file). Only a result greater than 0 is a trigger.
  */
 TEVUL_API int event_trigger_init(const char *name);
 
@@ -634,18 +661,35 @@ TEVUL_API const char *tevu_mount_point(void);
 
 /*
  * Read-only queries, straight from the volumes' tag databases. Each opens
- * read-only connections of its own (no shared cache, so a bulk context of
- * the caller never stands in the way), begins no transaction, writes to no
- * database and never touches the daemon's FIFO. Rows are copied out before
- * a callback runs, so no lock is held during the caller's code; locks of
- * writers are waited out as elsewhere.
+ * connections of its own (no shared cache, so a bulk context of another
+ * thread never stands in the way), begins no transaction, writes to no
+ * database and never touches the daemon's FIFO. A database left with a hot
+ * journal by a writer that died inside its transaction is rolled back first,
+ * as any of the daemon's connections would. Rows are copied out before a
+ * callback runs, so no lock is held during the caller's code; locks of
+ * other processes and threads are waited out as elsewhere. A lock held by a
+ * connection of the calling thread itself (its own bulk context in the
+ * middle of a large transaction) would never end: the query returns EDEADLK
+ * at once instead.
+ *
+ * No volume is passed over in silence. A volume whose database cannot be
+ * opened or read (missing, not a database, without the table Meta, locked
+ * by the calling thread) and a tag file system that cannot be listed make
+ * the call return that errno, after every other volume was walked, so that
+ * the caller still gets what can be read; tevu_query_failure() names them.
+ * The volumes' database links are read before the first database is, so a
+ * tag file system unmounted or restarted in the middle of a walk loses none
+ * of them. A crafted table cannot steer the walks: every row comes once,
+ * whatever columns the table has (one named "rowid", "oid" or "_rowid_",
+ * as many tag columns as SQLite allows), or the volume fails with EIO.
  *
  * A callback returns 0 to go on and anything else to stop; the walk then
  * returns that value. Strings handed to it are valid only during the call.
  *
  * Results: 0 when the walk ended; the callback's non-zero value when it
  * stopped the walk; ENOENT (2) when no tag file system is mounted or an
- * argument is NULL or empty; otherwise a positive errno.
+ * argument is NULL or empty; ENOMEM when memory ran short; otherwise a
+ * positive errno.
  */
 typedef int (*tevu_tag_cb)(void *user, const char *name, const char *value);
 typedef int (*tevu_file_cb)(void *user, const char *path);
@@ -692,6 +736,47 @@ typedef int (*tevu_row_cb)(void *user, const char *path, size_t count,
  * `dir` and for a `dir` that lies on no tagged volume.
  */
 TEVUL_API int tevu_tagged_files(const char *dir, tevu_row_cb cb, void *user);
+
+/*
+ * What the calling thread's last tevu_file_tags(), tevu_find_files() or
+ * tevu_tagged_files() could not read: the errno of its `index`-th failure
+ * (counted from 0, at most 8 are kept), or 0 when there are not that many.
+ * When `volume` is not NULL, the root of the volume that failed ("/mnt"),
+ * or the meta directory when the volumes could not be listed, is copied
+ * into it (size bytes, cut to fit, terminated).
+ */
+TEVUL_API int tevu_query_failure(unsigned index, char *volume, size_t size);
+
+/*
+ * Makes the tags of `src` and of everything below it follow a move to `dst`
+ * (absolute paths; repeated and trailing slashes are ignored), and says
+ * whether it happened. Unlike tevu_move(), it never reports success while a
+ * tag was lost or left behind:
+ *   - within one volume the rows are renamed in one transaction; where the
+ *     destination already has rows, the source rows are merged into them
+ *     (a tag the source carries wins, the destination's other tags stay)
+ *     and then deleted, in the same transaction;
+ *   - across volumes every row of the tree is copied into the destination's
+ *     database with every tag that is set, merged the same way into rows
+ *     already there, with Data rebuilt for every row written; that database
+ *     is committed and the COMMIT checked, and only then are the source rows
+ *     deleted and that COMMIT checked too;
+ *   - to a place on no tagged volume, the source rows are deleted.
+ * The daemon is woken once for each database changed.
+ * Returns 0 when every tag of the tree stands at `dst` and none at `src`
+ * (also when nothing below `src` was tagged, and when src and dst are the
+ * same); otherwise a positive errno and every tag still at `src` (some may
+ * already stand at `dst` too): ENOSPC for a full file system, EDEADLK when
+ * a database is locked by the calling thread itself, EIO for a tag whose
+ * column cannot be made at the destination or a database that cannot be
+ * opened, ENOENT when no tag file system is mounted or `src` lies on no
+ * tagged volume, EINVAL for a path that is NULL, relative or holds a "." or
+ * ".." component (make it canonical first), for a volume root as either
+ * path, and for a tree moved into itself; ENAMETOOLONG for a path of 4096
+ * bytes or more. Running it again after any failure or interruption
+ * converges: the tags already copied are merged once more.
+ */
+TEVUL_API int tevu_move_checked(const char *src, const char *dst);
 
 #ifdef __cplusplus
 } /* extern "C" */

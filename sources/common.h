@@ -1,15 +1,29 @@
-// Small internal helpers shared by every module.
+// What every module of the library shares: the path sizes the daemon's
+// formats fix, the invariant check, the one set of resource owners, the
+// growable text buffer and the lock idiom.
+//
+// The library needs nothing at run time but the C library and SQLite: it is
+// built without exceptions and RTTI, allocates only through malloc() and
+// calloc() behind the owners below, and uses no guarded function-local
+// statics. A failed allocation is a result (each family's own value), never
+// a crash.
 #ifndef TEVUL_COMMON_H
 #define TEVUL_COMMON_H
 
 #include <dirent.h>
-#include <mntent.h>
+#include <pthread.h>
+#include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
+
+#include "tevul.h"
 
 namespace tevul {
 
@@ -45,18 +59,6 @@ constexpr std::size_t kLongPathSize = 4097;
   std::abort();
 }
 
-// The C boundary of an exported function: returns what `body` returns, or
-// `on_no_memory` (the family's value for memory running short) when an
-// allocation inside it fails, so that no exception leaves the library.
-template <typename Result, typename Body>
-Result c_boundary(Result on_no_memory, Body&& body) noexcept {
-  try {
-    return body();
-  } catch (const std::bad_alloc&) {
-    return on_no_memory;
-  }
-}
-
 // True for a NULL or empty C string.
 inline bool is_empty(const char* s) { return s == nullptr || s[0] == '\0'; }
 
@@ -72,39 +74,224 @@ __attribute__((format(printf, 3, 4))) inline int format_cut(
   return len;
 }
 
-// Allocates a T, or gives NULL when memory is short: no exception leaves the
-// library.
-template <typename T>
-std::unique_ptr<T> make_nothrow() {
-  try {
-    return std::make_unique<T>();
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
+// Formats into a fixed buffer of `size` bytes; false, with nothing usable in
+// `dst`, when the text would be cut.
+__attribute__((format(printf, 3, 4))) inline bool format_whole(
+    char* dst, std::size_t size, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int len = std::vsnprintf(dst, size, format, args);
+  va_end(args);
+  return len >= 0 && static_cast<std::size_t>(len) < size;
 }
 
-// Releases memory that came from malloc() or calloc().
+// ---------------------------------------------------------------------------
+// Resource owners: every resource the library holds is released by one of
+// these when its owner goes away.
+
+// Memory from malloc() or calloc().
 struct free_deleter {
   void operator()(void* p) const { std::free(p); }
 };
+template <typename T>
+using c_ptr = std::unique_ptr<T, free_deleter>;
 
-// A stream closed with fclose() when its owner goes away.
+// An object with a constructor, on the C heap: calloc() and placement new
+// instead of operator new, the destructor and free() at the end.
+template <typename T>
+struct object_deleter {
+  void operator()(T* p) const {
+    p->~T();
+    std::free(p);
+  }
+};
+template <typename T>
+using object_ptr = std::unique_ptr<T, object_deleter<T>>;
+
+// A new zero-filled, constructed T, or none when memory is short.
+template <typename T>
+object_ptr<T> make_object() {
+  void* memory = std::calloc(1, sizeof(T));
+  if (memory == nullptr) return nullptr;
+  return object_ptr<T>(new (memory) T());
+}
+
 struct file_closer {
   void operator()(FILE* f) const { std::fclose(f); }
 };
+// A stream closed with fclose().
 using file_ptr = std::unique_ptr<FILE, file_closer>;
 
-// A mount table stream closed with endmntent().
-struct mnt_closer {
-  void operator()(FILE* f) const { endmntent(f); }
-};
-using mnt_ptr = std::unique_ptr<FILE, mnt_closer>;
-
-// A directory stream closed with closedir().
 struct dir_closer {
   void operator()(DIR* d) const { closedir(d); }
 };
+// A directory stream closed with closedir().
 using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+
+// A file descriptor closed when its owner goes away; -1 holds none.
+class unique_fd {
+ public:
+  unique_fd() = default;
+  explicit unique_fd(int fd) : fd_(fd) {}
+  ~unique_fd() { reset(); }
+  unique_fd(unique_fd&& other) noexcept : fd_(other.release()) {}
+  unique_fd& operator=(unique_fd&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  unique_fd(const unique_fd&) = delete;
+  unique_fd& operator=(const unique_fd&) = delete;
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  int release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  void reset(int fd = -1) {
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+struct stmt_finalizer {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+// A prepared statement finalised when its owner goes away.
+using stmt_ptr = std::unique_ptr<sqlite3_stmt, stmt_finalizer>;
+
+struct db_closer {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+// A connection closed when its owner goes away.
+using db_ptr = std::unique_ptr<sqlite3, db_closer>;
+
+struct sqlite_freer {
+  void operator()(void* p) const { sqlite3_free(p); }
+};
+// Memory from SQLite's allocator (sqlite3_mprintf(), sqlite3_malloc()).
+using sqlite_text = std::unique_ptr<char, sqlite_freer>;
+
+struct tagdb_closer {
+  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
+};
+// A tag database handle closed (and so committed, if it ever wrote) when
+// its owner lets go.
+using tagdb_ptr = std::unique_ptr<metadb_tagdb, tagdb_closer>;
+
+struct bulk_finisher {
+  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
+};
+// A bulk context that commits, wakes the daemon if it changed anything and
+// is freed when its owner lets go.
+using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_finisher>;
+
+// Holds a pthread mutex for its scope: the one lock idiom of the library.
+class mutex_hold {
+ public:
+  explicit mutex_hold(pthread_mutex_t* mutex) : mutex_(mutex) {
+    pthread_mutex_lock(mutex_);
+  }
+  ~mutex_hold() { pthread_mutex_unlock(mutex_); }
+  mutex_hold(const mutex_hold&) = delete;
+  mutex_hold& operator=(const mutex_hold&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+// ---------------------------------------------------------------------------
+// A text that grows: bytes on the C heap, always terminated. A failed
+// allocation makes the text fail for good: later appends do nothing, ok()
+// is false and the caller reports memory running short. Embedded NUL bytes
+// are kept (size() counts them).
+class text {
+ public:
+  text() = default;
+  ~text() { std::free(data_); }
+  text(text&& other) noexcept
+      : data_(other.data_), size_(other.size_), capacity_(other.capacity_),
+        failed_(other.failed_) {
+    other.data_ = nullptr;
+    other.size_ = other.capacity_ = 0;
+    other.failed_ = false;
+  }
+  text(const text&) = delete;
+  text& operator=(const text&) = delete;
+
+  bool ok() const { return !failed_; }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const char* c_str() const { return data_ != nullptr ? data_ : ""; }
+  char* data() { return data_; }
+
+  // Makes room for `extra` more bytes (and the terminator).
+  bool reserve(std::size_t extra);
+  text& append(const char* bytes, std::size_t n);
+  text& append(const char* s) { return append(s, std::strlen(s)); }
+  text& push(char c) { return append(&c, 1); }
+  // Appends printf-formatted text.
+  __attribute__((format(printf, 2, 3))) text& appendf(const char* format, ...);
+  // Keeps the first `n` bytes.
+  void truncate(std::size_t n) {
+    if (n < size_) {
+      size_ = n;
+      data_[n] = '\0';
+    }
+  }
+  void clear() { truncate(0); }
+  // Replaces every occurrence of `from` (not empty) by `to`.
+  text& replace_all(const char* from, const char* to);
+
+ private:
+  char* data_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+  bool failed_ = false;
+};
+
+// A growable array of plain values (no constructors run), on the C heap.
+// push() gives false when memory is short and leaves the array as it was.
+template <typename T>
+class array {
+ public:
+  array() = default;
+  ~array() { std::free(items_); }
+  array(const array&) = delete;
+  array& operator=(const array&) = delete;
+
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  T* data() { return items_; }
+  const T* data() const { return items_; }
+  T& operator[](std::size_t i) { return items_[i]; }
+  const T& operator[](std::size_t i) const { return items_[i]; }
+  void clear() { size_ = 0; }
+  // Keeps the first `n` items.
+  void truncate(std::size_t n) {
+    if (n < size_) size_ = n;
+  }
+  bool push(const T& item) {
+    if (size_ == capacity_) {
+      const std::size_t grown = capacity_ == 0 ? 16 : 2 * capacity_;
+      void* more = std::realloc(items_, grown * sizeof(T));
+      if (more == nullptr) return false;
+      items_ = static_cast<T*>(more);
+      capacity_ = grown;
+    }
+    items_[size_++] = item;
+    return true;
+  }
+
+ private:
+  T* items_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
 
 }  // namespace tevul
 

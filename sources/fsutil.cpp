@@ -1,5 +1,9 @@
-// File tests and directories. See fsutil.h.
-#include "fsutil.h"
+// File tests, stat templates and recursive mkdir and rmdir, shared with the
+// daemon. Results mix conventions on purpose, as the daemon's callers expect:
+// the system calls' -1 with errno, positive error numbers for what these
+// functions find themselves, and truth values.
+// The module's functions are declared in tevul.h.
+#include "tevul.h"
 
 #include <dirent.h>
 #include <errno.h>

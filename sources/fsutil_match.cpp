@@ -1,5 +1,8 @@
-// Path and string matching. See fsutil_match.h.
-#include "fsutil_match.h"
+// Path and string matching, offered to other programs (the library itself
+// does not call them). Nothing is allocated; pointer results point into the
+// argument or at a constant.
+// The module's functions are declared in tevul.h.
+#include "tevul.h"
 
 #include <string.h>
 

@@ -13,7 +13,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "common.h"
 #include "metadb_tagdb.h"
@@ -48,14 +47,17 @@ const int32_t metadb_errno_table[27] = {
     EBADF,   // SQLITE_NOTADB
 };
 
-int32_t metadb_errno(int code) {
+namespace tevul {
+
+int32_t sqlite_errno(int code) {
   const unsigned index = static_cast<unsigned>(code);
   return index < 27 ? metadb_errno_table[index] : EIO;
 }
 
-char* metadb_glob_escape(const char* path) {
+char* glob_escape(const char* path, const char* suffix) {
   const std::size_t len = std::strlen(path);
-  char* out = static_cast<char*>(sqlite3_malloc64(3 * len + 1));
+  const std::size_t suffix_len = std::strlen(suffix);
+  char* out = static_cast<char*>(sqlite3_malloc64(3 * len + suffix_len + 1));
   if (out == nullptr) return nullptr;
   char* o = out;
   for (const char* p = path; *p != '\0'; ++p) {
@@ -67,9 +69,11 @@ char* metadb_glob_escape(const char* path) {
       *o++ = *p;
     }
   }
-  *o = '\0';
+  std::memcpy(o, suffix, suffix_len + 1);
   return out;
 }
+
+}  // namespace tevul
 
 namespace {
 
@@ -105,8 +109,8 @@ struct unlock_notify_ctx {
 // release. Touched at open, close and transaction begin, and when a wait is
 // about to start; never on the plain step path.
 
-std::mutex g_owner_mutex;
-metadb_lock_owner* g_owners = nullptr;
+pthread_mutex_t g_owner_mutex = PTHREAD_MUTEX_INITIALIZER;
+tevul::lock_owner* g_owners = nullptr;
 
 // True when the connection has an open transaction or an unfinished
 // statement, that is, holds locks.
@@ -119,15 +123,16 @@ bool holds_locks(sqlite3* db) {
   return false;
 }
 
-// True when some other connection of the calling thread holds locks on the
-// file of `db`: the wait would then last until this very thread released
-// them, that is, for ever.
+}  // namespace
+
+namespace tevul {
+
 bool blocked_by_own_thread(sqlite3* db) {
   const char* file = sqlite3_db_filename(db, "main");
   if (file == nullptr || file[0] == '\0') return false;  // private database
   const pthread_t self = pthread_self();
-  std::lock_guard<std::mutex> lock(g_owner_mutex);
-  for (metadb_lock_owner* o = g_owners; o != nullptr; o = o->next) {
+  const mutex_hold hold(&g_owner_mutex);
+  for (lock_owner* o = g_owners; o != nullptr; o = o->next) {
     if (o->db == db || !pthread_equal(o->thread, self)) continue;
     const char* other = sqlite3_db_filename(o->db, "main");
     if (other != nullptr && std::strcmp(other, file) == 0 &&
@@ -138,18 +143,8 @@ bool blocked_by_own_thread(sqlite3* db) {
   return false;
 }
 
-// True when the SQLITE_LOCKED just reported on `db` is a shared-cache lock of
-// another connection that another thread can release, the only kind worth
-// an unlock-notify wait.
-bool lock_can_be_waited_out(sqlite3* db) {
-  return sqlite3_extended_errcode(db) == SQLITE_LOCKED_SHAREDCACHE &&
-         !blocked_by_own_thread(db);
-}
-
-}  // namespace
-
-void metadb_owner_register(metadb_lock_owner* owner, sqlite3* db) {
-  std::lock_guard<std::mutex> lock(g_owner_mutex);
+void owner_register(lock_owner* owner, sqlite3* db) {
+  const mutex_hold hold(&g_owner_mutex);
   owner->db = db;
   owner->thread = pthread_self();
   owner->prev = nullptr;
@@ -158,19 +153,31 @@ void metadb_owner_register(metadb_lock_owner* owner, sqlite3* db) {
   g_owners = owner;
 }
 
-void metadb_owner_claim(metadb_lock_owner* owner) {
-  std::lock_guard<std::mutex> lock(g_owner_mutex);
+void owner_claim(lock_owner* owner) {
+  const mutex_hold hold(&g_owner_mutex);
   owner->thread = pthread_self();
 }
 
-void metadb_owner_unregister(metadb_lock_owner* owner) {
-  std::lock_guard<std::mutex> lock(g_owner_mutex);
+void owner_unregister(lock_owner* owner) {
+  const mutex_hold hold(&g_owner_mutex);
   if (owner->db == nullptr) return;
   if (owner->prev != nullptr) owner->prev->next = owner->next;
   if (owner->next != nullptr) owner->next->prev = owner->prev;
   if (g_owners == owner) g_owners = owner->next;
   owner->db = nullptr;
   owner->prev = owner->next = nullptr;
+}
+
+}  // namespace tevul
+
+namespace {
+
+// True when the SQLITE_LOCKED just reported on `db` is a shared-cache lock of
+// another connection that another thread can release, the only kind worth
+// an unlock-notify wait.
+bool lock_can_be_waited_out(sqlite3* db) {
+  return sqlite3_extended_errcode(db) == SQLITE_LOCKED_SHAREDCACHE &&
+         !tevul::blocked_by_own_thread(db);
 }
 
 // The checks of the wait abort with "sources/metadb_bulk:LINE: FUNCTION:
@@ -191,6 +198,10 @@ void unlock_notify_cb(void** args, int count) {
   }
 }
 
+// Waits for the shared-cache lock that blocked the last statement of `db`
+// to be released. Returns 0 after the notification fired, otherwise the
+// code of sqlite3_unlock_notify (SQLITE_LOCKED when SQLite sees a deadlock).
+// Aborts the process, with the failed expression, when a pthread call fails.
 int wait_for_unlock_notify(sqlite3* db) {
   static const char kFunction[] = "wait_for_unlock_notify";
   unlock_notify_ctx _ctx;
@@ -218,6 +229,8 @@ int wait_for_unlock_notify(sqlite3* db) {
   return rc;
 }
 
+}  // namespace
+
 int metadb_step(sqlite3_stmt* stmt) {
   for (;;) {
     const int rc = sqlite3_step(stmt);
@@ -241,24 +254,30 @@ int metadb_prepare(sqlite3* db, const char* sql, int bytes,
   }
 }
 
-int metadb_prepare(sqlite3* db, const char* sql, int bytes,
-                   metadb_stmt_ptr& slot) {
+int metadb_busy_handler(void* /*unused*/, int /*count*/) {
+  usleep(10000);
+  return 1;
+}
+
+namespace tevul {
+
+int own_lock_aware_busy_handler(void* db, int /*count*/) {
+  if (blocked_by_own_thread(static_cast<sqlite3*>(db))) return 0;
+  usleep(10000);
+  return 1;
+}
+
+int prepare(sqlite3* db, const char* sql, int bytes, stmt_ptr& slot) {
   sqlite3_stmt* stmt = nullptr;
   const int rc = metadb_prepare(db, sql, bytes, &stmt);
   slot.reset(stmt);
   return rc;
 }
 
-int metadb_busy_handler(void* /*unused*/, int /*count*/) {
-  usleep(10000);
-  return 1;
-}
-
-int metadb_run_stmt(sqlite3_stmt* stmt, metadb_row_callback callback,
-                    void* user) {
+int run_stmt(sqlite3_stmt* stmt, metadb_row_callback callback, void* user) {
   int budget = 10;
   int columns = 0;
-  std::unique_ptr<char*, tevul::free_deleter> array;
+  c_ptr<char*> array;
   for (;;) {
     const int rc = metadb_step(stmt);
     if (rc == SQLITE_DONE) return SQLITE_OK;
@@ -293,17 +312,7 @@ int metadb_run_stmt(sqlite3_stmt* stmt, metadb_row_callback callback,
   }
 }
 
-int metadb_exec_query(sqlite3* db, const char* sql,
-                      metadb_row_callback callback, void* user) {
-  sqlite3_stmt* raw = nullptr;
-  const int rc = metadb_prepare(db, sql, -1, &raw);
-  metadb_stmt_ptr stmt(raw);
-  if (rc != SQLITE_OK) return rc;
-  if (!stmt) return SQLITE_OK;  // the text holds no statement
-  return metadb_run_stmt(stmt.get(), callback, user);
-}
-
-int metadb_stmt_cache::get(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
+int stmt_cache::get(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
   ++clock_;
   slot* victim = &slots_[0];
   for (slot& s : slots_) {
@@ -318,7 +327,7 @@ int metadb_stmt_cache::get(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
     if (!s.stmt || s.used < victim->used) victim = &s;
   }
   victim->stmt.reset();
-  const int rc = metadb_prepare(db, sql, -1, victim->stmt);
+  const int rc = prepare(db, sql, -1, victim->stmt);
   victim->used = clock_;
   *stmt = victim->stmt.get();
   if (rc != SQLITE_OK) {
@@ -328,38 +337,50 @@ int metadb_stmt_cache::get(sqlite3* db, const char* sql, sqlite3_stmt** stmt) {
   return rc;
 }
 
-void metadb_stmt_cache::clear() {
+void stmt_cache::clear() {
   for (slot& s : slots_) s.stmt.reset();
 }
 
+}  // namespace tevul
+
+int metadb_exec_query(sqlite3* db, const char* sql,
+                      metadb_row_callback callback, void* user) {
+  sqlite3_stmt* raw = nullptr;
+  const int rc = metadb_prepare(db, sql, -1, &raw);
+  tevul::stmt_ptr stmt(raw);
+  if (rc != SQLITE_OK) return rc;
+  if (!stmt) return SQLITE_OK;  // the text holds no statement
+  return tevul::run_stmt(stmt.get(), callback, user);
+}
+
+namespace {
+
+// The three transaction statements, each cached in its slot of the handle,
+// by operation code (metadb_txn_begin, _commit, _rollback), with the byte
+// count (terminator included) it is prepared with.
+struct txn_statement {
+  tevul::stmt_ptr metadb_tagdb::*slot;
+  const char* text;
+  int bytes;
+};
+const txn_statement kTxnStatements[] = {
+    {&metadb_tagdb::stmt_begin, "BEGIN IMMEDIATE", sizeof "BEGIN IMMEDIATE"},
+    {&metadb_tagdb::stmt_commit, "COMMIT", sizeof "COMMIT"},
+    {&metadb_tagdb::stmt_rollback, "ROLLBACK", sizeof "ROLLBACK"},
+};
+
+}  // namespace
+
 int metadb_transaction_op(metadb_tagdb* tagdb, int op) {
-  metadb_stmt_ptr* slot = nullptr;
-  const char* text = nullptr;
-  int bytes = 0;
-  switch (op) {
-    case metadb_txn_begin:
-      slot = &tagdb->stmt_begin;
-      text = "BEGIN IMMEDIATE";
-      bytes = sizeof "BEGIN IMMEDIATE";
-      break;
-    case metadb_txn_commit:
-      slot = &tagdb->stmt_commit;
-      text = "COMMIT";
-      bytes = sizeof "COMMIT";
-      break;
-    case metadb_txn_rollback:
-      slot = &tagdb->stmt_rollback;
-      text = "ROLLBACK";
-      bytes = sizeof "ROLLBACK";
-      break;
-    default:
-      return -1;
-  }
-  if (metadb_prepare_once(tagdb->db.get(), text, bytes, *slot) != SQLITE_OK) {
-    sqlite3_reset(slot->get());
+  if (op < metadb_txn_begin || op > metadb_txn_rollback) return -1;
+  const txn_statement& txn = kTxnStatements[op - metadb_txn_begin];
+  tevul::stmt_ptr& slot = tagdb->*txn.slot;
+  if (tevul::prepare_once(tagdb->db.get(), txn.text, txn.bytes, slot) !=
+      SQLITE_OK) {
+    sqlite3_reset(slot.get());
     return -1;
   }
-  if (op == metadb_txn_begin) metadb_owner_claim(&tagdb->owner);
+  if (op == metadb_txn_begin) tevul::owner_claim(&tagdb->owner);
   // The result stays 0 whatever the statement gave: the daemon's callers
   // have always been told success, also for a COMMIT that a full disk
   // refused, and a bulk context issues a COMMIT with no transaction open
@@ -368,9 +389,9 @@ int metadb_transaction_op(metadb_tagdb* tagdb, int op) {
   // so that a bulk context can report lost writes by other means.
   const bool ends_transaction =
       op == metadb_txn_commit && !sqlite3_get_autocommit(tagdb->db.get());
-  const int rc = metadb_step(slot->get());
+  const int rc = metadb_step(slot.get());
   if (ends_transaction && rc != SQLITE_DONE) tagdb->failed_commit = rc;
-  sqlite3_reset(slot->get());
+  sqlite3_reset(slot.get());
   return 0;
 }
 
@@ -386,7 +407,7 @@ int transaction_entry(metadb_tagdb* tagdb, int op) {
     // skip is relied upon (its transaction simply continues).
     return 0;
   }
-  return metadb_errno(metadb_transaction_op(tagdb, op));
+  return tevul::sqlite_errno(metadb_transaction_op(tagdb, op));
 }
 }  // namespace
 

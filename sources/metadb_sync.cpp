@@ -3,9 +3,7 @@
 
 #include <sqlite3.h>
 
-#include <new>
-#include <string>
-
+#include "common.h"
 #include "metadb_bulk.h"
 #include "metadb_tagdb.h"
 
@@ -18,53 +16,58 @@ constexpr char kUnsynced[] = "SELECT Path FROM Meta WHERE Data IS NULL";
 // Room for a typical list, so that most rows encode without reallocating.
 constexpr std::size_t kListHint = 3850;
 
+using tevul::text;
+
 // Appends the escaped form of tag name `name` (without its leading ".").
-void escape_name(std::string& out, const char* name) {
+void escape_name(text& out, const char* name) {
   for (const char* p = name; *p != '\0'; ++p) {
-    if (*p == '|' || *p == '=') out += '\\';
-    out += *p;
+    if (*p == '|' || *p == '=') out.push('\\');
+    out.push(*p);
   }
 }
 
 // Appends the escaped form of tag value `value`.
-void escape_value(std::string& out, const char* value) {
+void escape_value(text& out, const char* value) {
   for (const char* p = value; *p != '\0'; ++p) {
     switch (*p) {
       case '|':
-        out += "\\|";
+        out.append("\\|");
         break;
       case '/':
-        out += '\\';  // a lone backslash stands for "/"
+        out.push('\\');  // a lone backslash stands for "/"
         break;
       case '\n':
         break;
       default:
-        out += *p;
+        out.push(*p);
     }
   }
 }
 
 }  // namespace
 
-void metadb_data_append(std::string& list, bool first, const char* name,
-                        const char* value) {
-  if (!first) list += '|';
+namespace tevul {
+
+void data_append(text& list, bool first, const char* name, const char* value) {
+  if (!first) list.push('|');
   escape_name(list, name);
-  list += '=';
+  list.push('=');
   escape_value(list, value);
 }
+
+}  // namespace tevul
 
 namespace {
 
 // Encodes the tag columns of the row `select` stands on into `list`.
-void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
+void encode_row(sqlite3_stmt* select, int columns, text& list) {
   bool first = true;
   for (int i = 0; i < columns; ++i) {
     if (sqlite3_column_type(select, i) == SQLITE_NULL) continue;
     const char* name = sqlite3_column_name(select, i);
     if (name == nullptr || name[0] != '.') continue;  // Path, Data, others
     if (sqlite3_column_type(select, i) != SQLITE_TEXT) continue;
-    metadb_data_append(
+    tevul::data_append(
         list, first, name + 1,
         reinterpret_cast<const char*>(sqlite3_column_text(select, i)));
     first = false;
@@ -72,10 +75,10 @@ void encode_row(sqlite3_stmt* select, int columns, std::string& list) {
 }
 
 // Steps 2 to 9 of a sync: returns an SQLite code, 0 or SQLITE_DONE for
-// success. Throws std::bad_alloc when the list cannot be built.
+// success, SQLITE_NOMEM when the list cannot be built (nothing is written).
 int sync_row(metadb_tagdb* tagdb, const char* path) {
   sqlite3* db = tagdb->db.get();
-  int rc = metadb_prepare_once(db, kSyncSelect, sizeof kSyncSelect,
+  int rc = tevul::prepare_once(db, kSyncSelect, sizeof kSyncSelect,
                                tagdb->stmt_sync_select);
   if (rc != SQLITE_OK) return rc;
   sqlite3_stmt* select = tagdb->stmt_sync_select.get();
@@ -86,11 +89,12 @@ int sync_row(metadb_tagdb* tagdb, const char* path) {
   const int columns = sqlite3_column_count(select);
   if (columns == 0) return SQLITE_OK;
 
-  std::string list;
+  text list;
   list.reserve(kListHint);
   encode_row(select, columns, list);
+  if (!list.ok()) return SQLITE_NOMEM;
 
-  rc = metadb_prepare_once(db, kSyncUpdate, sizeof kSyncUpdate,
+  rc = tevul::prepare_once(db, kSyncUpdate, sizeof kSyncUpdate,
                            tagdb->stmt_sync_update);
   if (rc != SQLITE_OK) return rc;
   sqlite3_stmt* update = tagdb->stmt_sync_update.get();
@@ -107,12 +111,7 @@ extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
   if (tagdb == nullptr || !tagdb->db) return -1;
   if (!tagdb->modified) return 0;
   if (path == nullptr) return 0;  // no row can have it
-  int rc;
-  try {
-    rc = sync_row(tagdb, path);
-  } catch (const std::bad_alloc&) {
-    rc = SQLITE_NOMEM;
-  }
+  const int rc = sync_row(tagdb, path);
   sqlite3_reset(tagdb->stmt_sync_select.get());
   sqlite3_reset(tagdb->stmt_sync_update.get());
   return rc == SQLITE_OK || rc == SQLITE_DONE ? 0 : -1;
@@ -121,7 +120,7 @@ extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
 extern "C" int metadb_tagdb_sync_all(metadb_tagdb* tagdb) {
   if (tagdb == nullptr || !tagdb->db) return -1;
   if (!tagdb->modified) return 0;
-  if (metadb_prepare_once(tagdb->db.get(), kUnsynced, sizeof kUnsynced,
+  if (tevul::prepare_once(tagdb->db.get(), kUnsynced, sizeof kUnsynced,
                           tagdb->stmt_unsynced) != SQLITE_OK) {
     return -1;
   }

@@ -8,14 +8,17 @@
 #ifndef TEVUL_METADB_SYNC_H
 #define TEVUL_METADB_SYNC_H
 
-#include <string>
-
+#include "common.h"
 #include "tevul.h"
+
+namespace tevul {
 
 // Appends the entry of tag `name` (without its column's leading ".") with
 // `value` to the encoded list `list`, after a "|" unless it is the `first`
-// entry. Neither argument may be NULL.
-void metadb_data_append(std::string& list, bool first, const char* name,
-                        const char* value);
+// entry. Neither argument may be NULL. A failed allocation shows in
+// list.ok().
+void data_append(text& list, bool first, const char* name, const char* value);
+
+}  // namespace tevul
 
 #endif  // TEVUL_METADB_SYNC_H

@@ -5,13 +5,12 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <initializer_list>
-#include <memory>
 
 #include "common.h"
 #include "metadb_sync.h"
 
 using tevul::is_empty;
+using tevul::tag_ident;
 
 namespace {
 
@@ -46,7 +45,20 @@ constexpr char kRecursiveAllSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL";
 constexpr char kRecursiveSubtreeSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE('%q','\\',''),Data=NULL "
-    "WHERE " METADB_SUBTREE;
+    "WHERE " TEVUL_SUBTREE;
+
+// True when kSettagSql formatted with `tag`, `value` and `rowid` fits its
+// buffer whole. Measured, not formatted: the statement that runs is the
+// same update with the value and the row bound.
+bool settag_text_fits(const char* tag, const char* value, int64_t rowid) {
+  // The fixed text without its "%s", "%q" and "%lld".
+  std::size_t len = sizeof kSettagSql - 1 - 8 + std::strlen(tag);
+  for (const char* p = value; *p != '\0'; ++p) len += *p == '\'' ? 2 : 1;
+  char number[24];
+  len += static_cast<std::size_t>(
+      std::snprintf(number, sizeof number, "%lld", static_cast<long long>(rowid)));
+  return len < kSettagSqlSize;
+}
 
 // Runs the value update of `tag` on row `rowid` with the handle's kept
 // statement for that tag: the effect of the formatted kSettagSql, without
@@ -54,15 +66,14 @@ constexpr char kRecursiveSubtreeSql[] =
 // metadb_exec_query() does.
 int run_settag(metadb_tagdb* tagdb, const char* tag, const char* value,
                int64_t rowid) {
-  const metadb_sql_text<kSettagSqlSize> sql(kSettagBoundSql,
-                                            metadb_tag_ident{tag});
+  const tevul::sql_text<kSettagSqlSize> sql(kSettagBoundSql, tag_ident{tag});
   if (!sql.fits()) return SQLITE_ERROR;
   sqlite3_stmt* stmt = nullptr;
   const int rc = tagdb->settag_stmts.get(tagdb->db.get(), sql.c_str(), &stmt);
   if (rc != SQLITE_OK) return rc;
   sqlite3_bind_text(stmt, 1, value, -1, SQLITE_STATIC);
   sqlite3_bind_int64(stmt, 2, static_cast<sqlite3_int64>(rowid));
-  const int result = metadb_run_stmt(stmt, nullptr, nullptr);
+  const int result = tevul::run_stmt(stmt, nullptr, nullptr);
   sqlite3_reset(stmt);
   sqlite3_clear_bindings(stmt);  // the value is the caller's
   return result;
@@ -70,14 +81,14 @@ int run_settag(metadb_tagdb* tagdb, const char* tag, const char* value,
 
 }  // namespace
 
-metadb_tagdb::~metadb_tagdb() { metadb_owner_unregister(&owner); }
+metadb_tagdb::~metadb_tagdb() { tevul::owner_unregister(&owner); }
 
 extern "C" metadb_tagdb* metadb_tagdb_open(const char* name) {
   if (is_empty(name)) return nullptr;
   struct stat st;
   if (stat(name, &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
 
-  std::unique_ptr<metadb_tagdb> tagdb = tevul::make_nothrow<metadb_tagdb>();
+  tevul::object_ptr<metadb_tagdb> tagdb = tevul::make_object<metadb_tagdb>();
   if (!tagdb) return nullptr;
 
   sqlite3_enable_shared_cache(1);
@@ -88,23 +99,23 @@ extern "C" metadb_tagdb* metadb_tagdb_open(const char* name) {
 
   sqlite3_busy_handler(db, metadb_busy_handler,
                        const_cast<char*>(sqlite3_db_filename(db, "main")));
-  metadb_owner_register(&tagdb->owner, db);
+  tevul::owner_register(&tagdb->owner, db);
   return tagdb.release();
 }
 
 extern "C" void metadb_tagdb_close(metadb_tagdb* tagdb) {
   if (tagdb == nullptr) return;
-  std::unique_ptr<metadb_tagdb> owned(tagdb);
+  tevul::object_ptr<metadb_tagdb> owned(tagdb);
   if (!tagdb->db) return;
   metadb_tagdb_transaction_commit(tagdb);
-  metadb_owner_unregister(&tagdb->owner);
-  for (metadb_stmt_ptr* stmt :
-       {&tagdb->stmt_begin, &tagdb->stmt_commit, &tagdb->stmt_rollback,
-        &tagdb->stmt_select_rowid, &tagdb->stmt_insert_path,
-        &tagdb->stmt_sync_select, &tagdb->stmt_sync_update,
-        &tagdb->stmt_unsynced}) {
-    stmt->reset();
-  }
+  tevul::owner_unregister(&tagdb->owner);
+  // Finalised in field order.
+  tevul::stmt_ptr* const statements[] = {
+      &tagdb->stmt_begin,        &tagdb->stmt_commit,
+      &tagdb->stmt_rollback,     &tagdb->stmt_select_rowid,
+      &tagdb->stmt_insert_path,  &tagdb->stmt_sync_select,
+      &tagdb->stmt_sync_update,  &tagdb->stmt_unsynced};
+  for (tevul::stmt_ptr* stmt : statements) stmt->reset();
   tagdb->settag_stmts.clear();
   // Every statement is gone before its connection closes: a statement left
   // behind would keep the connection, and the database file, open.
@@ -118,17 +129,16 @@ int metadb_add_tag_column(metadb_tagdb* tagdb, const char* tag) {
   if (metadb_column_exists(tagdb, tag) == 1) return 1;
 
   sqlite3* db = tagdb->db.get();
-  const metadb_tag_ident column{tag};
-  if (metadb_exec_text(
-          db, metadb_sql_text<kColumnSqlSize>(kAddColumnSql, column)) !=
+  const tag_ident column{tag};
+  if (tevul::exec_text(
+          db, tevul::sql_text<kColumnSqlSize>(kAddColumnSql, column)) !=
       SQLITE_OK) {
     return 0;
   }
   // The column stays even when its index cannot be made; a later call then
   // finds the column and succeeds.
-  return metadb_exec_text(
-             db, metadb_sql_text<kColumnSqlSize>(kAddIndexSql, tag, column)) ==
-                 SQLITE_OK
+  return tevul::exec_text(db, tevul::sql_text<kColumnSqlSize>(
+                                  kAddIndexSql, tag, column)) == SQLITE_OK
              ? 1
              : 0;
 }
@@ -136,7 +146,7 @@ int metadb_add_tag_column(metadb_tagdb* tagdb, const char* tag) {
 int64_t metadb_insert_path(metadb_tagdb* tagdb, const char* path) {
   if (tagdb == nullptr || !tagdb->db || is_empty(path)) return -1;
   sqlite3* db = tagdb->db.get();
-  metadb_prepare_once(db, kInsertPath, sizeof kInsertPath,
+  tevul::prepare_once(db, kInsertPath, sizeof kInsertPath,
                       tagdb->stmt_insert_path);  // a failure shows in the step
   sqlite3_stmt* stmt = tagdb->stmt_insert_path.get();
   sqlite3_bind_text(stmt, 1, path, -1, SQLITE_STATIC);
@@ -164,10 +174,10 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
     return 1;
   }
   // A tag that can never get a column changes nothing, not even the row.
-  if (!metadb_tag_sql_safe(tag)) return metadb_failed();
+  if (!tevul::tag_sql_safe(tag)) return tevul::metadb_failed();
   sqlite3* db = tagdb->db.get();
 
-  metadb_prepare_once(db, kSelectRowid, sizeof kSelectRowid,
+  tevul::prepare_once(db, kSelectRowid, sizeof kSelectRowid,
                       tagdb->stmt_select_rowid);  // a failure shows in the step
   sqlite3_stmt* select = tagdb->stmt_select_rowid.get();
   sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
@@ -180,17 +190,15 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
     if (rowid == 0 || rowid == -1) return 1;
   }
   if (metadb_add_tag_column(tagdb, tag) != 1) {
-    return metadb_failed();
+    return tevul::metadb_failed();
   }
   const char* v = value != nullptr ? value : "";
   // The full text decides whether the update may run at all: one that its
   // buffer would cut is never run.
-  const metadb_sql_text<kSettagSqlSize> sql(
-      kSettagSql, metadb_tag_ident{tag}, v, static_cast<sqlite3_int64>(rowid));
-  if (!sql.fits()) return 1;
+  if (!settag_text_fits(tag, v, rowid)) return 1;
   if (run_settag(tagdb, tag, v, rowid) != SQLITE_OK) return 1;
   tagdb->modified = 1;
-  return metadb_ok();
+  return tevul::metadb_ok();
 }
 
 extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
@@ -203,10 +211,10 @@ extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
   value.capacity = size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
   value.buffer = buf;
   value.found = 0;
-  const int rc =
-      metadb_exec_text(tagdb->db.get(),
-                       metadb_sql_text<kGettagSqlSize>(kGettagSql, metadb_tag_ident{tag}, path),
-                       metadb_copy_value_cb, &value);
+  const int rc = tevul::exec_text(
+      tagdb->db.get(),
+      tevul::sql_text<kGettagSqlSize>(kGettagSql, tag_ident{tag}, path),
+      metadb_copy_value_cb, &value);
   if (rc != SQLITE_OK) return -1;
   return value.found ? 0 : -1;
 }
@@ -216,9 +224,9 @@ extern "C" int metadb_tagdb_deltag(metadb_tagdb* tagdb, const char* path,
   if (tagdb == nullptr || !tagdb->db || is_empty(path) || is_empty(tag)) {
     return 1;
   }
-  const int rc = metadb_exec_text(
-      tagdb->db.get(), metadb_sql_text<kDeltagSqlSize>(
-                           kDeltagSql, metadb_tag_ident{tag}, path));
+  const int rc = tevul::exec_text(
+      tagdb->db.get(),
+      tevul::sql_text<kDeltagSqlSize>(kDeltagSql, tag_ident{tag}, path));
   if (rc == SQLITE_OK) {
     tagdb->modified = 1;
     return 0;
@@ -232,18 +240,18 @@ extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
                                              const char* value) {
   if (tagdb == nullptr || !tagdb->db || path == nullptr) return 1;
   if (metadb_add_tag_column(tagdb, tag) != 1) {
-    return metadb_failed();
+    return tevul::metadb_failed();
   }
   const char* v = value != nullptr ? value : "";
-  const metadb_tag_ident column{tag};
+  const tag_ident column{tag};
   sqlite3* db = tagdb->db.get();
   const int rc =
       path[0] == '\0'
-          ? metadb_exec_text(
-                db, metadb_sql_text<kRecursiveSqlSize>(kRecursiveAllSql, column, v))
-          : metadb_exec_text(db, metadb_sql_text<kRecursiveSqlSize>(
+          ? tevul::exec_text(db, tevul::sql_text<kRecursiveSqlSize>(
+                                     kRecursiveAllSql, column, v))
+          : tevul::exec_text(db, tevul::sql_text<kRecursiveSqlSize>(
                                      kRecursiveSubtreeSql, column, v, path,
-                                     metadb_glob_literal{path}));
+                                     tevul::glob_literal{path}));
   if (rc != SQLITE_OK) return 1;
   tagdb->modified = 1;
   metadb_tagdb_sync_all(tagdb);

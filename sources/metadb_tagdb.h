@@ -5,26 +5,28 @@
 #include <sqlite3.h>
 
 #include <cstdint>
-#include <memory>
 
+#include "common.h"
 #include "metadb_bulk.h"
 #include "tevul.h"
 
 // One open tag database. Created by metadb_tagdb_open(), destroyed by
 // metadb_tagdb_close(). The cached statements are prepared on first use,
 // reset after each use and finalised at close.
+// Made with tevul::make_object() (calloc and placement new), released by
+// metadb_tagdb_close().
 struct metadb_tagdb {
-  metadb_db_ptr db;
-  metadb_stmt_ptr stmt_begin;         // "BEGIN IMMEDIATE"
-  metadb_stmt_ptr stmt_commit;        // "COMMIT"
-  metadb_stmt_ptr stmt_rollback;      // "ROLLBACK"
-  metadb_stmt_ptr stmt_select_rowid;  // "SELECT ROWID FROM Meta WHERE Path=?"
-  metadb_stmt_ptr stmt_insert_path;   // "INSERT OR IGNORE INTO Meta(Path) ..."
-  metadb_stmt_ptr stmt_sync_select;   // "SELECT * FROM Meta WHERE Path=?"
-  metadb_stmt_ptr stmt_sync_update;   // "UPDATE Meta SET Data=? WHERE Path=?"
-  metadb_stmt_ptr stmt_unsynced;      // "SELECT Path FROM Meta WHERE Data IS NULL"
+  tevul::db_ptr db;
+  tevul::stmt_ptr stmt_begin;         // "BEGIN IMMEDIATE"
+  tevul::stmt_ptr stmt_commit;        // "COMMIT"
+  tevul::stmt_ptr stmt_rollback;      // "ROLLBACK"
+  tevul::stmt_ptr stmt_select_rowid;  // "SELECT ROWID FROM Meta WHERE Path=?"
+  tevul::stmt_ptr stmt_insert_path;   // "INSERT OR IGNORE INTO Meta(Path) ..."
+  tevul::stmt_ptr stmt_sync_select;   // "SELECT * FROM Meta WHERE Path=?"
+  tevul::stmt_ptr stmt_sync_update;   // "UPDATE Meta SET Data=? WHERE Path=?"
+  tevul::stmt_ptr stmt_unsynced;      // "SELECT Path FROM Meta WHERE Data IS NULL"
   // The value updates of the tags set most recently, value and row bound.
-  metadb_stmt_cache settag_stmts;
+  tevul::stmt_cache settag_stmts;
   // 1 once anything was written through the handle; never reset. Commit,
   // rollback and the Data sync do nothing while it is 0.
   int modified = 0;
@@ -32,19 +34,13 @@ struct metadb_tagdb {
   // a COMMIT that had a transaction to end and did not end it (SQLITE_FULL
   // for a full disk); SQLITE_OK otherwise, also when no COMMIT was issued.
   int failed_commit = SQLITE_OK;
-  metadb_lock_owner owner;
+  tevul::lock_owner owner;
 
   metadb_tagdb() = default;
   metadb_tagdb(const metadb_tagdb&) = delete;
   metadb_tagdb& operator=(const metadb_tagdb&) = delete;
   ~metadb_tagdb();
 };
-
-struct metadb_tagdb_closer {
-  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
-};
-// A handle closed (and so committed, if it ever wrote) when its owner lets go.
-using metadb_tagdb_ptr = std::unique_ptr<metadb_tagdb, metadb_tagdb_closer>;
 
 // Returns 1 when the column of `tag` exists or was created together with its
 // index, 0 when creating failed (also for a NULL handle or connection), -1 for

@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include <cstdio>
-#include <new>
 
 #include "common.h"
 #include "metadb_bulk.h"
@@ -21,15 +20,6 @@ constexpr char kLookupSql[] =
     "SELECT Data FROM Meta WHERE Meta.\".%s\"=? AND Data>=''";
 constexpr char kMarker[] = "#ESCAPED#";
 
-void replace_all(std::string& s, const char* from, const char* to) {
-  const std::size_t from_len = strlen(from);
-  const std::size_t to_len = strlen(to);
-  for (std::size_t pos = 0; (pos = s.find(from, pos)) != std::string::npos;
-       pos += to_len) {
-    s.replace(pos, from_len, to);
-  }
-}
-
 // Looks `value` up in one volume database. Returns 0 or ENOSPC when a row
 // was found (and copied into dest), ENOENT otherwise.
 int lookup_in(metadb_tagdb* tagdb, const char* tag, const char* value,
@@ -39,35 +29,35 @@ int lookup_in(metadb_tagdb* tagdb, const char* tag, const char* value,
   char sql[kLookupSqlSize + 1];
   const int len = std::snprintf(sql, sizeof sql, kLookupSql, tag);
   if (len < 0 || static_cast<std::size_t>(len) >= kLookupSqlSize ||
-      !metadb_tag_sql_safe(tag)) {
+      !tevul::tag_sql_safe(tag)) {
     return ENOENT;
   }
-  metadb_stmt_ptr stmt;
-  if (metadb_prepare(tagdb->db.get(), sql, -1, stmt) != SQLITE_OK) return ENOENT;
+  tevul::stmt_ptr stmt;
+  if (tevul::prepare(tagdb->db.get(), sql, -1, stmt) != SQLITE_OK) return ENOENT;
   if (sqlite3_bind_text(stmt.get(), 1, value, -1, SQLITE_STATIC) != SQLITE_OK ||
       metadb_step(stmt.get()) != SQLITE_ROW) {
     return ENOENT;
   }
   const char* data = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
-  try {
-    const std::string lines = metadb_tagsfile_lines(data != nullptr ? data : "");
-    tevul::format_cut(dest, size, "%s", lines.c_str());
-    return lines.size() < size ? 0 : ENOSPC;
-  } catch (const std::bad_alloc&) {
-    return ENOENT;
-  }
+  tevul::text lines;
+  lines.append(data != nullptr ? data : "");
+  tevul::tagsfile_lines(lines);
+  // Memory running short finds nothing, as a failed read does.
+  if (!lines.ok()) return ENOENT;
+  tevul::format_cut(dest, size, "%s", lines.c_str());
+  return lines.size() < size ? 0 : ENOSPC;
 }
 
 }  // namespace
 
-std::string metadb_tagsfile_lines(const std::string& data) {
-  std::string s = data;
-  replace_all(s, "\\|", kMarker);
-  replace_all(s, "|", "\n");
-  replace_all(s, kMarker, "|");
-  s += '\n';
-  return s;
+namespace tevul {
+
+void tagsfile_lines(text& data) {
+  data.replace_all("\\|", kMarker).replace_all("|", "\n").replace_all(kMarker, "|");
+  data.push('\n');
 }
+
+}  // namespace tevul
 
 namespace {
 
@@ -83,7 +73,7 @@ struct search {
 // Searches the database `db_file` of one volume; non-zero ends the walk.
 int search_volume(void* user, const char* /*name*/, const char* db_file) {
   search* s = static_cast<search*>(user);
-  metadb_tagdb_ptr tagdb(metadb_tagdb_open(db_file));
+  tevul::tagdb_ptr tagdb(metadb_tagdb_open(db_file));
   if (!tagdb) return 0;  // the result stays as it was
   // The arguments are tested only here, so a call without them still
   // opens and closes every database once; kept as callers have seen it.
@@ -106,6 +96,12 @@ extern "C" int metadb_tagsfile_get_for_tagvalue(const char* mount,
   char meta[tevul::kLongPathSize];
   tevul::format_cut(meta, sizeof meta, "%s/meta", mount);
   search s{tag, value, dest, size, ENOENT};
-  if (!tevu_each_volume(meta, search_volume, &s)) return ENOENT;
+  if (!tevul::each_volume(meta, search_volume, &s)) return ENOENT;
   return s.result;
+}
+
+extern "C" int tevu_metadata_for_tagvalue(const char* tag, const char* value,
+                                          char* dest, size_t size) {
+  return metadb_tagsfile_get_for_tagvalue(tevu_find_mount(), tag, value, dest,
+                                          size);
 }

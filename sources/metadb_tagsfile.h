@@ -3,15 +3,19 @@
 #ifndef TEVUL_METADB_TAGSFILE_H
 #define TEVUL_METADB_TAGSFILE_H
 
-#include <string>
-
+#include "common.h"
 #include "tevul.h"
 
-// Turns an encoded tag list (the Data column) into lines: every "\|" becomes
-// "|", every other "|" a line feed, and one line feed is appended. Done as
-// three replacements in a row through the marker "#ESCAPED#", so a marker
-// that occurs in the data itself also comes out as "|", as readers of the
-// daemon's format have always seen it.
-std::string metadb_tagsfile_lines(const std::string& data);
+namespace tevul {
+
+// Turns an encoded tag list (the Data column) in `data` into lines, in
+// place: every "\|" becomes "|", every other "|" a line feed, and one line
+// feed is appended. Done as three replacements in a row through the marker
+// "#ESCAPED#", so a marker that occurs in the data itself also comes out as
+// "|", as readers of the daemon's format have always seen it. A failed
+// allocation shows in data.ok().
+void tagsfile_lines(text& data);
+
+}  // namespace tevul
 
 #endif  // TEVUL_METADB_TAGSFILE_H

@@ -15,7 +15,7 @@ namespace {
 
 // The meta directory as tevu_bulk_setpath() sees it: its own process-wide
 // cache, independent of the volume module's, filled once and never reset.
-tevu_meta_dir g_setpath_meta_dir;
+tevul::meta_dir_cache g_setpath_meta_dir;
 
 // True when `len` bytes are not below `limit`, compared as unsigned numbers:
 // an unknown limit (0) refuses everything, a negative one accepts everything.
@@ -35,19 +35,21 @@ int check_lengths(const tevu_bulk_ctx* ctx, const char* name,
 }
 
 // The context's invariant: a context with a database has the volume that
-// database belongs to (a prefix "/.../" of its own), a current path lies on
-// that volume (the volume root may stand without its final "/"), and only a
-// context with a database has changes pending.
+// database belongs to (a prefix of its own, ending in "/"), a current path
+// lies on that volume as the lookup matched it (the volume root may stand
+// without its final "/"), and only a context with a database has changes
+// pending. The first bytes of path and prefix are not compared: the lookup
+// deliberately does not compare them for a root of the runtime file.
 void check_invariant(const tevu_bulk_ctx* ctx) {
   TEVUL_INVARIANT(ctx->dirty == 0 || ctx->tagdb);
   if (!ctx->tagdb) return;
   const int32_t n = ctx->volume.prefix_len;
   static_cast<void>(n);
   TEVUL_INVARIANT(n >= 2 && static_cast<std::size_t>(n) < sizeof ctx->volume.prefix);
-  TEVUL_INVARIANT(ctx->volume.prefix[0] == '/' && ctx->volume.prefix[n - 1] == '/');
+  TEVUL_INVARIANT(ctx->volume.prefix[n - 1] == '/');
   TEVUL_INVARIANT(ctx->volume.db_path[0] != '\0');
   TEVUL_INVARIANT(ctx->path[0] == '\0' ||
-                  (strncmp(ctx->path, ctx->volume.prefix, n - 1) == 0 &&
+                  (strncmp(ctx->path + 1, ctx->volume.prefix + 1, n - 2) == 0 &&
                    (ctx->path[n - 1] == '/' || ctx->path[n - 1] == '\0')));
 }
 
@@ -62,23 +64,23 @@ int note_change(tevu_bulk_ctx* ctx, int rc) {
 // database link is not needed here) or the runtime file's root.
 bool on_known_volume(const char* path) {
   char name[256];
-  const int found = tevu_find_volume_link(g_setpath_meta_dir.path, path, name);
+  const int found = tevul::find_volume_link(g_setpath_meta_dir.path, path, name);
   if (found < 0) return false;
   if (found == 1) return true;
   char root[tevul::kPathSize];
-  return tevu_runtime_root_holds(path, root);
+  return tevul::runtime_root_holds(path, root);
 }
 
 // The relative path for recursive tagging: the empty string, the whole
 // volume, when the current path is a volume root "/N" without its slash.
 const char* subtree_path(const tevu_bulk_ctx* ctx) {
-  const char* rel = tevu_bulk_relative_path(ctx);
+  const char* rel = tevul::bulk_relative_path(ctx);
   return rel > ctx->path && rel[-1] == '\0' ? "" : rel;
 }
 
 }  // namespace
 
-const char* tevu_bulk_relative_path(const tevu_bulk_ctx* ctx) {
+const char* tevul::bulk_relative_path(const tevu_bulk_ctx* ctx) {
   // A prefix cut by its buffer is longer than any path it could begin;
   // the last byte of `path` is always its terminator.
   int32_t skip = ctx->volume.prefix_len;
@@ -107,7 +109,7 @@ int tevu_bulk_open_for_path(tevu_bulk_ctx* ctx, const char* path) {
 extern "C" tevu_bulk_ctx* tevu_bulk_init(void) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return nullptr;
-  std::unique_ptr<tevu_bulk_ctx> ctx = tevul::make_nothrow<tevu_bulk_ctx>();
+  tevul::object_ptr<tevu_bulk_ctx> ctx = tevul::make_object<tevu_bulk_ctx>();
   if (!ctx) return nullptr;
   ctx->max_name_len = tevu_getmaxnamelen();
   ctx->max_value_len = tevu_getmaxvaluelen();
@@ -121,7 +123,7 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   if (realpath(path, canonical) == nullptr || canonical[0] == '\0') return -1;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return -1;
-  tevu_fill_meta_dir(&g_setpath_meta_dir, mount);
+  tevul::fill_meta_dir(&g_setpath_meta_dir, mount);
   if (canonical[0] != '/') return -1;
   // The context keeps at most sizeof path - 2 bytes of a path: a longer one
   // would be cut to another file's name, and its tags land there.
@@ -145,7 +147,7 @@ extern "C" int tevu_bulk_settag(tevu_bulk_ctx* ctx, const char* name,
   if (ctx == nullptr || !ctx->tagdb || tevul::is_empty(name)) return -1;
   if (const int rc = check_lengths(ctx, name, value)) return rc;
   return note_change(ctx, metadb_tagdb_settag(ctx->tagdb.get(),
-                                              tevu_bulk_relative_path(ctx),
+                                              tevul::bulk_relative_path(ctx),
                                               name, value));
 }
 
@@ -163,25 +165,25 @@ extern "C" int tevu_bulk_gettag(tevu_bulk_ctx* ctx, const char* name,
       buf == nullptr || size == 0) {
     return -1;
   }
-  return metadb_tagdb_gettag(ctx->tagdb.get(), tevu_bulk_relative_path(ctx),
+  return metadb_tagdb_gettag(ctx->tagdb.get(), tevul::bulk_relative_path(ctx),
                              name, buf, size);
 }
 
 extern "C" int tevu_bulk_deltag(tevu_bulk_ctx* ctx, const char* name) {
   if (ctx == nullptr || !ctx->tagdb || tevul::is_empty(name)) return -1;
   return note_change(ctx, metadb_tagdb_deltag(ctx->tagdb.get(),
-                                              tevu_bulk_relative_path(ctx), name));
+                                              tevul::bulk_relative_path(ctx), name));
 }
 
 extern "C" int tevu_bulk_commit(tevu_bulk_ctx* ctx) {
   if (ctx == nullptr || !ctx->tagdb) return -1;
   check_invariant(ctx);
   if (ctx->dirty) {
-    metadb_tagdb_sync(ctx->tagdb.get(), tevu_bulk_relative_path(ctx));
+    metadb_tagdb_sync(ctx->tagdb.get(), tevul::bulk_relative_path(ctx));
   }
   const int rc = metadb_tagdb_transaction_commit(ctx->tagdb.get());
   const int lost = ctx->tagdb->failed_commit;
-  if (lost != SQLITE_OK && ctx->error == 0) ctx->error = metadb_errno(lost);
+  if (lost != SQLITE_OK && ctx->error == 0) ctx->error = tevul::sqlite_errno(lost);
   if (ctx->dirty) {
     event_trigger(ctx->trigger);  // whatever the commit gave
     ctx->dirty = 0;
@@ -198,7 +200,7 @@ extern "C" int tevu_bulk_rollback(tevu_bulk_ctx* ctx) {
 
 extern "C" void tevu_bulk_fini(tevu_bulk_ctx* ctx) {
   if (ctx == nullptr) return;
-  std::unique_ptr<tevu_bulk_ctx> owned(ctx);
+  tevul::object_ptr<tevu_bulk_ctx> owned(ctx);
   tevu_bulk_commit(ctx);
   tevu_bulk_commit(ctx);  // kept: finds nothing dirty and only repeats the commit
   ctx->tagdb.reset();

@@ -3,21 +3,23 @@
 #define TEVUL_TEVU_BULK_H
 
 #include <cstdint>
-#include <memory>
 
+#include "common.h"
 #include "metadb_tagdb.h"
 #include "tevu_volume.h"
 #include "tevul.h"
 
-// One bulk context; see tevul.h. Invariant: `tagdb` and `volume` describe
-// the same volume, and `path`, when not empty, begins with volume.prefix or
-// equals it without its trailing "/".
+// One bulk context; see tevul.h. Made with tevul::make_object(), released
+// by tevu_bulk_fini(). Invariant: `tagdb` and `volume` describe the same
+// volume, and `path`, when not empty, lies on that volume as the lookup
+// matched it: equal to volume.prefix after the first byte of each, or to the
+// prefix without its trailing "/".
 struct tevu_bulk_ctx {
   // The current file as realpath() gave it, copied with a limit of 4095
   // bytes including the terminator. Bytes behind the terminator keep what a
   // longer earlier path left (zero on a fresh context).
   char path[4096];
-  metadb_tagdb_ptr tagdb;   // the current volume's database, or none
+  tevul::tagdb_ptr tagdb;   // the current volume's database, or none
   tevu_volume volume;       // prefix_len 0 and prefix empty when none
   int32_t max_name_len;     // compared as unsigned: 0 (unknown) refuses all
   int32_t max_value_len;
@@ -35,7 +37,11 @@ struct tevu_bulk_ctx {
 // context then has no database).
 int tevu_bulk_open_for_path(tevu_bulk_ctx* ctx, const char* path);
 
+namespace tevul {
+
 // The current file's path relative to its volume: a pointer into ctx->path.
-const char* tevu_bulk_relative_path(const tevu_bulk_ctx* ctx);
+const char* bulk_relative_path(const tevu_bulk_ctx* ctx);
+
+}  // namespace tevul
 
 #endif  // TEVUL_TEVU_BULK_H

@@ -1,25 +1,26 @@
-// Delete, move and cleanup. See tevu_maint.h.
-#include "tevu_maint.h"
+// Delete, move and cleanup: the public face of path maintenance. Each call
+// makes short-lived bulk contexts to reach the right databases and relies on
+// their end to commit and to wake the daemon.
+// The module's functions are declared in tevul.h.
+#include "tevul.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "common.h"
+#include "metadb_path.h"
 #include "metadb_tagdb.h"
 #include "tevu_bulk.h"
+#include "tevu_volume.h"
+
+using tevul::bulk_ptr;
 
 namespace {
 
-struct bulk_finisher {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-// A bulk context that commits, wakes the daemon if it changed anything, and
-// is freed when its owner lets go.
-using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_finisher>;
-
 // `path` (the caller's string) relative to the context's volume.
 const char* volume_relative(const tevu_bulk_ctx* ctx, const char* path) {
-  return tevu_volume_relative(&ctx->volume, path);
+  return tevul::volume_relative(&ctx->volume, path);
 }
 
 metadb_tagdb* database(const bulk_ptr& ctx) { return ctx->tagdb.get(); }
@@ -70,6 +71,204 @@ extern "C" int tevu_move(const char* src, const char* dst) {
   if (rc == 0) from->dirty = 1;
   return rc;
 }
+
+// ---------------------------------------------------------------------------
+// The checked move.
+
+namespace {
+
+// Copies the absolute path `path` into `out` (tevul::kPathSize bytes) with
+// repeated and trailing slashes dropped. Returns 0, EINVAL for a path that
+// is not absolute or holds a "." or ".." component (its canonical form
+// cannot be told without the disk, and a ".." taken as text would reach
+// another tree), ENAMETOOLONG for one that does not fit.
+int plain_path(const char* path, char* out) {
+  if (path == nullptr || path[0] != '/') return EINVAL;
+  std::size_t n = 0;
+  for (const char* part = path; *part != '\0';) {
+    while (*part == '/') ++part;
+    const std::size_t len = strcspn(part, "/");
+    if (len == 0) break;
+    if ((len == 1 && part[0] == '.') ||
+        (len == 2 && part[0] == '.' && part[1] == '.')) {
+      return EINVAL;
+    }
+    if (n + 1 + len >= tevul::kPathSize) return ENAMETOOLONG;
+    out[n++] = '/';
+    memcpy(out + n, part, len);
+    n += len;
+    part += len;
+  }
+  if (n == 0) out[n++] = '/';
+  out[n] = '\0';
+  return 0;
+}
+
+// True when stored path `inner` lies strictly below stored path `outer`.
+bool strictly_below(const char* inner, const char* outer) {
+  const std::size_t n = strlen(outer);
+  return strncmp(inner, outer, n) == 0 && inner[n] == '/';
+}
+
+// One volume's database as the checked move writes it, with its own
+// statements' results checked.
+class writer {
+ public:
+  explicit writer(const tevu_volume& volume)
+      : tagdb_(metadb_tagdb_open(volume.db_path)) {}
+  bool open() const { return tagdb_ != nullptr; }
+  metadb_tagdb* get() const { return tagdb_.get(); }
+
+  // Runs BEGIN IMMEDIATE, COMMIT or ROLLBACK; returns the SQLite code.
+  int exec(const char* sql) {
+    return metadb_exec_query(tagdb_->db.get(), sql, nullptr, nullptr);
+  }
+  int begin() { return exec("BEGIN IMMEDIATE"); }
+  // Commits and tells whether the COMMIT reached the database; a refused
+  // COMMIT is rolled back, so that nothing stays pending.
+  int commit() {
+    const int rc = exec("COMMIT");
+    if (rc != SQLITE_OK && !sqlite3_get_autocommit(tagdb_->db.get())) {
+      exec("ROLLBACK");
+    }
+    return rc;
+  }
+  // Ends a transaction that failed before its COMMIT.
+  int abandon(int rc) {
+    if (!sqlite3_get_autocommit(tagdb_->db.get())) exec("ROLLBACK");
+    return rc;
+  }
+
+ private:
+  tevul::tagdb_ptr tagdb_;
+};
+
+// The daemon's FIFO for the checked move: woken once per database changed.
+class wake_up {
+ public:
+  explicit wake_up(const char* mount) : fd_(event_trigger_init(mount)) {}
+  ~wake_up() { event_trigger_fini(fd_); }
+  wake_up(const wake_up&) = delete;
+  wake_up& operator=(const wake_up&) = delete;
+  void operator()() const { event_trigger(fd_); }
+
+ private:
+  int fd_;
+};
+
+// The errno of an SQLite result code of the checked move.
+int move_errno(int code) { return tevul::sqlite_errno(code); }
+
+// The code a failed statement left on `tagdb`'s connection; SQLITE_ERROR
+// when it left none (a text that did not fit its buffer never ran).
+int failure_code(metadb_tagdb* tagdb) {
+  const int code = sqlite3_errcode(tagdb->db.get());
+  return code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW
+             ? SQLITE_ERROR
+             : code;
+}
+
+// Deletes the rows of `rel` and below in its own checked transaction.
+int delete_checked(writer& db, const char* rel, const wake_up& wake) {
+  int rc = db.begin();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  unsigned long rows = 0;
+  rc = tevul::delete_subtree(db.get(), rel, &rows);
+  if (rc != SQLITE_OK) return move_errno(db.abandon(rc));
+  rc = db.commit();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  if (rows > 0) wake();
+  return 0;
+}
+
+// Within one database: renamed in one statement when the destination has no
+// rows yet; otherwise merged into them and the source rows deleted, in the
+// same transaction. All or nothing.
+int move_within(writer& db, const char* from, const char* to,
+                const wake_up& wake) {
+  int rc = db.begin();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  const int occupied = tevul::subtree_has_rows(db.get(), to, &rc);
+  if (occupied < 0) return move_errno(db.abandon(rc));
+  unsigned long rows = 0;
+  if (occupied == 0) {
+    if (metadb_tagdb_rename_path(db.get(), from, to) != 0) {
+      return move_errno(db.abandon(failure_code(db.get())));
+    }
+    rows = static_cast<unsigned long>(sqlite3_changes(db.get()->db.get()));
+  } else {
+    rc = tevul::merge_rows(db.get(), from, db.get(), to, &rows);
+    if (rc == SQLITE_OK) rc = tevul::delete_subtree(db.get(), from, &rows);
+    if (rc != SQLITE_OK) return move_errno(db.abandon(rc));
+  }
+  rc = db.commit();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  if (rows > 0) wake();
+  return 0;
+}
+
+// Across databases: the destination's COMMIT first, checked; only then the
+// source's deletion, checked too. An interruption anywhere leaves every tag
+// at the source (and perhaps also at the destination); running the move
+// again merges the same tags once more and converges.
+int move_across(writer& source, const char* from, writer& dest, const char* to,
+                const wake_up& wake) {
+  int rc = dest.begin();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  unsigned long rows = 0;
+  rc = tevul::merge_rows(source.get(), from, dest.get(), to, &rows);
+  if (rc != SQLITE_OK) return move_errno(dest.abandon(rc));
+  rc = dest.commit();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  if (rows == 0) return 0;  // nothing was tagged below `from`
+  wake();
+  return delete_checked(source, from, wake);
+}
+
+int move_checked(const char* src, const char* dst) {
+  char from[tevul::kPathSize];
+  char to[tevul::kPathSize];
+  if (const int rc = plain_path(src, from)) return rc;
+  if (const int rc = plain_path(dst, to)) return rc;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return ENOENT;
+  tevu_volume source_volume;
+  if (tevu_locate_volume(&source_volume, from) != 1) return ENOENT;
+  const char* old_rel = tevul::volume_relative(&source_volume, from);
+  if (old_rel[0] == '\0') return EINVAL;  // a volume is not moved
+  const wake_up wake(mount);
+  writer source(source_volume);
+  if (!source.open()) return EIO;
+
+  tevu_volume dest_volume;
+  if (tevu_locate_volume(&dest_volume, to) != 1) {
+    // Off the tagged volumes: the tree's tags go.
+    return delete_checked(source, old_rel, wake);
+  }
+  const char* new_rel = tevul::volume_relative(&dest_volume, to);
+  if (new_rel[0] == '\0') return EINVAL;  // a file cannot become a volume
+  if (strcmp(source_volume.db_path, dest_volume.db_path) == 0) {
+    if (strcmp(old_rel, new_rel) == 0) return 0;
+    // A tree moved into itself, or over a tree that holds it, is no move a
+    // file system makes; its rows would overwrite each other.
+    if (strictly_below(new_rel, old_rel) || strictly_below(old_rel, new_rel)) {
+      return EINVAL;
+    }
+    return move_within(source, old_rel, new_rel, wake);
+  }
+  writer dest(dest_volume);
+  if (!dest.open()) return EIO;
+  return move_across(source, old_rel, dest, new_rel, wake);
+}
+
+}  // namespace
+
+extern "C" int tevu_move_checked(const char* src, const char* dst) {
+  return move_checked(src, dst);
+}
+
+// ---------------------------------------------------------------------------
+// Cleanup.
 
 extern "C" int tevu_cleanup(const char* db_path, const char* dir, int* cancel,
                             metadb_cleanup_filter filter) {

@@ -1,12 +1,19 @@
-// Single tags through the mount. See tevu_tagfile.h.
+// Single tags through the mount: each tag of a file is the small file
+// <mount>/meta/<canonical path without its leading "/">/<tag>, whose content
+// is the value byte for byte. The daemon does the database work; the library
+// only creates, reads, truncates or removes that file, and never creates the
+// directories along the path.
+// The module's functions are declared in tevul.h.
 //
 // The family's results: 0, ENOENT (no mount, a missing argument), EINVAL (a
-// name that would leave its tag directory), ENAMETOOLONG, or the errno of the
-// failing system call. tag_file_path() decides all but the last for every
-// function of the family.
-#include "tevu_tagfile.h"
+// name that would leave its tag directory, or a tag directory that a planted
+// link leads outside the mount), ENAMETOOLONG, or the errno of the failing
+// system call. tag_file_path() decides all but the last for every function
+// of the family.
+#include "tevul.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <glob.h>
 #include <stdlib.h>
 #include <string.h>
@@ -46,11 +53,15 @@ int glob_quote(char* out, std::size_t size, const char* text) {
 
 // The common start of the tag-file functions: the mount, the arguments, the
 // canonical path, the tag file path in `tag_file` (tevul::kPathSize bytes).
-// With `pattern`, the file's own part of the path is quoted so that only
-// `tag` acts as a glob pattern. Returns 0, ENOENT (no mount, a missing
-// argument), EINVAL (a name that would leave the file's tag directory, or
-// the root directory, whose tag directory is the meta directory itself),
-// ENAMETOOLONG (a tag file path that would be cut) or realpath's errno.
+// The file's tag directory is resolved first and must lie inside the mount:
+// the tag file path is built on the resolved directory, so that a link
+// planted in the daemon's tree never leads a read, write or removal outside
+// it. With `pattern`, the directory's part of the path is quoted so that
+// only `tag` acts as a glob pattern. Returns 0, ENOENT (no mount, a missing
+// argument), EINVAL (a name that would leave the file's tag directory, the
+// root directory, whose tag directory is the meta directory itself, or a
+// tag directory outside the mount), ENAMETOOLONG (a tag file path that would
+// be cut) or the errno of realpath().
 int tag_file_path(const char* path, const char* tag, char* tag_file,
                   bool pattern) {
   const char* mount = tevu_find_mount();
@@ -61,19 +72,35 @@ int tag_file_path(const char* path, const char* tag, char* tag_file,
   if (realpath(path, canonical) == nullptr) return errno;
   if (std::strcmp(canonical, "/") == 0) return EINVAL;
   char dir[tevul::kPathSize];
-  const int dir_len = std::snprintf(dir, sizeof dir, "%s/meta/%s/", mount,
-                                    canonical + 1);
-  if (dir_len < 0 || static_cast<std::size_t>(dir_len) >= sizeof dir) {
+  if (!tevul::format_whole(dir, sizeof dir, "%s/meta/%s", mount, canonical + 1)) {
     return ENAMETOOLONG;
   }
-  const int len = pattern ? glob_quote(tag_file, tevul::kPathSize, dir)
-                          : std::snprintf(tag_file, tevul::kPathSize, "%s", dir);
+  char resolved[tevul::kPathSize];
+  if (const int rc = tevul::resolve_below(dir, mount, resolved)) return rc;
+  const std::size_t dir_len = std::strlen(resolved);
+  if (dir_len + 1 >= tevul::kPathSize) return ENAMETOOLONG;
+  resolved[dir_len] = '/';
+  resolved[dir_len + 1] = '\0';
+  const int len = pattern ? glob_quote(tag_file, tevul::kPathSize, resolved)
+                          : std::snprintf(tag_file, tevul::kPathSize, "%s", resolved);
   if (len < 0 ||
       static_cast<std::size_t>(len) + std::strlen(tag) >= tevul::kPathSize) {
     return ENAMETOOLONG;
   }
   std::memcpy(tag_file + len, tag, std::strlen(tag) + 1);
   return 0;
+}
+
+// Opens the tag file `tag_file` as a stream in `mode` ("r", or "w": created
+// or truncated), never through a link at its place. Returns none with
+// errno set when it cannot.
+tevul::file_ptr open_tag_file(const char* tag_file, const char* mode) {
+  const int flags = mode[0] == 'w' ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
+  tevul::unique_fd fd(open(tag_file, flags | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!fd.valid()) return nullptr;
+  tevul::file_ptr file(fdopen(fd.get(), mode));
+  if (file) fd.release();
+  return file;
 }
 
 struct glob_releaser {
@@ -93,7 +120,7 @@ bool is_dot_entry(const char* match) {
 extern "C" int tevu_settag(const char* path, const char* tag, const char* value) {
   char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
-  tevul::file_ptr file(std::fopen(tag_file, "w"));
+  tevul::file_ptr file = open_tag_file(tag_file, "w");
   if (!file) return errno;
   // What the daemon does with the value is its business: a value it refuses
   // on write or close still counts as written here.
@@ -107,7 +134,7 @@ extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
   char tag_file[tevul::kPathSize];
   if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
   if (size == 0) return 0;  // room for nothing, not even the terminator
-  tevul::file_ptr file(std::fopen(tag_file, "r"));
+  tevul::file_ptr file = open_tag_file(tag_file, "r");
   if (!file) return errno;
   memset(buf, 0, size);
   // A shorter value leaves zeros behind it; a longer one is cut.
@@ -137,10 +164,4 @@ extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
     if (unlink(matches.gl_pathv[i]) != 0) return errno;
   }
   return 0;
-}
-
-extern "C" int tevu_metadata_for_tagvalue(const char* tag, const char* value,
-                                          char* dest, size_t size) {
-  return metadb_tagsfile_get_for_tagvalue(tevu_find_mount(), tag, value, dest,
-                                          size);
 }

@@ -1,11 +1,21 @@
-// Views. See tevu_view.h.
+// Views: the configuration of each view V is a directory of small files
+// under <mount>/view/.config/V/ that the daemon reads (cond.ini, group.ini,
+// events.ini); the daemon shows the view's files under <mount>/view/V. The
+// library writes the files whole and never reads them back. The view name is
+// used as it stands, so a name with slashes addresses nested directories.
+// The module's functions are declared in tevul.h.
 //
-// The family's results: 0, kBadArgument (-1) for a bad name or text, ENOENT
-// without a mount, ENAMETOOLONG, or the errno of the failing system call.
-// config_path() decides all but the last for every function of the family.
-#include "tevu_view.h"
+// The family's results: 0, kBadArgument (-1) for a bad name or text, or for
+// a view whose configuration a planted link would put outside
+// <mount>/view/.config, ENOENT without a mount, ENAMETOOLONG, or the errno
+// of the failing system call. config_path() and inside_config() decide all
+// but the last for every function of the family.
+#include "tevul.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,6 +25,7 @@
 
 namespace {
 
+constexpr char kConfigBase[] = "%s/view/.config";
 constexpr char kConfigDir[] = "%s/view/.config/%s";
 constexpr char kConfigFile[] = "%s/view/.config/%s/%s";
 constexpr char kContentsDir[] = "%s/view/%s";
@@ -23,15 +34,15 @@ constexpr char kContentsDir[] = "%s/view/%s";
 // always reported them so.
 constexpr int kBadArgument = -1;
 
-// True when `name` may name a view: not empty, and no "/"-separated
-// component of it is "." or "..", so that the view's directories stay below
-// <mount>/view/.config (deleting "../../meta" would take the volume links
-// with it). "a/b" names a nested view.
+// True when `name` may name a view: one or more "/"-separated components,
+// none of them empty, "." or "..", so that the view's directories stay
+// below <mount>/view/.config (deleting "../../meta" would take the volume
+// links with it, deleting "/" every view). "a/b" names a nested view.
 bool valid_name(const char* name) {
   if (tevul::is_empty(name)) return false;
   for (const char* part = name;;) {
     const std::size_t len = std::strcspn(part, "/");
-    if ((len == 1 && part[0] == '.') ||
+    if (len == 0 || (len == 1 && part[0] == '.') ||
         (len == 2 && part[0] == '.' && part[1] == '.')) {
       return false;
     }
@@ -48,23 +59,69 @@ int config_path(const char* name, const char* file, char* out) {
   if (!valid_name(name)) return kBadArgument;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
-  const int len = file != nullptr
-                      ? std::snprintf(out, tevul::kPathSize, kConfigFile, mount,
-                                      name, file)
-                      : std::snprintf(out, tevul::kPathSize, kConfigDir, mount, name);
-  if (len < 0 || static_cast<std::size_t>(len) >= tevul::kPathSize) {
-    return ENAMETOOLONG;
-  }
-  return 0;
+  const bool whole =
+      file != nullptr
+          ? tevul::format_whole(out, tevul::kPathSize, kConfigFile, mount, name, file)
+          : tevul::format_whole(out, tevul::kPathSize, kConfigDir, mount, name);
+  return whole ? 0 : ENAMETOOLONG;
 }
 
-// Replaces `file` of the view with `text`. Returns 0 or the errno of the
-// failing open or write.
+// Whether the configuration directory `dir` of a view, as far as it exists,
+// lies inside <mount>/view/.config, itself inside the mount: the deepest
+// existing one of `dir` and its parents, every link followed, must be the
+// base or below it. Returns 0, kBadArgument when a link leads elsewhere, or
+// the errno of a path that cannot be resolved.
+int inside_config(const char* dir) {
+  const char* mount = tevu_find_mount();
+  char base[tevul::kPathSize];
+  char resolved[tevul::kPathSize];
+  if (!tevul::format_whole(base, sizeof base, kConfigBase, mount)) return ENAMETOOLONG;
+  if (const int rc = tevul::resolve_below(base, mount, resolved)) {
+    return rc == EINVAL ? kBadArgument : rc;
+  }
+  char real_base[tevul::kPathSize];
+  std::memcpy(real_base, resolved, sizeof real_base);
+  char existing[tevul::kPathSize];
+  std::memcpy(existing, dir, tevul::kPathSize);
+  for (;;) {
+    struct stat st;
+    if (lstat(existing, &st) == 0) break;
+    if (errno != ENOENT) return errno;
+    char* slash = std::strrchr(existing, '/');
+    if (slash == nullptr || slash == existing) return ENOENT;
+    *slash = '\0';
+  }
+  if (realpath(existing, resolved) == nullptr) return errno;
+  const std::size_t n = std::strlen(real_base);
+  const bool inside = std::strncmp(resolved, real_base, n) == 0 &&
+                      (resolved[n] == '\0' || resolved[n] == '/');
+  return inside ? 0 : kBadArgument;
+}
+
+// The view's configuration directory in `out`, checked to lie inside
+// <mount>/view/.config. Returns 0 or the family's result.
+int checked_config_dir(const char* name, char* out) {
+  if (const int rc = config_path(name, nullptr, out)) return rc;
+  return inside_config(out);
+}
+
+// Replaces `file` of the view with `text`. The file is never written
+// through a link at its place. Returns 0, kBadArgument for a link there or a
+// directory outside the configuration tree, or the errno of the failing
+// open or write.
 int write_config(const char* name, const char* file, const char* text) {
+  char dir[tevul::kPathSize];
   char path[tevul::kPathSize];
+  if (const int rc = checked_config_dir(name, dir)) return rc;
   if (const int rc = config_path(name, file, path)) return rc;
-  tevul::file_ptr out(std::fopen(path, "w"));
+  struct stat st;
+  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) return kBadArgument;
+  tevul::unique_fd fd(
+      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+  if (!fd.valid()) return errno == ELOOP ? kBadArgument : errno;
+  tevul::file_ptr out(fdopen(fd.get(), "w"));
   if (!out) return errno;
+  fd.release();
   return std::fprintf(out.get(), "%s", text) < 0 ? errno : 0;
 }
 
@@ -85,6 +142,11 @@ int set_events(const char* name, const char* on_off) {
 extern "C" int tevu_view_create(const char* name) {
   char path[tevul::kPathSize];
   if (const int rc = config_path(name, nullptr, path)) return rc;
+  // Where nothing of the configuration tree exists yet, nothing can lead
+  // outside it.
+  if (const int rc = inside_config(path)) {
+    if (rc != ENOENT) return rc;
+  }
   // Mode 0 is deliberate: it never exceeds the existing bits, so no
   // permission change follows.
   return fsutil_mkdir(path, 0, 1);
@@ -93,7 +155,7 @@ extern "C" int tevu_view_create(const char* name) {
 extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
   if (buf == nullptr) return nullptr;
   char config[tevul::kPathSize];
-  if (config_path(name, nullptr, config) != 0 || !fsutil_isdir(config)) {
+  if (checked_config_dir(name, config) != 0 || !fsutil_isdir(config)) {
     return nullptr;
   }
   tevul::format_cut(buf, size, kContentsDir, tevu_find_mount(), name);
@@ -103,6 +165,16 @@ extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
 extern "C" int tevu_view_delete(const char* name) {
   char path[tevul::kPathSize];
   if (const int rc = config_path(name, nullptr, path)) return rc;
+  // A link at the view's place goes as a link; its target stays.
+  struct stat st;
+  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+    char parent[tevul::kPathSize];
+    std::memcpy(parent, path, sizeof parent);
+    *std::strrchr(parent, '/') = '\0';
+    if (const int rc = inside_config(parent)) return rc;
+    return unlink(path) == 0 ? 0 : errno;
+  }
+  if (const int rc = inside_config(path)) return rc == ENOENT ? ENOENT : rc;
   return fsutil_rmdir(path, 1);
 }
 

@@ -17,6 +17,8 @@
 
 #include "common.h"
 
+using tevul::format_cut;
+
 namespace {
 
 constexpr char kMountTable[] = "/etc/mtab";
@@ -31,6 +33,12 @@ constexpr char kRuntimeScan[] = "%255[^:\n]:%4096[^:\n]:%4096[^\n]\n";
 // The most a limits or runtime file may hold; a larger one counts as absent
 // (a runaway file costs one bounded read, not seconds per call).
 constexpr std::size_t kSmallFileMax = 64 * 1024;
+
+// True when `dir` is a directory that can be reached.
+bool reachable_dir(const char* dir) {
+  struct stat st;
+  return stat(dir, &st) == 0 && S_ISDIR(st.st_mode);
+}
 
 // The content of one of the daemon's small text files, as a stream.
 struct small_file {
@@ -71,14 +79,11 @@ small_file open_small_file(const char* name) {
 // a filled one is read without the lock.
 pthread_mutex_t g_cache_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<const char*> g_mount_point{nullptr};
-tevu_meta_dir g_meta_dir;
+tevul::meta_dir_cache g_meta_dir;
 
-// Holds g_cache_lock for its scope.
-struct cache_hold {
-  cache_hold() { pthread_mutex_lock(&g_cache_lock); }
-  ~cache_hold() { pthread_mutex_unlock(&g_cache_lock); }
-  cache_hold(const cache_hold&) = delete;
-  cache_hold& operator=(const cache_hold&) = delete;
+// A mount table stream closed with endmntent().
+struct mnt_closer {
+  void operator()(FILE* f) const { endmntent(f); }
 };
 
 // Reads the target of link `link` into `vol->db_path`. A target that does
@@ -96,9 +101,9 @@ bool read_db_link(tevu_volume* vol, const char* link) {
 
 const char* tevu_find_mount() {
   if (const char* known = g_mount_point.load(std::memory_order_acquire)) return known;
-  const cache_hold hold;
+  const tevul::mutex_hold hold(&g_cache_lock);
   if (const char* known = g_mount_point.load(std::memory_order_relaxed)) return known;
-  tevul::mnt_ptr table(setmntent(kMountTable, "r"));
+  std::unique_ptr<FILE, mnt_closer> table(setmntent(kMountTable, "r"));
   if (!table) return nullptr;
   // getmntent() would share one entry among all threads.
   mntent entry;
@@ -114,9 +119,9 @@ const char* tevu_find_mount() {
   return g_mount_point.load(std::memory_order_relaxed);
 }
 
-void tevu_fill_meta_dir(tevu_meta_dir* cache, const char* mount) {
+void tevul::fill_meta_dir(meta_dir_cache* cache, const char* mount) {
   if (cache->filled.load(std::memory_order_acquire)) return;
-  const cache_hold hold;
+  const mutex_hold hold(&g_cache_lock);
   if (cache->filled.load(std::memory_order_relaxed)) return;
   tevul::format_cut(cache->path, sizeof cache->path, "%s/meta", mount);
   cache->filled.store(true, std::memory_order_release);
@@ -132,10 +137,10 @@ int32_t tevu_get_limit(const char* key) {
                 ".info", "limits.txt");
   const small_file file = open_small_file(file_name);
   if (!file.stream) return 0;
-  return tevu_scan_limit(file.stream.get(), key);
+  return tevul::scan_limit(file.stream.get(), key);
 }
 
-int32_t tevu_scan_limit(FILE* file, const char* key) {
+int32_t tevul::scan_limit(FILE* file, const char* key) {
   char name[4096];
   char value[4096];
   for (;;) {
@@ -161,10 +166,10 @@ extern "C" int tevu_getmaxvaluelen(void) {
 int tevu_read_ini(char* dst) {
   const small_file file = open_small_file(kRuntimeFile);
   if (!file.stream) return 0;
-  return tevu_scan_ini(file.stream.get(), dst);
+  return tevul::scan_ini(file.stream.get(), dst);
 }
 
-int tevu_scan_ini(FILE* file, char* dst) {
+int tevul::scan_ini(FILE* file, char* dst) {
   char first[256] = "";
   char root[4097] = "";
   char third[4097] = "";
@@ -175,39 +180,44 @@ int tevu_scan_ini(FILE* file, char* dst) {
   return 1;
 }
 
-int tevu_find_volume_link(const char* meta_dir, const char* path,
-                          char* name) {
-  tevul::dir_ptr dir(opendir(meta_dir));
-  if (!dir) return -1;
-  while (const dirent* entry = readdir(dir.get())) {
-    if (entry->d_type != DT_LNK) continue;
-    const std::size_t n = strlen(entry->d_name);
-    if (strncmp(path + 1, entry->d_name, n) == 0 &&
-        (path[n + 1] == '\0' || path[n + 1] == '/')) {
-      memcpy(name, entry->d_name, n + 1);
-      return 1;
-    }
+int tevul::find_volume_link(const char* meta_dir, const char* path,
+                            char* name) {
+  const std::size_t n = strcspn(path + 1, "/");
+  char link[kPathSize];
+  if (n == 0 || n > NAME_MAX ||
+      !format_whole(link, sizeof link, "%s/%.*s", meta_dir, static_cast<int>(n),
+                    path + 1)) {
+    return reachable_dir(meta_dir) ? 0 : -1;
   }
-  return 0;
+  struct stat st;
+  if (lstat(link, &st) == 0) {
+    if (!S_ISLNK(st.st_mode)) return 0;
+    memcpy(name, path + 1, n);
+    name[n] = '\0';
+    return 1;
+  }
+  // No such entry: no volume, unless the meta directory itself is gone,
+  // which a read of the directory would have told.
+  if (errno == ENOENT || errno == ENOTDIR) return reachable_dir(meta_dir) ? 0 : -1;
+  return -1;
 }
 
-bool tevu_each_volume(const char* meta_dir,
-                     int (*visit)(void* user, const char* name,
-                                  const char* db_file),
-                     void* user) {
-  tevul::dir_ptr dir(opendir(meta_dir));
+bool tevul::each_volume(const char* meta_dir,
+                        int (*visit)(void* user, const char* name,
+                                     const char* db_file),
+                        void* user) {
+  dir_ptr dir(opendir(meta_dir));
   if (!dir) return false;
   while (const dirent* entry = readdir(dir.get())) {
     if (entry->d_type != DT_LNK) continue;
-    char db_file[tevul::kLongPathSize];
-    tevul::format_cut(db_file, sizeof db_file, "%s/%s@@db", meta_dir,
-                      entry->d_name);
+    char db_file[kLongPathSize];
+    format_cut(db_file, sizeof db_file, "%s/%s@@db", meta_dir, entry->d_name);
     if (visit(user, entry->d_name, db_file) != 0) break;
   }
   return true;
 }
 
-const char* tevu_volume_relative(const tevu_volume* vol, const char* path) {
+const char* tevul::volume_relative(const tevu_volume* vol, const char* path) {
   const int32_t n = vol->prefix_len;
   if (n <= 0) return path;
   for (int32_t i = 0; i < n - 1; ++i) {
@@ -216,7 +226,7 @@ const char* tevu_volume_relative(const tevu_volume* vol, const char* path) {
   return path[n - 1] == '\0' ? "" : path + n;
 }
 
-bool tevu_root_matches(const char* root, const char* path) {
+bool tevul::root_matches(const char* root, const char* path) {
   const std::size_t len = strlen(root);
   if (len == 0) return false;
   if (strncmp(path + 1, root + 1, len - 1) != 0) return false;
@@ -227,20 +237,20 @@ int tevu_locate_volume(tevu_volume* vol, const char* path) {
   if (tevul::is_empty(path)) return 0;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return 0;
-  tevu_fill_meta_dir(&g_meta_dir, mount);
+  tevul::fill_meta_dir(&g_meta_dir, mount);
   if (path[0] != '/') return 0;
   return tevu_match_volume(vol, path);
 }
 
-bool tevu_runtime_root_holds(const char* path, char* root) {
+bool tevul::runtime_root_holds(const char* path, char* root) {
   struct stat st;
   return stat(kRuntimeFile, &st) == 0 && tevu_read_ini(root) == 1 &&
-         tevu_root_matches(root, path);
+         root_matches(root, path);
 }
 
 int tevu_match_volume(tevu_volume* vol, const char* path) {
   char name[256];
-  const int found = tevu_find_volume_link(g_meta_dir.path, path, name);
+  const int found = tevul::find_volume_link(g_meta_dir.path, path, name);
   if (found < 0) return 0;  // no meta directory: no fallback either
   char link[tevul::kPathSize];
   if (found == 1) {
@@ -252,9 +262,20 @@ int tevu_match_volume(tevu_volume* vol, const char* path) {
   }
 
   char root[tevul::kPathSize];
-  if (!tevu_runtime_root_holds(path, root)) return 0;
+  if (!tevul::runtime_root_holds(path, root)) return 0;
   vol->prefix_len = tevul::format_cut(vol->prefix, sizeof vol->prefix, "%s/", root);
   // The root begins with "/", so no slash is added after the meta directory.
   tevul::format_cut(link, sizeof link, "%s%s@@db", g_meta_dir.path, root);
   return read_db_link(vol, link) ? 1 : 0;
+}
+
+int tevul::resolve_below(const char* path, const char* base, char* resolved) {
+  char real_base[kPathSize];
+  if (realpath(base, real_base) == nullptr) return errno;
+  if (realpath(path, resolved) == nullptr) return errno;
+  const std::size_t n = strlen(real_base);
+  const bool below = n == 1 ? resolved[1] != '\0'
+                            : strncmp(resolved, real_base, n) == 0 &&
+                                  resolved[n] == '/' && resolved[n + 1] != '\0';
+  return below ? 0 : EINVAL;
 }

@@ -20,6 +20,7 @@
 #include "tevul.h"
 
 // Where a volume's tag database is and which path prefix the volume has.
+// (The record of the daemon's interface: its name and layout stay.)
 struct tevu_volume {
   char db_path[tevul::kPathSize];  // target of the link <meta>/<name>@@db
   char prefix[tevul::kPathSize];   // "/<name>/" or "<root>/", ending in "/"
@@ -33,37 +34,16 @@ struct tevu_volume {
 // lookup is tried again by the next call). Safe from several threads.
 const char* tevu_find_mount();
 
-// A process-wide cache of the meta directory "<mount>/meta": empty until
-// its first fill, never changed after it.
-struct tevu_meta_dir {
-  std::atomic<bool> filled{false};
-  char path[tevul::kPathSize];
-};
-
-// Fills `cache` with "<mount>/meta" unless it is filled already. Only the
-// first fills take a lock (threads that get there together fill it one
-// after the other, so that none reads a half-written text); later calls
-// only read the flag.
-void tevu_fill_meta_dir(tevu_meta_dir* cache, const char* mount);
-
 // The limit `key` of the limits file, or 0 when it cannot be had (no mount,
 // no file, no such line before a malformed one, a value with anything but
 // decimal digits).
 int32_t tevu_get_limit(const char* key);
-
-// The scan behind tevu_get_limit(): reads key=value lines from `file` up to
-// the first line whose key is `key` and returns its value by the same rules.
-int32_t tevu_scan_limit(FILE* file, const char* key);
 
 // Reads the volume root (the second ":"-separated field of the first line of
 // the runtime file) into `dst` of tevul::kPathSize bytes. Returns 1 when a line
 // was read (dst may be empty when the line had only its first field), 0
 // otherwise.
 int tevu_read_ini(char* dst);
-
-// The scan behind tevu_read_ini(): reads the first line of `file`, with the
-// same result and the same `dst`.
-int tevu_scan_ini(FILE* file, char* dst);
 
 // Fills `vol` for the volume holding the absolute path `path`. Returns 1 when
 // db_path, prefix and prefix_len were filled, 0 otherwise (prefix and
@@ -73,12 +53,36 @@ int tevu_locate_volume(tevu_volume* vol, const char* path);
 // The scan behind tevu_locate_volume(); same arguments and results.
 int tevu_match_volume(tevu_volume* vol, const char* path);
 
-// Looks in `meta_dir` for the first volume link (a symbolic link, in the
-// order the directory yields them) whose name N is the first component of
-// `path` ("/N" or "/N/..."). Returns 1 and copies N into `name` (256 bytes)
-// when found, 0 when none matches, -1 when the directory cannot be opened.
-int tevu_find_volume_link(const char* meta_dir, const char* path,
-                          char* name);
+namespace tevul {
+
+// A process-wide cache of the meta directory "<mount>/meta": empty until
+// its first fill, never changed after it.
+struct meta_dir_cache {
+  std::atomic<bool> filled{false};
+  char path[kPathSize];
+};
+
+// Fills `cache` with "<mount>/meta" unless it is filled already. Only the
+// first fills take a lock (threads that get there together fill it one
+// after the other, so that none reads a half-written text); later calls
+// only read the flag.
+void fill_meta_dir(meta_dir_cache* cache, const char* mount);
+
+// The scan behind tevu_get_limit(): reads key=value lines from `file` up to
+// the first line whose key is `key` and returns its value by the same rules.
+int32_t scan_limit(FILE* file, const char* key);
+
+// The scan behind tevu_read_ini(): reads the first line of `file`, with the
+// same result and the same `dst`.
+int scan_ini(FILE* file, char* dst);
+
+// Finds the volume link of `path` in `meta_dir`: the symbolic link named
+// after the path's first component N ("/N" or "/N/..."), the only name that
+// can match, with one lstat() of "<meta_dir>/N" instead of a read of the
+// whole directory (a directory or file of that name is no volume link).
+// Returns 1 and copies N into `name` (256 bytes) when found, 0 when there
+// is none, -1 when the meta directory itself cannot be reached.
+int find_volume_link(const char* meta_dir, const char* path, char* name);
 
 // Calls visit(user, N, db_file) for every volume link N of `meta_dir` (a
 // symbolic link, in the order the directory yields them), with db_file the
@@ -86,26 +90,32 @@ int tevu_find_volume_link(const char* meta_dir, const char* path,
 // visited too; the name they form ("N@@db@@db") names no file. Stops at the
 // first non-zero result of visit. Returns false when the directory cannot be
 // opened (nothing is visited), true otherwise.
-bool tevu_each_volume(const char* meta_dir,
-                     int (*visit)(void* user, const char* name,
-                                  const char* db_file),
-                     void* user);
+bool each_volume(const char* meta_dir,
+                 int (*visit)(void* user, const char* name, const char* db_file),
+                 void* user);
 
 // `path`, which lies on `vol`, with the volume's prefix skipped: the path as
 // the volume's database stores it. A volume root given without its final
 // "/" gives the empty string, the whole volume. Nothing past the terminator
 // of `path` is read.
-const char* tevu_volume_relative(const tevu_volume* vol, const char* path);
+const char* volume_relative(const tevu_volume* vol, const char* path);
 
 // True when the runtime file exists, yields a root (copied into `root`,
-// tevul::kPathSize bytes) and `path` lies under it (tevu_root_matches()):
-// the fallback of both volume checks, the volume module's and the bulk
-// context's.
-bool tevu_runtime_root_holds(const char* path, char* root);
+// kPathSize bytes) and `path` lies under it (root_matches()): the fallback
+// of both volume checks, the volume module's and the bulk context's.
+bool runtime_root_holds(const char* path, char* root);
 
 // True when `path` lies under the volume root `root` of the runtime file:
 // equal after the first byte of each (the first bytes are deliberately not
 // compared), followed by "/" or the end. An empty root matches nothing.
-bool tevu_root_matches(const char* root, const char* path);
+bool root_matches(const char* root, const char* path);
+
+// Resolves `path`, every link followed, into `resolved` (kPathSize bytes)
+// and tells whether it lies strictly below `base`, itself resolved first.
+// Returns 0 when it does, EINVAL when it does not (a link planted under the
+// mount that leads outside it), otherwise realpath()'s errno.
+int resolve_below(const char* path, const char* base, char* resolved);
+
+}  // namespace tevul
 
 #endif  // TEVUL_TEVU_VOLUME_H

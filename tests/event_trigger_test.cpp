@@ -36,8 +36,9 @@ TEST_F(EventTrigger, NothingAtThePathMeansNoTrigger) {
 }
 
 // Only a FIFO is ever written: a regular file, a directory or a link to a
-// tag database at the FIFO's place counts as no FIFO and stays as it was.
-TEST_F(EventTrigger, AnythingButAFifoCountsAsAbsent) {
+// tag database at the FIFO's place cannot serve as the FIFO (-1, as a FIFO
+// that cannot be opened) and stays as it was; nothing there is 0.
+TEST_F(EventTrigger, AnythingButAFifoIsRefused) {
   tevul_test::write_file("/tmp/.tevu/plain/action_trigger", "data");
   tevul_test::make_dirs("/tmp/.tevu/dir/action_trigger");
   tevul_test::make_dirs("/tmp/.tevu/link");
@@ -45,8 +46,9 @@ TEST_F(EventTrigger, AnythingButAFifoCountsAsAbsent) {
                     "/tmp/.tevu/link/action_trigger"), 0);
   const std::string db_before = tevul_test::read_file(Sandbox::db_path("mnt"));
   for (const char* name : {"plain", "dir", "link"}) {
-    EXPECT_EQ(event_trigger_init(name), 0) << name;
+    EXPECT_EQ(event_trigger_init(name), -1) << name;
   }
+  EXPECT_EQ(event_trigger_init("nothing-there"), 0);
   EXPECT_EQ(tevul_test::read_file("/tmp/.tevu/plain/action_trigger"), "data");
   EXPECT_EQ(tevul_test::read_file(Sandbox::db_path("mnt")), db_before);
 }

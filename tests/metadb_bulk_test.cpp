@@ -83,7 +83,7 @@ TEST(ErrnoTable, MapsEveryResultCode) {
       {SQLITE_MISUSE, EPIPE},  {SQLITE_NOLFS, ENOTTY},      {SQLITE_AUTH, EACCES},
       {SQLITE_FORMAT, EBADF},  {SQLITE_RANGE, EINVAL},      {SQLITE_NOTADB, EBADF},
       {27, EIO},               {-1, EIO}};
-  for (const auto& [code, number] : expected) EXPECT_EQ(metadb_errno(code), number) << code;
+  for (const auto& [code, number] : expected) EXPECT_EQ(tevul::sqlite_errno(code), number) << code;
 }
 
 using Locks = TagDbTest;

@@ -103,7 +103,7 @@ TEST_F(Query, TaggedFilesOfATreeOrOfEveryVolume) {
 // More rows than one batch, while another connection holds the write lock:
 // every file is found, nothing is written, the daemon is not woken.
 TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
-  const int n = 2 * tevu_query_batch + 3;
+  const int n = 2 * tevul::kQueryBatch + 3;
   for (int i = 0; i < n; ++i) tag_file("/srv/many" + std::to_string(i), {{"batch", "yes"}});
   sandbox_.drain_fifo();
 
@@ -122,9 +122,9 @@ TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
   EXPECT_EQ(sandbox_.drain_fifo(), 0);
 
   // The search by value is served by the tag column's index.
-  char* sql = sqlite3_mprintf(tevu_query_find_value_sql, "batch", tevu_query_batch);
+  char sql[306];
+  ASSERT_TRUE(tevul::find_sql("batch", true, "rowid", sql, sizeof sql));
   const auto plan = writer.rows(std::string("EXPLAIN QUERY PLAN ") + sql);
-  sqlite3_free(sql);
   ASSERT_FALSE(plan.empty());
   EXPECT_NE(plan[0].back().find("USING INDEX Cidx_batch"), std::string::npos)
       << plan[0].back();

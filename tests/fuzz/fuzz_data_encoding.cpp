@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
 
-  std::string list;
+  tevul::text list;
   std::string expected;
   bool first = true;
   bool round_trips = true;
@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string& name = fields[i];
     const std::string& value = fields[i + 1];
     if (name.empty()) continue;  // every tag column has a name
-    metadb_data_append(list, first, name.c_str(), value.c_str());
+    tevul::data_append(list, first, name.c_str(), value.c_str());
     first = false;
     expected += name + "=" + value + "\n";
     // A name keeps "=" as "\=" and a value's "/" comes back as "\"; line
@@ -47,7 +47,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // it too. The daemon's format keeps these ambiguities.
     round_trips &= plain(name, "=\n\\") && plain(value, "/\n\\");
   }
-  const std::string lines = metadb_tagsfile_lines(list);
+  tevul::tagsfile_lines(list);
+  if (!list.ok()) abort();
+  const std::string lines(list.c_str(), list.size());
   if (lines.empty() || lines.back() != '\n') abort();
   if (round_trips && lines != (expected.empty() ? "\n" : expected)) abort();
   return 0;

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (const char* key : {"TAG_NAME_MAX", "TAG_VALUE_MAX"}) {
     FILE* file = fmemopen(const_cast<uint8_t*>(data), size, "r");
     if (file == nullptr) return 0;
-    tevu_scan_limit(file, key);
+    tevul::scan_limit(file, key);
     fclose(file);
   }
   // The same bytes as a number behind the key: only plain decimal text that
@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string line = "TAG_NAME_MAX=" + number + "\n";
   FILE* file = fmemopen(const_cast<char*>(line.data()), line.size(), "r");
   if (file == nullptr) return 0;
-  const int32_t got = tevu_scan_limit(file, "TAG_NAME_MAX");
+  const int32_t got = tevul::scan_limit(file, "TAG_NAME_MAX");
   fclose(file);
   // The scan skips nothing inside the value, so blanks before the digits
   // are read by strtol() as it reads them.

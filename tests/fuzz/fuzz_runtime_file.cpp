@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (file == nullptr) return 0;
   char root[tevul::kPathSize];
   memset(root, 0x55, sizeof root);
-  const int read = tevu_scan_ini(file, root);
+  const int read = tevul::scan_ini(file, root);
   fclose(file);
   if (read != 0 && read != 1) abort();
   if (read == 1) {
