@@ -3,10 +3,14 @@
 // lost, every Data must match its row, and no call may report a lock.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -105,5 +109,74 @@ TEST_F(Load, FourProcessesWithTwoContextsEachLoseNothing) {
     EXPECT_EQ(row[1], data) << row[0];
   }
 }
+
+#ifdef TEVU_TOOL
+// `tevu moved` across volumes, killed at random moments and run again,
+// the two volumes taking turns as source and destination: after every kill
+// each file's tags stand at the source or the destination (or both), and
+// after the run that follows, only at the destination, with their tag
+// lists rebuilt.
+TEST_F(Load, MovedAcrossVolumesKilledAtRandomConverges) {
+  constexpr int kFiles = 300, kKills = 50;
+  const auto path = [](const std::string& volume, int i) {
+    return "/" + volume + "/d/f" + std::to_string(i);
+  };
+  for (int i = 0; i < kFiles; ++i) {
+    tevul_test::tag_file(path("mnt", i), {{"a", std::to_string(i)}, {"b", "x"}});
+  }
+  const auto tagged = [](const std::string& volume) {
+    std::set<std::string> paths;
+    for (const auto& row : tevul_test::rows(
+             volume, "SELECT Path FROM Meta WHERE \".a\"=substr(Path, 4) AND \".b\"='x'")) {
+      paths.insert(row[0]);
+    }
+    return paths;
+  };
+  const auto moved = [&](const std::string& from, const std::string& to) {
+    const pid_t pid = fork();
+    if (pid == 0) tevul_test::exec_tool({"moved", "/" + from + "/d", "/" + to + "/d"});
+    return pid;
+  };
+  const auto seconds = [](auto start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  // Kills land between the tool's start-up (timed on a move of nothing) and
+  // the end of a whole move (timed on the first round).
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(tevul_test::exit_status(moved("mnt/none", "srv/none")), 0);
+  const double startup = seconds(start);
+  std::mt19937 random(7);
+  std::string from = "mnt", to = "srv";
+  double window = 0;
+  int landed = 0;
+  for (int round = 0; landed < kKills && round < 10 * kKills; ++round) {
+    // The files move on disk first, as a script does before it calls tevu.
+    for (int i = 0; i < kFiles; ++i) {
+      ASSERT_TRUE(tevul_test::write_file(path(to, i), ""));
+      ASSERT_EQ(unlink(path(from, i).c_str()), 0);
+    }
+    if (round > 0) {
+      const pid_t pid = moved(from, to);
+      usleep(std::uniform_int_distribution<int>(static_cast<int>(0.8 * startup * 1e6),
+                                                static_cast<int>(window * 1e6))(random));
+      kill(pid, SIGKILL);
+      landed += tevul_test::exit_status(pid) == 128 + SIGKILL;
+      std::set<std::string> both = tagged(from);
+      const std::set<std::string> at_dest = tagged(to);
+      both.insert(at_dest.begin(), at_dest.end());
+      ASSERT_EQ(both.size(), static_cast<std::size_t>(kFiles)) << "after kill " << landed;
+    }
+    start = std::chrono::steady_clock::now();
+    ASSERT_EQ(tevul_test::exit_status(moved(from, to)), 0) << "round " << round;
+    if (round == 0) window = 0.9 * seconds(start);
+    ASSERT_EQ(tagged(from).size(), 0u) << "round " << round;
+    ASSERT_EQ(tagged(to).size(), static_cast<std::size_t>(kFiles)) << "round " << round;
+    ASSERT_EQ(tevul_test::rows(to, "SELECT count(*) FROM Meta WHERE Data IS NOT 'a='||substr(Path, 4)||'|b=x'"),
+              (tevul_test::Rows{{"0"}}));
+    std::swap(from, to);
+  }
+  EXPECT_GE(landed, kKills);
+}
+#endif
 
 }  // namespace

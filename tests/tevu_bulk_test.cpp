@@ -180,6 +180,21 @@ TEST_F(BulkTest, FailedSwitchLeavesNoDatabaseBehind) {
   EXPECT_EQ(access("/opt/missing.db", F_OK), -1) << "nothing created where it points";
 }
 
+// The runtime file's root is matched without its first byte, deliberately:
+// a root "Xopt" serves /opt, and the context's own checks keep that rule.
+TEST_F(BulkTest, RuntimeRootMatchesWithoutItsFirstByte) {
+  const std::string path = file("/opt/a");
+  ASSERT_EQ(unlink((Sandbox::meta_backing() + "/opt").c_str()), 0);
+  ASSERT_EQ(symlink(Sandbox::db_path("opt").c_str(),
+                    (std::string(Sandbox::kBacking) + "/metaXopt@@db").c_str()), 0);
+  Sandbox::write_ini("x:Xopt:y\n");
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), path.c_str()), 0);
+  ASSERT_EQ(tevu_bulk_settag(bulk.get(), "t", "1"), 0);
+  bulk.reset();
+  EXPECT_EQ(rows("opt", "SELECT Path, Data FROM Meta"), (Rows{{"a", "t=1"}}));
+}
+
 TEST_F(BulkTest, WithoutTheMountThereIsNoContext) {
   sandbox_.unmount_tag_fs();  // before the process looks the mount up
   EXPECT_EQ(tevu_bulk_init(), nullptr);

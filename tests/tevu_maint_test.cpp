@@ -1,6 +1,9 @@
 // Delete, move and cleanup through the public functions, in the real
 // setting: volumes, databases, FUSE mount and FIFO.
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -93,6 +96,69 @@ TEST_F(Maintenance, PathsWithPatternCharactersAreLiteral) {
             (Rows{{"2 Trip/other.jpg", "NULL"}, {"2019 Trip/a.jpg", "NULL"},
                   {"Whats/up.jpg", "NULL"}, {"[x]/1", "1"}, {"x/2", "NULL"}}));
   EXPECT_EQ(tevul_test::rows("srv", "SELECT Path FROM Meta"), (Rows{{"[x]/1"}}));
+}
+
+// The checked move: every tag reaches the destination, merged into rows
+// already there (one left by an interrupted move, one the user tagged), or
+// the call says why.
+TEST_F(Maintenance, CheckedMoveMergesAndSaysWhyNot) {
+  tag_files({"/mnt/d/1", "/mnt/d/2", "/mnt/e", "/mnt/g", "/mnt/h"});
+  tevul_test::tag_file("/srv/d/1", {{"t", "other"}, {"u", "kept"}});
+  tevul_test::RawDb(Sandbox::db_path("srv")).exec("INSERT INTO Meta(Path, \".t\") VALUES ('d/2', 'x')");
+  tevul_test::tag_file("/mnt/g", {{"x", "1"}});
+  sandbox_.drain_fifo();
+  EXPECT_EQ(tevu_move_checked("/mnt/d", "/srv//d/"), 0);
+  EXPECT_EQ(sandbox_.drain_fifo(), 2) << "once per database changed";
+  EXPECT_EQ(tevul_test::rows("srv", "SELECT Path, \".t\", \".u\", Data FROM Meta ORDER BY Path"),
+            (Rows{{"d/1", "d/1", "kept", "t=d\\1|u=kept"}, {"d/2", "d/2", "NULL", "t=d\\2"}}));
+  EXPECT_EQ(rows("mnt"), (Rows{{"e", "e", "t=e"}, {"g", "g", "t=g|x=1"}, {"h", "h", "t=h"}}));
+  EXPECT_EQ(tevu_move_checked("/mnt/d", "/srv/d"), 0) << "again: nothing left to move";
+
+  EXPECT_EQ(tevu_move_checked("/mnt/e", "/mnt/f"), 0);
+  EXPECT_EQ(tevu_move_checked("/mnt/g", "/mnt/h"), 0) << "merged within the volume";
+  EXPECT_EQ(tevul_test::rows("mnt", "SELECT Path, \".t\", \".x\", Data FROM Meta ORDER BY Path"),
+            (Rows{{"f", "e", "NULL", "t=e"}, {"h", "g", "1", "t=g|x=1"}}));
+  for (const auto& [src, dst] : std::vector<std::pair<const char*, const char*>>{
+           {"/mnt/f", "/mnt/../srv/b"}, {"mnt/f", "/srv/f"}, {"/mnt/./f", "/srv/f"},
+           {"/mnt", "/srv/m"}, {"/mnt/f", "/srv"}, {"/mnt/h", "/mnt/h/sub"}}) {
+    EXPECT_EQ(tevu_move_checked(src, dst), EINVAL) << src << " " << dst;
+  }
+  EXPECT_EQ(tevu_move_checked("/tmp/x", "/mnt/x"), ENOENT);
+  EXPECT_EQ(tevu_move_checked("/mnt/f", "/tmp/outside"), 0);
+  EXPECT_EQ(rows("mnt"), (Rows{{"h", "g", "t=g|x=1"}}));
+}
+
+// Leaves about `bytes` free on the tmpfs of `volume`.
+void leave_free(const std::string& volume, long bytes) {
+  struct statfs fs;
+  ASSERT_EQ(statfs(volume.c_str(), &fs), 0);
+  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
+  const std::string size = "size=" + std::to_string(used + bytes);
+  ASSERT_EQ(mount("tmpfs", volume.c_str(), "tmpfs", MS_REMOUNT, size.c_str()), 0);
+}
+
+// A full destination refuses the copy's COMMIT, a full source the
+// deletion's: either way the call says ENOSPC, every tag is still at the
+// source, and once there is room again the same call finishes the move.
+TEST_F(Maintenance, CheckedMoveOntoAFullDiskKeepsEveryTag) {
+  std::vector<std::string> files;
+  for (int i = 0; i < 300; ++i) files.push_back("/mnt/big/f" + std::to_string(i));
+  for (const auto& f : files) tevul_test::tag_file(f, {{"t", std::string(150, 'v')}});
+  const auto count = [](const char* volume) {
+    return tevul_test::rows(volume, "SELECT count(*) FROM Meta WHERE \".t\" IS NOT NULL")[0][0];
+  };
+  leave_free("/srv", 32 * 1024);
+  EXPECT_EQ(tevu_move_checked("/mnt/big", "/srv/big"), ENOSPC);
+  EXPECT_EQ(count("mnt"), "300");
+  leave_free("/srv", 4 << 20);
+  leave_free("/mnt", 0);
+  EXPECT_EQ(tevu_move_checked("/mnt/big", "/srv/big"), ENOSPC) << "the source is full";
+  EXPECT_EQ(count("mnt"), "300");
+  EXPECT_EQ(count("srv"), "300");
+  leave_free("/mnt", 4 << 20);
+  EXPECT_EQ(tevu_move_checked("/mnt/big", "/srv/big"), 0);
+  EXPECT_EQ(count("mnt"), "0");
+  EXPECT_EQ(count("srv"), "300");
 }
 
 int g_calls = 0;

@@ -3,9 +3,14 @@
 // past a writer without writing anything or waking the daemon.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -128,6 +133,158 @@ TEST_F(Query, ReadsPastAWriterInBatchesAndWritesNothing) {
   ASSERT_FALSE(plan.empty());
   EXPECT_NE(plan[0].back().find("USING INDEX Cidx_batch"), std::string::npos)
       << plan[0].back();
+}
+
+// What the calling thread's last query could not read, as "error volume"
+// lines.
+std::vector<std::string> failures() {
+  std::vector<std::string> out;
+  char volume[64];
+  for (unsigned i = 0; int error = tevu_query_failure(i, volume, sizeof volume); ++i) {
+    out.push_back(std::to_string(error) + " " + volume);
+  }
+  return out;
+}
+
+// A writer killed in the middle of its transaction leaves a hot journal:
+// the queries roll it back, as the daemon would, and see the volume.
+TEST_F(Query, HotJournalIsRolledBackNotHidden) {
+  const pid_t writer = fork();
+  if (writer == 0) {
+    sqlite3* db = nullptr;
+    sqlite3_open(Sandbox::db_path("mnt").c_str(), &db);
+    // A small cache makes the transaction write into the database file
+    // before its COMMIT, so that only the journal can undo it.
+    sqlite3_exec(db, "PRAGMA cache_size=2; BEGIN IMMEDIATE; UPDATE Meta SET \".kind\"='lost';"
+                 "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<3000) "
+                 "INSERT INTO Meta(Path, Data) SELECT 'junk'||i, hex(randomblob(200)) FROM n;",
+                 nullptr, nullptr, nullptr);
+    raise(SIGKILL);
+  }
+  ASSERT_EQ(tevul_test::exit_status(writer), 128 + SIGKILL);
+  ASSERT_EQ(access((Sandbox::db_path("mnt") + "-journal").c_str(), F_OK), 0);
+  Files files;
+  EXPECT_EQ(find("kind", "photo", &files), 0);
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, (Files{"/mnt/a.jpg", "/mnt/b.jpg", "/srv/d.jpg"}));
+  EXPECT_EQ(tevul_test::rows("mnt", "SELECT count(*) FROM Meta"), (tevul_test::Rows{{"3"}}));
+}
+
+// A volume whose database is gone, empty or garbage is walked past, then
+// reported with its errno and named; the other volume's files still come.
+TEST_F(Query, UnreadableVolumesAreReportedAfterTheOthers) {
+  const std::string db = Sandbox::db_path("mnt");
+  const std::vector<std::pair<std::string, int>> damages = {
+      {"empty", EIO}, {"garbage", EBADF}, {"deleted", ENOENT}};
+  for (const auto& [damage, error] : damages) {
+    SCOPED_TRACE(damage);
+    if (damage == "deleted") {
+      ASSERT_EQ(unlink(db.c_str()), 0);
+    } else {
+      ASSERT_TRUE(tevul_test::write_file(db, damage == "empty" ? "" : std::string(4096, 'g')));
+    }
+    Files files;
+    EXPECT_EQ(find("kind", nullptr, &files), error);
+    EXPECT_EQ(files, (Files{"/srv/d.jpg"}));
+    EXPECT_EQ(failures(), (Files{std::to_string(error) + " /mnt"}));
+    files.clear();
+    EXPECT_EQ(tagged(nullptr, &files), error);
+    EXPECT_EQ(files, (Files{"/srv/d.jpg kind=photo"}));
+    EXPECT_EQ(tevu_file_tags("/mnt/a.jpg", [](void*, const char*, const char*) { return 0; },
+                             nullptr),
+              error);
+    EXPECT_EQ(failures(), (Files{std::to_string(error) + " /mnt"}));
+  }
+  Files files;
+  EXPECT_EQ(find("kind", "text", &files), ENOENT) << "a failure is kept per call";
+  EXPECT_EQ(find("nothing", nullptr, &files), ENOENT);
+}
+
+// The tag file system unmounted in the middle of a walk: the volumes were
+// listed first, and every one is still read.
+TEST_F(Query, TagFileSystemGoneMidWalkLosesNoVolume) {
+  Files files;
+  const int rc = tevu_tagged_files(
+      nullptr,
+      [](void* user, const char* path, size_t, const char* const*, const char* const*) {
+        auto* out = static_cast<Files*>(user);
+        if (out->empty()) umount2(Sandbox::kMount, MNT_DETACH);
+        out->push_back(path);
+        return 0;
+      },
+      &files);
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(files.size(), 4u);
+}
+
+// The calling thread's own bulk context holds the volume's lock (its
+// transaction outgrew SQLite's cache): a query in the same thread could
+// never get it, and says so at once.
+TEST_F(Query, OwnThreadsLockFailsAtOnce) {
+  RawDb raw(Sandbox::db_path("mnt"));
+  raw.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<20000) "
+           "INSERT INTO Meta(Path, Data) SELECT 'd/f'||i, '' FROM n");
+  Sandbox::write_limits("TAG_NAME_MAX=64\nTAG_VALUE_MAX=256\n");
+  auto result = std::async(std::launch::async, [] {
+    tevul_test::Bulk bulk(tevu_bulk_init());
+    tevu_bulk_setpath(bulk.get(), "/mnt");
+    const int set = tevu_bulk_settag_recursive(bulk.get(), "big", std::string(200, 'b').c_str());
+    const int read = tevu_file_tags("/mnt/a.jpg", [](void*, const char*, const char*) { return 0; },
+                                    nullptr);
+    return std::make_pair(set, read);
+  });
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  const auto [set, read] = result.get();
+  EXPECT_EQ(set, 0);
+  EXPECT_EQ(read, EDEADLK);
+}
+
+// A crafted table: a column named rowid (or all three names of the row id)
+// and as many tag columns as SQLite allows. Every row comes once, or the
+// volume fails.
+TEST_F(Query, CraftedTablesDoNotSteerTheWalk) {
+  const std::string db = Sandbox::db_path("srv");
+  const auto craft = [&](const std::string& columns, const std::string& values) {
+    ASSERT_EQ(unlink(db.c_str()), 0);
+    RawDb raw(db);
+    raw.exec("CREATE TABLE Meta(Path TEXT UNIQUE, Data TEXT" + columns + ", \".k\" TEXT)");
+    raw.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<300) "
+             "INSERT INTO Meta SELECT 'f'||i, ''" + values + ", 'v' FROM n");
+  };
+  const auto srv_files = [] {
+    Files files;
+    const int rc = tagged(nullptr, &files);
+    return std::make_pair(rc, std::count_if(files.begin(), files.end(), [](const std::string& f) {
+                                return f.rfind("/srv/f", 0) == 0;
+                              }));
+  };
+  craft(", rowid TEXT", ", 'x'||i");
+  EXPECT_EQ(srv_files(), std::make_pair(0, 300L));
+  craft(", rowid INTEGER", ", 5");
+  EXPECT_EQ(srv_files(), std::make_pair(0, 300L));
+  craft(", rowid INTEGER, oid INTEGER, _rowid_ INTEGER", ", 5, 5, 5");
+  EXPECT_EQ(srv_files(), std::make_pair(EIO, 0L));
+
+  std::string wide, values;
+  for (int i = 0; i < 1997; ++i) {
+    wide += ", \".t" + std::to_string(i) + "\" TEXT";
+    values += i == 1996 ? ", 'last'" : ", NULL";
+  }
+  craft(wide, values);
+  EXPECT_EQ(srv_files(), std::make_pair(0, 300L));
+  std::vector<std::string> tags;
+  EXPECT_EQ(tevu_file_tags("/srv/d.jpg", [](void*, const char*, const char*) { return 0; },
+                           nullptr), 0);
+  ASSERT_TRUE(tevul_test::write_file("/srv/f7", ""));
+  EXPECT_EQ(tevu_file_tags("/srv/f7",
+                           [](void* user, const char* name, const char* value) {
+                             static_cast<std::vector<std::string>*>(user)->push_back(
+                                 std::string(name) + "=" + value);
+                             return 0;
+                           },
+                           &tags),
+            0);
+  EXPECT_EQ(tags, (std::vector<std::string>{"t1996=last", "k=v"}));
 }
 
 }  // namespace

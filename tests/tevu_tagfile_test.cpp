@@ -87,6 +87,26 @@ TEST_F(TagFiles, NamesNeverLeaveTheTagDirectory) {
             before);
 }
 
+// A link planted in the daemon's tree, as a file's tag directory or at a
+// tag file's place, never leads a read, write or removal outside the mount.
+TEST_F(TagFiles, PlantedLinksLeadNowhere) {
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/x", "secret"));
+  ASSERT_TRUE(tevul_test::write_file("/mnt/g", "file"));
+  ASSERT_EQ(symlink("/tmp/victim", (std::string(Sandbox::kBacking) + "/.tagfiles/mnt/g").c_str()),
+            0);
+  ASSERT_EQ(symlink("/tmp/victim/x", (tag_dir() + "/evil").c_str()), 0);
+  const std::string before = tevul_test::tree_snapshot("/tmp/victim");
+  char buf[16] = "";
+  EXPECT_EQ(tevu_gettag("/mnt/g", "x", buf, sizeof buf), EINVAL);
+  EXPECT_STREQ(buf, "");
+  EXPECT_EQ(tevu_settag("/mnt/g", "x", "owned"), EINVAL);
+  EXPECT_EQ(tevu_deltag("/mnt/g", "x"), EINVAL);
+  EXPECT_EQ(tevu_deltag_glob("/mnt/g", "*"), EINVAL);
+  EXPECT_EQ(tevu_settag("/mnt/photos/a.jpg", "evil", "owned"), ELOOP);
+  EXPECT_EQ(tevu_gettag("/mnt/photos/a.jpg", "evil", buf, sizeof buf), ELOOP);
+  EXPECT_EQ(tevul_test::tree_snapshot("/tmp/victim"), before);
+}
+
 // Wildcards in the file's own path match themselves: the glob over the tags
 // of "[a].jpg" never reaches the tags of "a.jpg".
 TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {

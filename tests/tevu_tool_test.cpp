@@ -17,6 +17,7 @@
 
 using tevul_test::Rows;
 using tevul_test::Sandbox;
+using tevul_test::exec_tool;
 using tevul_test::exit_status;
 using tevul_test::make_dirs;
 using tevul_test::rows;
@@ -29,20 +30,6 @@ struct Result {
   std::string out;
   std::string err;
 };
-
-// Runs the tool, behind an emulator when the suite runs under one.
-[[noreturn]] void exec_tool(const std::vector<std::string>& args) {
-  std::vector<std::string> command;
-  std::istringstream emulator(TEVU_TOOL_EMULATOR);
-  for (std::string word; emulator >> word;) command.push_back(word);
-  command.push_back(TEVU_TOOL);
-  command.insert(command.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& word : command) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  execv(argv[0], argv.data());
-  _exit(127);
-}
 
 // Runs the tool with `input` on its standard input (a file) and collects
 // its output. With `tty_stderr` its standard error is a terminal.
@@ -299,6 +286,25 @@ TEST_F(Tool, TagsFollowDeletedMovedAndVanishedFiles) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: /tmp/untagged.txt: file is not on a tagged volume\n");
   EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta ORDER BY Path"), (Rows{{"photos/b.jpg"}}));
+}
+
+// A volume that cannot be read is named, what could be read is printed, and
+// the status says that something is missing; nothing is changed.
+TEST_F(Tool, AnUnreadableVolumeIsNamed) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg", "/srv/music/s.mp3"}).status, 0);
+  ASSERT_TRUE(write_file(Sandbox::db_path("mnt"), std::string(4096, 'g')));
+  const std::string unread = "tevu: /mnt: tag database could not be read: not a database\n";
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"export"}, {"find", "k"}}) {
+    const Result r = run(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    EXPECT_EQ(r.out.substr(0, 16), "/srv/music/s.mp3") << args[0];
+    EXPECT_EQ(r.err, unread) << args[0];
+  }
+  const Result r = run({"rename", "k", "j"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, unread);
+  EXPECT_EQ(rows("srv", "SELECT Data FROM Meta"), (Rows{{"k=v"}}));
 }
 
 // del --all and rename reach every file of every volume, and only the

@@ -79,8 +79,8 @@ TEST_F(Views, NamesNeverLeaveTheConfiguration) {
   };
   const std::string before = state();
   char buf[256];
-  for (const char* name : {"..", ".", "../../../../../../tmp/victim",
-                           "../../meta", "best/..", "a/./b", "a/../.."}) {
+  for (const char* name : {"..", ".", "../../../../../../tmp/victim", "../../meta",
+                           "best/..", "a/./b", "a/../..", "/", "//", "a//b", "a/", "/a"}) {
     EXPECT_EQ(tevu_view_delete(name), -1) << name;
     EXPECT_EQ(tevu_view_create(name), -1) << name;
     EXPECT_EQ(tevu_view_set_cond(name, "x"), -1) << name;
@@ -91,6 +91,29 @@ TEST_F(Views, NamesNeverLeaveTheConfiguration) {
   EXPECT_EQ(state(), before);
   EXPECT_NE(tevu_view_get_path("a/b", buf, sizeof buf), nullptr);
   EXPECT_EQ(tevu_view_delete("a/b"), 0);
+}
+
+// Links planted in the configuration tree lead nowhere: a view behind a
+// link to outside is refused, a configuration file is never written through
+// a link, and a link at a view's place is deleted as a link.
+TEST_F(Views, PlantedLinksLeadNowhere) {
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/sub/f", "x"));
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/cond.ini", "mine"));
+  ASSERT_EQ(tevu_view_create("best"), 0);
+  ASSERT_EQ(symlink("/tmp/victim", dir("planted").c_str()), 0);
+  ASSERT_EQ(symlink("/tmp/victim/cond.ini", (dir("best") + "/cond.ini").c_str()), 0);
+  const std::string before = tevul_test::tree_snapshot("/tmp/victim");
+  char buf[256];
+  EXPECT_EQ(tevu_view_delete("planted/sub"), -1);
+  EXPECT_EQ(tevu_view_set_cond("planted", "x"), -1);
+  EXPECT_EQ(tevu_view_enable_events("planted"), -1);
+  EXPECT_EQ(tevu_view_create("planted/new"), -1);
+  EXPECT_EQ(tevu_view_get_path("planted", buf, sizeof buf), nullptr);
+  EXPECT_EQ(tevu_view_set_cond("best", "x"), -1);
+  EXPECT_EQ(tevul_test::tree_snapshot("/tmp/victim"), before);
+  EXPECT_EQ(tevu_view_delete("planted"), 0);
+  EXPECT_FALSE(exists("planted"));
+  EXPECT_EQ(tevul_test::tree_snapshot("/tmp/victim"), before);
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -107,5 +110,27 @@ class TagDbTest : public ::testing::Test {
   std::string file_;
   TagDbHandle db_;
 };
+
+#ifdef TEVU_TOOL
+// Runs the tool in place of the calling (child) process, behind an emulator
+// when the suite runs under one. Binaries that run the tool define
+// TEVU_TOOL and TEVU_TOOL_EMULATOR.
+[[noreturn]] inline void exec_tool(const std::vector<std::string>& args) {
+  std::vector<std::string> command;
+  const std::string emulator = TEVU_TOOL_EMULATOR;
+  for (std::size_t start = 0; start < emulator.size();) {
+    const std::size_t end = std::min(emulator.find(' ', start), emulator.size());
+    if (end > start) command.push_back(emulator.substr(start, end - start));
+    start = end + 1;
+  }
+  command.push_back(TEVU_TOOL);
+  command.insert(command.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& word : command) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  execv(argv[0], argv.data());
+  _exit(127);
+}
+#endif
 
 }  // namespace tevul_test

@@ -100,6 +100,15 @@ bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
   return false;
 }
 
+bool report_unread_volumes() {
+  char volume[4096];
+  unsigned i = 0;
+  for (int error; (error = tevu_query_failure(i, volume, sizeof volume)) != 0; ++i) {
+    report({volume}, "tag database could not be read: " + errno_reason(error));
+  }
+  return i > 0;
+}
+
 int report_not_mounted() {
   report({}, "tag file system is not mounted");
   return kExitNotMounted;
@@ -113,6 +122,10 @@ std::string errno_reason(int error) {
       return "no such file";
     case ENOSPC:
       return "no space left on the device";
+    case EDEADLK:
+      return "locked by this process";
+    case EBADF:
+      return "not a database";
     default:
       return std::strerror(error);
   }

@@ -116,6 +116,11 @@ int usage_error(const char* command, const std::string& what);
 // or by a NUL byte when `nul` is set.
 void emit(const std::string& text, bool nul);
 
+// Reports each volume that the last read-only query of the library could not
+// read (tevu_query_failure()), one line each. Returns true when there was
+// one.
+bool report_unread_volumes();
+
 // Reports that the tag file system is not mounted; returns kExitNotMounted.
 int report_not_mounted();
 

@@ -29,8 +29,12 @@ int find_carriers(const std::string& name, const std::vector<std::string>& where
       found);
   if (rc == 0) return -1;
   if (!tag_fs_mounted()) return report_not_mounted();
-  report(where, rc == EINVAL ? "tag name contains a double quote"
-                             : "tag database could not be read: " + errno_reason(rc));
+  // A volume that cannot be read is named, and nothing is changed: the tag
+  // would stay there.
+  if (!report_unread_volumes()) {
+    report(where, rc == EINVAL ? "tag name contains a double quote"
+                               : "tag database could not be read: " + errno_reason(rc));
+  }
   return kExitFailed;
 }
 

@@ -367,6 +367,7 @@ int cmd_export(int argc, char** argv) {
   if (!tag_fs_mounted()) return report_not_mounted();
   const int rc = tevu_tagged_files(dir, export_file, &exporter);
   if (rc == 0) return kExitOk;
+  if (report_unread_volumes()) return kExitFailed;
   if (dir != nullptr && rc == ENOENT) {
     report({dir}, setpath_reason(dir));
   } else {

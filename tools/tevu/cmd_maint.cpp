@@ -67,83 +67,6 @@ int cmd_deleted(int argc, char** argv) {
   return failed ? kExitFailed : kExitOk;
 }
 
-namespace {
-
-// The name of the volume that holds absolute path `path` when the tag file
-// system has a volume link of that name ("/N" or "/N/...": volumes are the
-// top-level directories), or "" when it holds none.
-std::string tagged_volume_of(const std::string& path) {
-  const std::string name = path.substr(1, path.find('/', 1) - 1);
-  const std::string mount = mount_point();
-  struct stat st;
-  if (name.empty() || mount.empty() ||
-      lstat((mount + "/meta/" + name).c_str(), &st) != 0 ||
-      !S_ISLNK(st.st_mode)) {
-    return "";
-  }
-  return name;
-}
-
-// A file whose row a move copied, and a tag to store again.
-struct Copied {
-  std::string path;
-  std::string name;
-  std::string value;
-};
-
-// Rebuilds the tag lists (Data) of the rows that a move copied to `dst`:
-// the copies have none until something rebuilds them, and until then
-// lookups by value do not see them. Storing one of each file's tags again
-// through a bulk context rebuilds the list and wakes the daemon. A value
-// holding a backslash is never stored again (the database would strip
-// it); a file with only such values keeps its list for the daemon.
-// Returns false after reporting a file whose list could not be rebuilt.
-bool rebuild_tag_lists(const std::string& dst) {
-  std::vector<Copied> copies;
-  const int rc = tevu_tagged_files(
-      dst.c_str(),
-      [](void* user, const char* path, size_t count, const char* const* names,
-         const char* const* values) {
-        for (size_t i = 0; i < count; ++i) {
-          if (std::strchr(values[i], '\\') == nullptr) {
-            static_cast<std::vector<Copied>*>(user)->push_back(
-                {path, names[i], values[i]});
-            break;
-          }
-        }
-        return 0;
-      },
-      &copies);
-  if (rc == ENOENT) return true;  // DST is gone again: no list to show
-  if (rc != 0) {
-    report({dst}, "tag lists not rebuilt: " + errno_reason(rc));
-    return false;
-  }
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) return false;
-  bool complete = true;
-  for (const Copied& copy : copies) {
-    if (tevu_bulk_setpath(ctx.get(), copy.path.c_str()) != 0) {
-      continue;  // no file: no lookup can lead to it
-    }
-    const int set =
-        tevu_bulk_settag(ctx.get(), copy.name.c_str(), copy.value.c_str());
-    if (set != 0) {
-      report({copy.path, copy.name}, "tag list not rebuilt: " + bulk_reason(set, copy.name));
-      tevu_bulk_rollback(ctx.get());
-      complete = false;
-      continue;
-    }
-    if (!commit_file(ctx, {copy.path})) {
-      complete = false;
-      if (!ctx) return false;
-    }
-  }
-  return complete;
-}
-
-}  // namespace
-
 int cmd_moved(int argc, char** argv) {
   const int status = parse_options(argc, argv, "", {},
                                    [](int, const char*) { return true; });
@@ -152,24 +75,13 @@ int cmd_moved(int argc, char** argv) {
   if (!tag_fs_mounted()) return report_not_mounted();
   const std::string src = absolute_path(argv[optind]);
   const std::string dst = absolute_path(argv[optind + 1]);
-  const std::string from = tagged_volume_of(src);
-  const std::string to = tagged_volume_of(dst);
-  const int rc = tevu_move(src.c_str(), dst.c_str());
-  if (rc != 0) {
-    report({argv[optind]}, rc == -1 ? "file is not on a tagged volume"
-                                    : "tag database update failed");
-    return kExitFailed;
-  }
-  if (from.empty() || to.empty() || from == to) return kExitOk;
-  // The library copies rows to another volume and leaves the source rows:
-  // the tags would stand at both places, and lookups would find the old
-  // path only. The copy is committed, so the source rows may go now.
-  const bool rebuilt = rebuild_tag_lists(dst);
-  if (tevu_delete(src.c_str()) != 0) {
-    report({argv[optind]}, "tags copied, but not removed here");
-    return kExitFailed;
-  }
-  return rebuilt ? kExitOk : kExitFailed;
+  // Every tag reaches DST, or the tool says why and every tag is still at
+  // SRC; running it again finishes an interrupted move.
+  const int rc = tevu_move_checked(src.c_str(), dst.c_str());
+  if (rc == 0) return kExitOk;
+  report({argv[optind]}, rc == ENOENT ? "file is not on a tagged volume"
+                                      : "tags not moved: " + errno_reason(rc));
+  return kExitFailed;
 }
 
 int cmd_cleanup(int argc, char** argv) {

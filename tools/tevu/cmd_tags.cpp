@@ -294,8 +294,12 @@ int read_status(bool failed, bool not_set) {
 // Reads every tag of `file` from its volume's database, and reports a file
 // that cannot be read.
 Read tags_from_database(const std::string& file, std::vector<Tag>* tags) {
-  if (file_tags(file, tags) == 0) return Read::kOk;
-  report({file}, setpath_reason(file));
+  const int rc = file_tags(file, tags);
+  if (rc == 0) return Read::kOk;
+  if (rc == ENOENT || !report_unread_volumes()) {
+    report({file}, rc == ENOENT ? setpath_reason(file)
+                                : "tag database could not be read: " + errno_reason(rc));
+  }
   return Read::kFailed;
 }
 
@@ -596,7 +600,7 @@ int cmd_find(int argc, char** argv) {
     return kExitFailed;
   }
   if (rc != 0) {
-    report({what}, "tag database failed: " + errno_reason(rc));
+    if (!report_unread_volumes()) report({what}, "tag database failed: " + errno_reason(rc));
     return kExitFailed;
   }
   if (found.count == 0) {
