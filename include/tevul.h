@@ -31,6 +31,13 @@
  *
  * Error numbers in results are the platform's errno values (EIO, ENOSPC, ...);
  * compare them with the names from <errno.h>, never with literal numbers.
+ *
+ * Memory running short is a result, never a crash, and leaves nothing
+ * half-made: the open and init functions return NULL; a metadb_tagdb_
+ * operation fails as for a failed statement (1, -1 or EIO, as its contract
+ * says); the lookup by value finds nothing (ENOENT); the tag-file, view and
+ * read-only query functions and tevu_move_checked() return ENOMEM; the
+ * limits and runtime files count as unreadable (a limit of 0).
  */
 #ifndef TEVUL_H
 #define TEVUL_H
@@ -687,7 +694,7 @@ TEVUL_API const char *tevu_mount_point(void);
  * returns that value. Strings handed to it are valid only during the call.
  *
  * Results: 0 when the walk ended; the callback's non-zero value when it
- * stopped the walk; ENOENT (2) when no tag file system is mounted or an
+ * stopped the walk; ENOENT when no tag file system is mounted or an
  * argument is NULL or empty; ENOMEM when memory ran short; otherwise a
  * positive errno.
  */

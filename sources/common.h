@@ -17,6 +17,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -189,6 +190,27 @@ struct bulk_finisher {
 // A bulk context that commits, wakes the daemon if it changed anything and
 // is freed when its owner lets go.
 using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_finisher>;
+
+// The descriptor of the daemon's FIFO (event_trigger_init()'s result: a
+// descriptor greater than 0, or 0 or -1 for none), closed with
+// event_trigger_fini() when its owner goes away.
+class trigger_fd {
+ public:
+  trigger_fd() = default;
+  explicit trigger_fd(int fd) : fd_(fd) {}
+  ~trigger_fd() { event_trigger_fini(fd_); }
+  trigger_fd(const trigger_fd&) = delete;
+  trigger_fd& operator=(const trigger_fd&) = delete;
+  // Wakes the daemon (nothing when there is no FIFO).
+  void wake() const { event_trigger(fd_); }
+  void reset(int fd = 0) {
+    event_trigger_fini(fd_);
+    fd_ = fd;
+  }
+
+ private:
+  int32_t fd_ = 0;
+};
 
 // Holds a pthread mutex for its scope: the one lock idiom of the library.
 class mutex_hold {

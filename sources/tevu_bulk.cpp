@@ -113,7 +113,7 @@ extern "C" tevu_bulk_ctx* tevu_bulk_init(void) {
   if (!ctx) return nullptr;
   ctx->max_name_len = tevu_getmaxnamelen();
   ctx->max_value_len = tevu_getmaxvaluelen();
-  ctx->trigger = event_trigger_init(mount);
+  ctx->trigger.reset(event_trigger_init(mount));
   return ctx.release();
 }
 
@@ -185,7 +185,7 @@ extern "C" int tevu_bulk_commit(tevu_bulk_ctx* ctx) {
   const int lost = ctx->tagdb->failed_commit;
   if (lost != SQLITE_OK && ctx->error == 0) ctx->error = tevul::sqlite_errno(lost);
   if (ctx->dirty) {
-    event_trigger(ctx->trigger);  // whatever the commit gave
+    ctx->trigger.wake();  // whatever the commit gave
     ctx->dirty = 0;
   }
   return rc;
@@ -206,7 +206,7 @@ extern "C" void tevu_bulk_fini(tevu_bulk_ctx* ctx) {
   ctx->tagdb.reset();
   ctx->volume.prefix[0] = '\0';
   ctx->volume.prefix_len = 0;
-  event_trigger_fini(ctx->trigger);
+  ctx->trigger.reset();
 }
 
 extern "C" int tevu_bulk_error(const tevu_bulk_ctx* ctx) {

@@ -24,7 +24,7 @@ struct tevu_bulk_ctx {
   int32_t max_name_len;     // compared as unsigned: 0 (unknown) refuses all
   int32_t max_value_len;
   int32_t dirty;            // 1 after a change not yet committed
-  int32_t trigger;          // event_trigger_init() result
+  tevul::trigger_fd trigger;  // event_trigger_init() result
   // The errno of the first COMMIT of this context that did not reach the
   // database, 0 while every one did; kept until the context is freed.
   int32_t error;

@@ -143,19 +143,6 @@ class writer {
   tevul::tagdb_ptr tagdb_;
 };
 
-// The daemon's FIFO for the checked move: woken once per database changed.
-class wake_up {
- public:
-  explicit wake_up(const char* mount) : fd_(event_trigger_init(mount)) {}
-  ~wake_up() { event_trigger_fini(fd_); }
-  wake_up(const wake_up&) = delete;
-  wake_up& operator=(const wake_up&) = delete;
-  void operator()() const { event_trigger(fd_); }
-
- private:
-  int fd_;
-};
-
 // The errno of an SQLite result code of the checked move.
 int move_errno(int code) { return tevul::sqlite_errno(code); }
 
@@ -169,7 +156,7 @@ int failure_code(metadb_tagdb* tagdb) {
 }
 
 // Deletes the rows of `rel` and below in its own checked transaction.
-int delete_checked(writer& db, const char* rel, const wake_up& wake) {
+int delete_checked(writer& db, const char* rel, const tevul::trigger_fd& wake) {
   int rc = db.begin();
   if (rc != SQLITE_OK) return move_errno(rc);
   unsigned long rows = 0;
@@ -177,7 +164,7 @@ int delete_checked(writer& db, const char* rel, const wake_up& wake) {
   if (rc != SQLITE_OK) return move_errno(db.abandon(rc));
   rc = db.commit();
   if (rc != SQLITE_OK) return move_errno(rc);
-  if (rows > 0) wake();
+  if (rows > 0) wake.wake();
   return 0;
 }
 
@@ -185,7 +172,7 @@ int delete_checked(writer& db, const char* rel, const wake_up& wake) {
 // rows yet; otherwise merged into them and the source rows deleted, in the
 // same transaction. All or nothing.
 int move_within(writer& db, const char* from, const char* to,
-                const wake_up& wake) {
+                const tevul::trigger_fd& wake) {
   int rc = db.begin();
   if (rc != SQLITE_OK) return move_errno(rc);
   const int occupied = tevul::subtree_has_rows(db.get(), to, &rc);
@@ -203,7 +190,7 @@ int move_within(writer& db, const char* from, const char* to,
   }
   rc = db.commit();
   if (rc != SQLITE_OK) return move_errno(rc);
-  if (rows > 0) wake();
+  if (rows > 0) wake.wake();
   return 0;
 }
 
@@ -212,7 +199,7 @@ int move_within(writer& db, const char* from, const char* to,
 // at the source (and perhaps also at the destination); running the move
 // again merges the same tags once more and converges.
 int move_across(writer& source, const char* from, writer& dest, const char* to,
-                const wake_up& wake) {
+                const tevul::trigger_fd& wake) {
   int rc = dest.begin();
   if (rc != SQLITE_OK) return move_errno(rc);
   unsigned long rows = 0;
@@ -221,7 +208,7 @@ int move_across(writer& source, const char* from, writer& dest, const char* to,
   rc = dest.commit();
   if (rc != SQLITE_OK) return move_errno(rc);
   if (rows == 0) return 0;  // nothing was tagged below `from`
-  wake();
+  wake.wake();
   return delete_checked(source, from, wake);
 }
 
@@ -236,7 +223,8 @@ int move_checked(const char* src, const char* dst) {
   if (tevu_locate_volume(&source_volume, from) != 1) return ENOENT;
   const char* old_rel = tevul::volume_relative(&source_volume, from);
   if (old_rel[0] == '\0') return EINVAL;  // a volume is not moved
-  const wake_up wake(mount);
+  // The daemon is woken once for each database changed.
+  const tevul::trigger_fd wake(event_trigger_init(mount));
   writer source(source_volume);
   if (!source.open()) return EIO;
 
