@@ -1,0 +1,30 @@
+# Checks what an ELF file needs at run time: its NEEDED entries must all
+# match ALLOWED (a regular expression), and no undefined symbol may be
+# versioned for the C++ runtime or the compiler's shared support library
+# (GLIBCXX, CXXABI, GCC).
+#   cmake -DFILE=... -DREADELF=... -DALLOWED=... -P check_needed.cmake
+if(NOT READELF)
+  find_program(READELF NAMES readelf REQUIRED)
+endif()
+execute_process(COMMAND ${READELF} -d -W ${FILE} OUTPUT_VARIABLE dynamic RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "readelf -d failed on ${FILE}")
+endif()
+string(REGEX MATCHALL "\\(NEEDED\\)[^\n]*\\[[^]\n]*\\]" entries "${dynamic}")
+set(needed "")
+foreach(entry IN LISTS entries)
+  string(REGEX REPLACE ".*\\[(.*)\\]" "\\1" library "${entry}")
+  list(APPEND needed "${library}")
+  if(NOT library MATCHES "${ALLOWED}")
+    message(SEND_ERROR "${FILE} needs ${library} at run time")
+  endif()
+endforeach()
+execute_process(COMMAND ${READELF} --dyn-syms -W ${FILE} OUTPUT_VARIABLE symbols RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "readelf --dyn-syms failed on ${FILE}")
+endif()
+string(REGEX MATCHALL "[^ \n]+@+(GLIBCXX|CXXABI|GCC)_[^ \n]*" runtime "${symbols}")
+if(runtime)
+  message(SEND_ERROR "${FILE} uses the C++ runtime: ${runtime}")
+endif()
+message(STATUS "${FILE} needs: ${needed}")
