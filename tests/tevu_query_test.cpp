@@ -254,9 +254,10 @@ TEST_F(Query, CraftedTablesDoNotSteerTheWalk) {
   const auto srv_files = [] {
     Files files;
     const int rc = tagged(nullptr, &files);
-    return std::make_pair(rc, std::count_if(files.begin(), files.end(), [](const std::string& f) {
-                                return f.rfind("/srv/f", 0) == 0;
-                              }));
+    return std::make_pair(rc, static_cast<long>(std::count_if(
+                                  files.begin(), files.end(), [](const std::string& f) {
+                                    return f.rfind("/srv/f", 0) == 0;
+                                  })));
   };
   craft(", rowid TEXT", ", 'x'||i");
   EXPECT_EQ(srv_files(), std::make_pair(0, 300L));
