@@ -745,8 +745,105 @@ typedef int (*tevu_row_cb)(void *user, const char *path, size_t count,
 TEVUL_API int tevu_tagged_files(const char *dir, tevu_row_cb cb, void *user);
 
 /*
- * What the calling thread's last tevu_file_tags(), tevu_find_files() or
- * tevu_tagged_files() could not read: the errno of its `index`-th failure
+ * Like tevu_tagged_files() for the file or directory `path` taken as it is
+ * written, which need not exist (a tree already deleted or moved on the
+ * disk): an absolute path, repeated and trailing slashes ignored, without
+ * "." or ".." components (EINVAL; make it canonical first). A volume's
+ * root stands for every file of the volume. ENOENT also for a path on no
+ * tagged volume.
+ */
+TEVUL_API int tevu_tagged_below(const char *path, tevu_row_cb cb, void *user);
+
+/*
+ * The tags of many files, through read-only connections kept between
+ * calls: open a reader once, ask for the tags of any number of files on any
+ * volumes, close it. Each volume is looked up and its database opened the
+ * first time one of its files is asked for; after that a file costs its
+ * realpath() and one row read. The guarantees are the queries' (no write
+ * lock, rows copied out before a callback, hot journals rolled back, no
+ * wait for a lock of the calling thread, a volume that cannot be read
+ * reported and named by tevu_query_failure()). A reader is used by one
+ * thread at a time.
+ */
+typedef struct tevu_reader tevu_reader;
+
+/* Returns a new reader, or NULL when no tag file system is mounted or
+ * memory is short. */
+TEVUL_API tevu_reader *tevu_reader_open(void);
+
+/* tevu_file_tags() of `path` through the reader, with the same results
+ * (ENOENT also for a NULL reader). */
+TEVUL_API int tevu_reader_file_tags(tevu_reader *reader, const char *path,
+                                    tevu_tag_cb cb, void *user);
+
+/* Closes the reader's connections and frees it. NULL is ignored. */
+TEVUL_API void tevu_reader_close(tevu_reader *reader);
+
+/*
+ * A tag name or value with the number of files that carry it. Returns 0
+ * to go on, anything else to stop.
+ */
+typedef int (*tevu_count_cb)(void *user, const char *text,
+                             unsigned long count);
+
+/*
+ * Every tag name with the number of files that carry it: on every tagged
+ * volume when `under` is NULL, otherwise below the literal path `under`
+ * (as tevu_tagged_below() takes it; a volume's root is the whole volume).
+ * Names that differ only in the case of ASCII letters are one name (one
+ * column), counted together and given in the spelling that sorts first.
+ * The names come sorted, letter case ignored. Each count is read through
+ * the tag column's index. Results as the other queries.
+ */
+TEVUL_API int tevu_tag_names(const char *under, tevu_count_cb cb, void *user);
+
+/*
+ * Every value of tag `name` with the number of files that carry it, as
+ * tevu_tag_names() counts names: values that differ only in the case of
+ * ASCII letters are one value (the tag column compares so), sorted, letter
+ * case ignored. EINVAL for a name holding a double quote.
+ */
+TEVUL_API int tevu_tag_values(const char *name, const char *under,
+                              tevu_count_cb cb, void *user);
+
+/*
+ * Calls `cb` with the absolute path of every file, on every tagged volume
+ * (or below the literal path `under`, as tevu_tagged_below() takes it),
+ * that satisfies `condition`:
+ *
+ *   NAME              the file carries tag NAME
+ *   NAME = VALUE      its value is VALUE (letter case ignored, as the tag
+ *                     column compares; the column's index serves it)
+ *   NAME != VALUE     it carries NAME with another value
+ *   NAME < VALUE      also <=, >, >=: as numbers when VALUE and the stored
+ *                     value are both numbers (decimal, optionally signed,
+ *                     with a fraction or an exponent), otherwise as the tag
+ *                     column compares text
+ *   not C, C and C, C or C, ( C )
+ *                     "not" binds tightest, then "and", then "or"; the
+ *                     keywords may be written in any letter case
+ *
+ * NAME and VALUE are words (anything up to a blank or one of ( ) = ! < >
+ * and quotes) or quoted with '...' or "..." (a backslash takes the next
+ * character as it is). A name that a volume has no column for is false
+ * there, so "not NAME" holds for every file of that volume. The condition
+ * is parsed once; every name is checked against each volume's columns and
+ * every value is bound, never put into a statement's text.
+ * Results as tevu_find_files(), and EINVAL for a condition that does not
+ * parse, with the byte offset of the fault in *error_offset (the offset of
+ * its end when it stops too early; error_offset may be NULL). A name holding
+ * a double quote is such a fault.
+ */
+TEVUL_API int tevu_find_where(const char *condition, const char *under,
+                              tevu_file_cb cb, void *user,
+                              size_t *error_offset);
+
+/*
+ * What the calling thread's last query (tevu_file_tags(), tevu_find_files(),
+ * tevu_tagged_files(), tevu_tagged_below(), tevu_reader_file_tags(),
+ * tevu_tag_names(), tevu_tag_values(), tevu_find_where()) or change of a
+ * tag everywhere (tevu_rename_tag(), tevu_delete_tag()) could not read or
+ * change: the errno of its `index`-th failure
  * (counted from 0, at most 8 are kept), or 0 when there are not that many.
  * When `volume` is not NULL, the root of the volume that failed ("/mnt"),
  * or the meta directory when the volumes could not be listed, is copied
@@ -784,6 +881,46 @@ TEVUL_API int tevu_query_failure(unsigned index, char *volume, size_t size);
  * converges: the tags already copied are merged once more.
  */
 TEVUL_API int tevu_move_checked(const char *src, const char *dst);
+
+/*
+ * Deletes the rows of `path` and of everything below it (a literal path as
+ * tevu_tagged_below() takes it; a volume's root deletes every row of the
+ * volume), commits, checks the COMMIT and wakes the daemon when anything
+ * changed. Returns 0, or a positive errno with nothing deleted: ENOSPC for
+ * a full file system, EINVAL and ENAMETOOLONG for a path it does not take,
+ * ENOENT when nothing is mounted or the path lies on no tagged volume, EIO
+ * when the database cannot be opened.
+ */
+TEVUL_API int tevu_delete_checked(const char *path);
+
+/*
+ * Renames tag `old_name` to `new_name` on every file of every volume: each
+ * file that carries the old name gets the new one with the same value and
+ * loses the old one; Data is rebuilt. Files that vanished from the disk are
+ * included (only the databases are read). Every volume is read first: when
+ * one cannot be read, or when a file carries both names and `merge` is 0,
+ * nothing is changed anywhere (EEXIST, with the number of such files in
+ * *kept). With `merge`, files that carry both names keep both, unchanged
+ * (*kept counts them). Then each volume changes in a checked transaction of
+ * its own and the daemon is woken once per volume changed; *renamed counts
+ * the files renamed. A file that carries only the new name keeps it, so
+ * that a rename that was interrupted finishes when run again.
+ * Returns 0, ENOENT for a NULL or empty name or when nothing is mounted,
+ * EINVAL for names that hold a double quote or differ only in letter case
+ * (one column), EEXIST as above, EIO when the new name's column cannot be
+ * made, otherwise the errno of a volume that failed (the others are done;
+ * tevu_query_failure() names it). renamed and kept may be NULL.
+ */
+TEVUL_API int tevu_rename_tag(const char *old_name, const char *new_name,
+                              int merge, unsigned long *renamed,
+                              unsigned long *kept);
+
+/*
+ * Removes tag `name` from every file of every volume, each volume in a
+ * checked transaction of its own, Data rebuilt; *removed (may be NULL)
+ * counts the files. Results as tevu_rename_tag() (no EEXIST).
+ */
+TEVUL_API int tevu_delete_tag(const char *name, unsigned long *removed);
 
 #ifdef __cplusplus
 } /* extern "C" */

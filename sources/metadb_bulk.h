@@ -102,6 +102,14 @@ namespace tevul {
 // ---------------------------------------------------------------------------
 // Results.
 
+// The code the last failed statement left on `db`, or `otherwise` when it
+// left none (a statement whose text did not fit its buffer never ran).
+inline int failure_code_or(sqlite3* db, int otherwise) {
+  const int code = sqlite3_errcode(db);
+  return code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW ? otherwise
+                                                                         : code;
+}
+
 // Maps an SQLite result code (or -1) through metadb_errno_table: codes that,
 // taken as unsigned, are below 27 give the table's entry, all others EIO.
 int32_t sqlite_errno(int code);

@@ -7,11 +7,13 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include "common.h"
 #include "metadb_path.h"
 #include "metadb_tagdb.h"
 #include "tevu_bulk.h"
+#include "tevu_query.h"
 #include "tevu_volume.h"
 
 using tevul::bulk_ptr;
@@ -77,33 +79,6 @@ extern "C" int tevu_move(const char* src, const char* dst) {
 
 namespace {
 
-// Copies the absolute path `path` into `out` (tevul::kPathSize bytes) with
-// repeated and trailing slashes dropped. Returns 0, EINVAL for a path that
-// is not absolute or holds a "." or ".." component (its canonical form
-// cannot be told without the disk, and a ".." taken as text would reach
-// another tree), ENAMETOOLONG for one that does not fit.
-int plain_path(const char* path, char* out) {
-  if (path == nullptr || path[0] != '/') return EINVAL;
-  std::size_t n = 0;
-  for (const char* part = path; *part != '\0';) {
-    while (*part == '/') ++part;
-    const std::size_t len = strcspn(part, "/");
-    if (len == 0) break;
-    if ((len == 1 && part[0] == '.') ||
-        (len == 2 && part[0] == '.' && part[1] == '.')) {
-      return EINVAL;
-    }
-    if (n + 1 + len >= tevul::kPathSize) return ENAMETOOLONG;
-    out[n++] = '/';
-    memcpy(out + n, part, len);
-    n += len;
-    part += len;
-  }
-  if (n == 0) out[n++] = '/';
-  out[n] = '\0';
-  return 0;
-}
-
 // True when stored path `inner` lies strictly below stored path `outer`.
 bool strictly_below(const char* inner, const char* outer) {
   const std::size_t n = strlen(outer);
@@ -149,10 +124,7 @@ int move_errno(int code) { return tevul::sqlite_errno(code); }
 // The code a failed statement left on `tagdb`'s connection; SQLITE_ERROR
 // when it left none (a text that did not fit its buffer never ran).
 int failure_code(metadb_tagdb* tagdb) {
-  const int code = sqlite3_errcode(tagdb->db.get());
-  return code == SQLITE_OK || code == SQLITE_DONE || code == SQLITE_ROW
-             ? SQLITE_ERROR
-             : code;
+  return tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR);
 }
 
 // Deletes the rows of `rel` and below in its own checked transaction.
@@ -215,8 +187,8 @@ int move_across(writer& source, const char* from, writer& dest, const char* to,
 int move_checked(const char* src, const char* dst) {
   char from[tevul::kPathSize];
   char to[tevul::kPathSize];
-  if (const int rc = plain_path(src, from)) return rc;
-  if (const int rc = plain_path(dst, to)) return rc;
+  if (const int rc = tevul::plain_path(src, from)) return rc;
+  if (const int rc = tevul::plain_path(dst, to)) return rc;
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
   tevu_volume source_volume;
@@ -249,10 +221,174 @@ int move_checked(const char* src, const char* dst) {
   return move_across(source, old_rel, dest, new_rel, wake);
 }
 
+int delete_path_checked(const char* path) {
+  char plain[tevul::kPathSize];
+  if (const int rc = tevul::plain_path(path, plain)) return rc;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return ENOENT;
+  tevu_volume volume;
+  if (tevu_locate_volume(&volume, plain) != 1) return ENOENT;
+  const tevul::trigger_fd wake(event_trigger_init(mount));
+  writer db(volume);
+  if (!db.open()) return EIO;
+  const char* rel = tevul::volume_relative(&volume, plain);
+  if (rel[0] != '\0') return delete_checked(db, rel, wake);
+  // The volume root: every row of the volume.
+  int rc = db.begin();
+  if (rc == SQLITE_OK) rc = db.exec("DELETE FROM Meta");
+  if (rc != SQLITE_OK) return move_errno(db.abandon(rc));
+  const bool changed = sqlite3_changes(db.get()->db.get()) > 0;
+  rc = db.commit();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  if (changed) wake.wake();
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// A tag renamed or removed on every file of every volume.
+
+// Statement buffers: tag names longer than a column can have never get
+// this far (their column does not exist).
+constexpr std::size_t kTagSqlSize = 512;
+
+// How many rows of `db` carry tag `a` (and, when `b` is not NULL and has a
+// column, tag `b` too). Returns 0 with *rows set, or an SQLite code.
+int count_carriers(metadb_tagdb* db, const char* a, const char* b,
+                   unsigned long* rows) {
+  *rows = 0;
+  if (metadb_column_exists(db, a) != 1) return SQLITE_OK;
+  const bool both = b != nullptr && metadb_column_exists(db, b) == 1;
+  const tevul::sql_text<kTagSqlSize> sql(
+      both ? "SELECT count(*) FROM Meta WHERE \".%s\" IS NOT NULL AND \".%s\" IS NOT NULL"
+           : "SELECT count(*) FROM Meta WHERE \".%s\" IS NOT NULL",
+      tevul::tag_ident{a}, tevul::tag_ident{both ? b : a});
+  if (b != nullptr && !both) return SQLITE_OK;  // no file carries `b`
+  if (!sql.fits()) return SQLITE_ERROR;
+  tevul::stmt_ptr stmt;
+  int rc = tevul::prepare(db->db.get(), sql.c_str(), -1, stmt);
+  if (rc == SQLITE_OK) rc = metadb_step(stmt.get());
+  if (rc != SQLITE_ROW) return rc;
+  *rows = static_cast<unsigned long>(sqlite3_column_int64(stmt.get(), 0));
+  return SQLITE_OK;
+}
+
+// Runs `sql` (a statement on tag `a`, and `b`) in one checked transaction
+// of `db`, rebuilds Data of the rows it marked, and adds the
+// rows it changed to *rows. Returns 0 or an SQLite code.
+int change_tags(writer& db, const tevul::sql_text<kTagSqlSize>& sql, const char* a,
+                const char* b, unsigned long* rows, const tevul::trigger_fd& wake) {
+  if (!sql.fits()) return SQLITE_ERROR;
+  metadb_tagdb* tagdb = db.get();
+  int rc = db.begin();
+  if (rc != SQLITE_OK) return rc;
+  // The new name's column, when there is one to make, is made in the same
+  // transaction: a failure leaves no column behind either.
+  if (strcmp(a, b) != 0 && metadb_add_tag_column(tagdb, b) != 1) {
+    return db.abandon(tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR));
+  }
+  rc = metadb_exec_query(tagdb->db.get(), sql.c_str(), nullptr, nullptr);
+  if (rc != SQLITE_OK) return db.abandon(rc);
+  const unsigned long changed = static_cast<unsigned long>(sqlite3_changes(tagdb->db.get()));
+  tagdb->modified = 1;
+  if (metadb_tagdb_sync_all(tagdb) != 0) {
+    return db.abandon(tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR));
+  }
+  rc = db.commit();
+  if (rc != SQLITE_OK) return rc;
+  *rows += changed;
+  if (changed > 0) wake.wake();
+  return SQLITE_OK;
+}
+
+// The renaming or removal everywhere: `to` NULL removes tag `from`.
+int retag_everywhere(const char* from, const char* to, bool merge,
+                     unsigned long* changed, unsigned long* kept) {
+  *changed = 0;
+  *kept = 0;
+  tevul::forget_failures();
+  if (tevul::is_empty(from) || (to != nullptr && to[0] == '\0')) return ENOENT;
+  if (!tevul::tag_sql_safe(from) || (to != nullptr && !tevul::tag_sql_safe(to))) {
+    return EINVAL;
+  }
+  // Both would name one column: setting NEW and clearing OLD would lose it.
+  if (to != nullptr && strcasecmp(from, to) == 0) return EINVAL;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return ENOENT;
+  tevul::array<tevul::volume_link> volumes;
+  if (const int rc = tevul::list_volumes(&volumes)) return rc;
+  // First every volume is read: a volume that cannot be read, or a file
+  // that carries both names without `merge`, changes nothing anywhere.
+  tevul::array<unsigned long> carriers;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    const tevul::volume_link& v = volumes[i];
+    if (v.error != 0) return tevul::note_volume_failure(v.error, v.root);
+    tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
+    if (!db) return tevul::note_volume_failure(ENOENT, v.root);
+    unsigned long rows = 0, both = 0;
+    int rc = count_carriers(db.get(), from, nullptr, &rows);
+    if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
+    if (rc != SQLITE_OK) return tevul::note_volume_failure(move_errno(rc), v.root);
+    if (!carriers.push(rows)) return ENOMEM;
+    *kept += both;
+  }
+  if (to != nullptr && *kept > 0 && !merge) return EEXIST;
+  // Then each volume in a transaction of its own; files that carry both
+  // names keep both. A volume that fails is named, the others go on, and
+  // the same call again finishes the work.
+  const tevul::trigger_fd wake(event_trigger_init(mount));
+  int first = 0;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    if (carriers[i] == 0) continue;
+    tevu_volume location;
+    tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
+    writer db(location);
+    const tevul::tag_ident old_column{from};
+    const tevul::tag_ident new_column{to != nullptr ? to : from};
+    const int rc =
+        !db.open() ? SQLITE_CANTOPEN
+        : to == nullptr
+            ? change_tags(db,
+                          tevul::sql_text<kTagSqlSize>(
+                              "UPDATE Meta SET \".%s\"=NULL,Data=NULL WHERE \".%s\" IS NOT NULL",
+                              old_column, old_column),
+                          from, from, changed, wake)
+            : change_tags(db,
+                          tevul::sql_text<kTagSqlSize>(
+                              "UPDATE Meta SET \".%s\"=\".%s\",\".%s\"=NULL,Data=NULL "
+                              "WHERE \".%s\" IS NOT NULL AND \".%s\" IS NULL",
+                              new_column, old_column, old_column, old_column, new_column),
+                          from, to, changed, wake);
+    if (rc != SQLITE_OK) {
+      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
+      if (first == 0) first = move_errno(rc);
+    }
+  }
+  return first;
+}
+
 }  // namespace
 
 extern "C" int tevu_move_checked(const char* src, const char* dst) {
   return move_checked(src, dst);
+}
+
+extern "C" int tevu_delete_checked(const char* path) {
+  return delete_path_checked(path);
+}
+
+extern "C" int tevu_rename_tag(const char* old_name, const char* new_name,
+                               int merge, unsigned long* renamed,
+                               unsigned long* kept) {
+  unsigned long ignored_renamed = 0, ignored_kept = 0;
+  return retag_everywhere(old_name, new_name == nullptr ? "" : new_name, merge != 0,
+                          renamed != nullptr ? renamed : &ignored_renamed,
+                          kept != nullptr ? kept : &ignored_kept);
+}
+
+extern "C" int tevu_delete_tag(const char* name, unsigned long* removed) {
+  unsigned long ignored_removed = 0, kept = 0;
+  return retag_everywhere(name, nullptr, false,
+                          removed != nullptr ? removed : &ignored_removed, &kept);
 }
 
 // ---------------------------------------------------------------------------

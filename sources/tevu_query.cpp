@@ -14,8 +14,8 @@
 #include "tevu_volume.h"
 
 using tevul::array;
-using tevul::db_ptr;
 using tevul::kPathSize;
+using tevul::query_db;
 using tevul::stmt_ptr;
 using tevul::text;
 
@@ -24,9 +24,7 @@ namespace {
 // Results for a missing argument or no mount, as the tag-file functions.
 constexpr int kNoMount = ENOENT;
 
-// ---------------------------------------------------------------------------
 // What the calling thread's last query could not read.
-
 constexpr unsigned kFailuresKept = 8;
 struct failure_record {
   unsigned count;
@@ -34,40 +32,6 @@ struct failure_record {
   char where[kFailuresKept][256];
 };
 __thread failure_record t_failures;
-
-void forget_failures() { t_failures.count = 0; }
-
-// Records that `where` (a volume's root, or the meta directory) could not be
-// read; returns `error`.
-int note_failure(int error, const char* where) {
-  const unsigned i = t_failures.count;
-  if (i < kFailuresKept) {
-    t_failures.error[i] = error;
-    tevul::format_cut(t_failures.where[i], sizeof t_failures.where[i], "%s", where);
-    t_failures.count = i + 1;
-  }
-  return error;
-}
-
-// ---------------------------------------------------------------------------
-// Connections.
-
-// The errno of SQLite result `rc` on `db`: a lock that a connection of the
-// calling thread holds is EDEADLK (the busy handler gave up at once).
-int query_errno(sqlite3* db, int rc) {
-  if (rc == SQLITE_BUSY && db != nullptr && tevul::blocked_by_own_thread(db)) {
-    return EDEADLK;
-  }
-  return tevul::sqlite_errno(rc);
-}
-
-// One volume's database, opened for the queries.
-struct query_db {
-  db_ptr db;
-  // The name under which Meta's row id can be read ("rowid", "oid" or
-  // "_rowid_": the first that no column of a crafted table hides), or NULL.
-  const char* rowid = nullptr;
-};
 
 // True when `name` reads the row id of Meta, not a column of that name.
 bool reads_rowid(sqlite3* db, const char* name) {
@@ -79,9 +43,36 @@ bool reads_rowid(sqlite3* db, const char* name) {
          primary_key != 0 && type != nullptr && strcasecmp(type, "INTEGER") == 0;
 }
 
-// Opens the tag database `file` for the queries. Returns 0 or the errno of
-// the failure (ENOENT for a file that is not there, EIO for a file without
-// the table Meta, EBADF for one that is no database).
+}  // namespace
+
+namespace tevul {
+
+void forget_failures() { t_failures.count = 0; }
+
+int note_failure(int error, const char* where) {
+  const unsigned i = t_failures.count;
+  if (i < kFailuresKept) {
+    t_failures.error[i] = error;
+    format_cut(t_failures.where[i], sizeof t_failures.where[i], "%s", where);
+    t_failures.count = i + 1;
+  }
+  return error;
+}
+
+int note_volume_failure(int error, const char* root) {
+  // "/N/" is named "/N".
+  char name[NAME_MAX + 3];
+  format_cut(name, sizeof name, "%.*s", static_cast<int>(strlen(root)) - 1, root);
+  return note_failure(error, name);
+}
+
+int query_errno(sqlite3* db, int rc) {
+  if (rc == SQLITE_BUSY && db != nullptr && blocked_by_own_thread(db)) {
+    return EDEADLK;
+  }
+  return sqlite_errno(rc);
+}
+
 int open_query_db(const char* file, query_db* out) {
   // Only a regular file (after links) is opened: a FIFO would block, and a
   // missing file must not be created.
@@ -92,8 +83,8 @@ int open_query_db(const char* file, query_db* out) {
   const int rc = sqlite3_open_v2(
       file, &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_PRIVATECACHE, nullptr);
   out->db.reset(raw);  // closed also after a failed open
-  if (rc != SQLITE_OK) return tevul::sqlite_errno(rc);
-  sqlite3_busy_handler(raw, tevul::own_lock_aware_busy_handler, raw);
+  if (rc != SQLITE_OK) return sqlite_errno(rc);
+  sqlite3_busy_handler(raw, own_lock_aware_busy_handler, raw);
   sqlite3_exec(raw, "PRAGMA query_only=1", nullptr, nullptr, nullptr);
   // Reads the schema, rolling a hot journal back first.
   const int meta = sqlite3_table_column_metadata(raw, nullptr, "Meta", nullptr,
@@ -110,10 +101,6 @@ int open_query_db(const char* file, query_db* out) {
   return 0;
 }
 
-// ---------------------------------------------------------------------------
-// Rows copied out of a statement, one batch at a time.
-
-// The index of the column "Path" of `stmt`, or -1.
 int path_column(sqlite3_stmt* stmt) {
   const int columns = sqlite3_column_count(stmt);
   for (int i = 0; i < columns; ++i) {
@@ -123,105 +110,77 @@ int path_column(sqlite3_stmt* stmt) {
   return -1;
 }
 
-// The tagged files of one batch: each row's absolute path and its tags, all
-// in one arena of terminated strings.
-class row_batch {
- public:
-  bool ok() const { return arena_.ok() && !failed_; }
-  std::size_t rows() const { return rows_.size(); }
-  void clear() {
-    arena_.clear();
-    rows_.clear();
-    strings_.clear();
+void row_batch::clear() {
+  arena_.clear();
+  rows_.clear();
+  strings_.clear();
+}
+
+void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix) {
+  const row r{arena_.size(), strings_.size(), 0};
+  const char* stored = reinterpret_cast<const char*>(sqlite3_column_text(stmt, path));
+  arena_.append(prefix).append(stored != nullptr ? stored : "").push('\0');
+  std::size_t tags = 0;
+  const int columns = sqlite3_column_count(stmt);
+  for (int i = first; i < columns; ++i) {
+    const char* name = sqlite3_column_name(stmt, i);
+    if (name == nullptr || name[0] != '.') continue;  // Path, Data, others
+    const char* value = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
+    if (value == nullptr) continue;  // SQL NULL: not set
+    failed_ |= !strings_.push(arena_.size());
+    arena_.append(name + 1).push('\0');
+    failed_ |= !strings_.push(arena_.size());
+    arena_.append(value).push('\0');
+    ++tags;
   }
-
-  // Copies the row `stmt` stands on, from column `first` on, with `prefix`
-  // before its stored path (column `path`): each tag column that is set,
-  // its name without the ".", its value as stored. A row without tags is
-  // left out.
-  void add(sqlite3_stmt* stmt, int first, int path, const char* prefix) {
-    const row r{arena_.size(), strings_.size(), 0};
-    const char* stored = reinterpret_cast<const char*>(sqlite3_column_text(stmt, path));
-    arena_.append(prefix).append(stored != nullptr ? stored : "").push('\0');
-    std::size_t tags = 0;
-    const int columns = sqlite3_column_count(stmt);
-    for (int i = first; i < columns; ++i) {
-      const char* name = sqlite3_column_name(stmt, i);
-      if (name == nullptr || name[0] != '.') continue;  // Path, Data, others
-      const char* value = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
-      if (value == nullptr) continue;  // SQL NULL: not set
-      failed_ |= !strings_.push(arena_.size());
-      arena_.append(name + 1).push('\0');
-      failed_ |= !strings_.push(arena_.size());
-      arena_.append(value).push('\0');
-      ++tags;
-    }
-    if (tags == 0) {  // no tags: nothing of the row stays
-      arena_.truncate(r.path);
-      strings_.truncate(r.strings);
-      return;
-    }
-    failed_ |= !rows_.push(row{r.path, r.strings, tags});
+  if (tags == 0) {  // no tags: nothing of the row stays
+    arena_.truncate(r.path);
+    strings_.truncate(r.strings);
+    return;
   }
+  failed_ |= !rows_.push(row{r.path, r.strings, tags});
+}
 
-  // Hands row `i` to `cb`.
-  int deliver(std::size_t i, tevu_row_cb cb, void* user) {
-    const row& r = rows_[i];
-    names_.clear();
-    values_.clear();
-    const char* base = arena_.c_str();
-    for (std::size_t t = 0; t < r.tags; ++t) {
-      if (!names_.push(base + strings_[r.strings + 2 * t]) ||
-          !values_.push(base + strings_[r.strings + 2 * t + 1])) {
-        return ENOMEM;
-      }
+int row_batch::deliver(std::size_t i, tevu_row_cb cb, void* user) {
+  const row& r = rows_[i];
+  names_.clear();
+  values_.clear();
+  const char* base = arena_.c_str();
+  for (std::size_t t = 0; t < r.tags; ++t) {
+    if (!names_.push(base + strings_[r.strings + 2 * t]) ||
+        !values_.push(base + strings_[r.strings + 2 * t + 1])) {
+      return ENOMEM;
     }
-    return cb(user, base + r.path, r.tags, names_.data(), values_.data());
   }
+  return cb(user, base + r.path, r.tags, names_.data(), values_.data());
+}
 
- private:
-  struct row {
-    std::size_t path;     // offset of the path in the arena
-    std::size_t strings;  // index of the row's first offset in strings_
-    std::size_t tags;
-  };
-  text arena_;
-  array<row> rows_;
-  array<std::size_t> strings_;  // per tag: the offsets of name and value
-  array<const char*> names_;
-  array<const char*> values_;
-  bool failed_ = false;
-};
+int row_batch::deliver_tags(std::size_t i, tevu_tag_cb cb, void* user) {
+  const row& r = rows_[i];
+  const char* base = arena_.c_str();
+  for (std::size_t t = 0; t < r.tags; ++t) {
+    if (const int stop = cb(user, base + strings_[r.strings + 2 * t],
+                            base + strings_[r.strings + 2 * t + 1])) {
+      return stop;
+    }
+  }
+  return 0;
+}
 
-}  // namespace
-
-// ---------------------------------------------------------------------------
-// The volumes.
-
-namespace {
-
-// One volume of the tag file system as the queries walk them.
-struct volume_link {
-  char root[NAME_MAX + 3];  // "/N/"
-  char db[kPathSize];       // its database file
-  int error;                // why its database link could not be read, or 0
-};
-
-// Lists the volume links of `meta` (symbolic links, in directory order; the
-// database links "N@@db" beside them are no volumes) with their database
-// links read at once, so that a tag file system that goes away while the
-// volumes are read loses none of them. Returns 0 or the errno of a failed
-// listing.
-int list_volumes(const char* meta, array<volume_link>* out) {
-  tevul::unique_fd fd(open(meta, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd.valid()) return errno;
-  tevul::dir_ptr dir(fdopendir(fd.get()));
-  if (!dir) return errno;
+int list_volumes(array<volume_link>* out) {
+  char meta[kPathSize];
+  format_cut(meta, sizeof meta, "%s/meta", tevu_find_mount());
+  unique_fd fd(open(meta, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd.valid()) return note_failure(errno, meta);
+  dir_ptr dir(fdopendir(fd.get()));
+  if (!dir) return note_failure(errno, meta);
   const int dir_fd = fd.release();
   for (;;) {
     errno = 0;
     const dirent* entry = readdir(dir.get());
-    if (entry == nullptr) return errno;  // 0 at the end, else a failed read
+    if (entry == nullptr) {  // the end, or a failed read
+      return errno == 0 ? 0 : note_failure(errno, meta);
+    }
     const char* name = entry->d_name;
     bool link = entry->d_type == DT_LNK;
     if (entry->d_type == DT_UNKNOWN) {
@@ -231,10 +190,10 @@ int list_volumes(const char* meta, array<volume_link>* out) {
     const std::size_t len = strlen(name);
     if (!link || (len >= 4 && strcmp(name + len - 4, "@@db") == 0)) continue;
     volume_link v;
-    tevul::format_cut(v.root, sizeof v.root, "/%s/", name);
+    format_cut(v.root, sizeof v.root, "/%s/", name);
     v.error = 0;
     char db_link[NAME_MAX + 8];
-    tevul::format_cut(db_link, sizeof db_link, "%s@@db", name);
+    format_cut(db_link, sizeof db_link, "%s@@db", name);
     const ssize_t n = readlinkat(dir_fd, db_link, v.db, sizeof v.db);
     if (n < 0) {
       v.error = errno;
@@ -243,51 +202,75 @@ int list_volumes(const char* meta, array<volume_link>* out) {
     } else {
       v.db[n] = '\0';
       // A relative target is followed through the link itself.
-      if (v.db[0] != '/' &&
-          !tevul::format_whole(v.db, sizeof v.db, "%s/%s", meta, db_link)) {
+      if (v.db[0] != '/' && !format_whole(v.db, sizeof v.db, "%s/%s", meta, db_link)) {
         v.error = ENAMETOOLONG;
       }
     }
-    if (!out->push(v)) return ENOMEM;
+    if (!out->push(v)) return note_failure(ENOMEM, meta);
   }
 }
 
-// `root` ("/N/") without its final "/", for naming the volume.
-void volume_name(const char* root, char* out, std::size_t size) {
-  tevul::format_cut(out, size, "%.*s", static_cast<int>(strlen(root)) - 1, root);
+int plain_path(const char* path, char* out) {
+  if (path == nullptr || path[0] != '/') return EINVAL;
+  std::size_t n = 0;
+  for (const char* part = path; *part != '\0';) {
+    while (*part == '/') ++part;
+    const std::size_t len = strcspn(part, "/");
+    if (len == 0) break;
+    if ((len == 1 && part[0] == '.') ||
+        (len == 2 && part[0] == '.' && part[1] == '.')) {
+      return EINVAL;
+    }
+    if (n + 1 + len >= kPathSize) return ENAMETOOLONG;
+    out[n++] = '/';
+    memcpy(out + n, part, len);
+    n += len;
+    part += len;
+  }
+  if (n == 0) out[n++] = '/';
+  out[n] = '\0';
+  return 0;
 }
 
-// Calls visit(db, root, &stop) for the database of every volume, its root
-// with its final "/". A volume whose database cannot be opened or read is
-// recorded and the walk goes on. Returns the callback's value when it
-// stopped the walk (visit set `stop`), otherwise the errno of the first
-// failure, or 0.
-template <typename Visit>
-int walk_volumes(Visit visit) {
-  char meta[kPathSize];
-  tevul::format_cut(meta, sizeof meta, "%s/meta", tevu_find_mount());
-  array<volume_link> volumes;
-  int first = list_volumes(meta, &volumes);
-  if (first != 0) note_failure(first, meta);
-  for (std::size_t i = 0; i < volumes.size(); ++i) {
-    const volume_link& v = volumes[i];
-    int rc = v.error;
-    if (rc == 0) {
-      query_db db;
-      rc = open_query_db(v.db, &db);
-      int stop = 0;
-      if (rc == 0) rc = visit(db, v.root, &stop);
-      if (stop != 0) return stop;
-    }
-    if (rc != 0) {
-      char name[sizeof v.root];
-      volume_name(v.root, name, sizeof name);
-      note_failure(rc, name);
-      if (first == 0) first = rc;
-    }
-  }
-  return first;
+int locate_literal(const char* path, tevu_volume* volume, const char** rel,
+                   char* plain) {
+  if (const int rc = plain_path(path, plain)) return rc;
+  if (tevu_locate_volume(volume, plain) != 1) return ENOENT;
+  *rel = volume_relative(volume, plain);
+  return 0;
 }
+
+bool find_sql(const char* name, bool by_value, const char* rowid, char* out,
+              std::size_t size) {
+  return tag_sql_safe(name) &&
+         format_whole(out, size,
+                      by_value ? "SELECT %s, Path FROM Meta WHERE Meta.\".%s\"=? "
+                                 "AND %s>? ORDER BY %s LIMIT %d"
+                               : "SELECT %s, Path FROM Meta WHERE Meta.\".%s\" "
+                                 "IS NOT NULL AND %s>? ORDER BY %s LIMIT %d",
+                      rowid, name, rowid, rowid, kQueryBatch);
+}
+
+bool count_sql(const char* name, bool values, bool subtree, char* out,
+               std::size_t size) {
+  const char* where = subtree ? " AND (Path=?1 OR Path GLOB ?2)" : "";
+  return tag_sql_safe(name) &&
+         (values ? format_whole(out, size,
+                                "SELECT \".%s\", count(*) FROM Meta WHERE \".%s\" "
+                                "IS NOT NULL%s GROUP BY \".%s\"",
+                                name, name, where, name)
+                 : format_whole(out, size,
+                                "SELECT count(*) FROM Meta WHERE \".%s\" IS NOT NULL%s",
+                                name, where));
+}
+
+}  // namespace tevul
+
+namespace {
+
+using tevul::in_batches;
+using tevul::query_errno;
+using tevul::row_batch;
 
 // The database of the volume that holds the existing `path`, and the path as
 // that database stores it (empty for the volume root). Returns 0, or the
@@ -297,83 +280,12 @@ int open_volume_of(const char* path, tevu_volume* volume, const char** rel,
   if (realpath(path, canonical) == nullptr) return errno;
   if (tevu_locate_volume(volume, canonical) != 1) return ENOENT;
   *rel = tevul::volume_relative(volume, canonical);
-  const int rc = open_query_db(volume->db_path, db);
-  if (rc != 0) {
-    char name[kPathSize];
-    volume_name(volume->prefix, name, sizeof name);
-    note_failure(rc, name);
-  }
-  return rc;
-}
-
-// Runs `stmt` (row id first, in row id order, at most kQueryBatch rows after
-// the row id bound at `after_param`) batch after batch. `copy` takes each
-// row out; once the statement is reset, so that no lock is held while the
-// caller's code runs, `deliver` hands the batch on and sets *stop to stop
-// the walk. Returns 0 or an errno.
-template <typename Copy, typename Deliver>
-int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
-               int* stop) {
-  sqlite3* db = sqlite3_db_handle(stmt);
-  sqlite3_int64 after = INT64_MIN;
-  for (;;) {
-    int rows = 0;
-    sqlite3_bind_int64(stmt, after_param, after);
-    int rc;
-    while ((rc = metadb_step(stmt)) == SQLITE_ROW) {
-      ++rows;
-      after = sqlite3_column_int64(stmt, 0);
-      if (const int failed = copy(stmt)) {
-        sqlite3_reset(stmt);
-        return failed;
-      }
-    }
-    sqlite3_reset(stmt);
-    if (rc != SQLITE_DONE) return query_errno(db, rc);
-    if (const int failed = deliver(stop)) return failed;
-    if (*stop != 0 || rows < tevul::kQueryBatch) return 0;
-  }
-}
-
-// ---------------------------------------------------------------------------
-// The three queries.
-
-// Every tag of the one row of `rel` in `db`, copied out, to `cb`.
-int tags_of(query_db& db, const char* rel, tevu_tag_cb cb, void* user) {
-  stmt_ptr stmt;
-  const char kRowSql[] = "SELECT * FROM Meta WHERE Path=?";
-  int rc = tevul::prepare(db.db.get(), kRowSql, sizeof kRowSql, stmt);
-  if (rc != SQLITE_OK) return query_errno(db.db.get(), rc);
-  // A volume root has the empty relative path, which no row carries.
-  sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
-  row_batch row;
-  rc = metadb_step(stmt.get());
-  if (rc == SQLITE_ROW) row.add(stmt.get(), 0, path_column(stmt.get()), "");
-  stmt.reset();  // the caller's code runs without a lock held
-  if (rc != SQLITE_ROW && rc != SQLITE_DONE) return query_errno(db.db.get(), rc);
-  if (!row.ok()) return ENOMEM;
-  struct tag_user {
-    tevu_tag_cb cb;
-    void* user;
-  } each{cb, user};
-  return row.rows() == 0 ? 0
-                         : row.deliver(0,
-                                       [](void* u, const char*, size_t count,
-                                          const char* const* names,
-                                          const char* const* values) {
-                                         const tag_user* t = static_cast<tag_user*>(u);
-                                         for (size_t i = 0; i < count; ++i) {
-                                           if (const int stop = t->cb(t->user, names[i], values[i])) {
-                                             return stop;
-                                           }
-                                         }
-                                         return 0;
-                                       },
-                                       &each);
+  const int rc = tevul::open_query_db(volume->db_path, db);
+  return rc != 0 ? tevul::note_volume_failure(rc, volume->prefix) : 0;
 }
 
 int file_tags(const char* path, tevu_tag_cb cb, void* user) {
-  forget_failures();
+  tevul::forget_failures();
   if (tevul::is_empty(path) || cb == nullptr) return kNoMount;
   if (tevu_find_mount() == nullptr) return kNoMount;
   tevu_volume volume;
@@ -381,7 +293,23 @@ int file_tags(const char* path, tevu_tag_cb cb, void* user) {
   char canonical[kPathSize];
   query_db db;
   if (const int rc = open_volume_of(path, &volume, &rel, canonical, &db)) return rc;
-  return tags_of(db, rel, cb, user);
+  stmt_ptr stmt;
+  const char kRowSql[] = "SELECT * FROM Meta WHERE Path=?";
+  int rc = tevul::prepare(db.db.get(), kRowSql, sizeof kRowSql, stmt);
+  if (rc != SQLITE_OK) {
+    return tevul::note_volume_failure(query_errno(db.db.get(), rc), volume.prefix);
+  }
+  // A volume root has the empty relative path, which no row carries.
+  sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
+  row_batch row;
+  rc = metadb_step(stmt.get());
+  if (rc == SQLITE_ROW) row.add(stmt.get(), 0, tevul::path_column(stmt.get()), "");
+  stmt.reset();  // the caller's code runs without a lock held
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+    return tevul::note_volume_failure(query_errno(db.db.get(), rc), volume.prefix);
+  }
+  if (!row.ok()) return ENOMEM;
+  return row.rows() == 0 ? 0 : row.deliver_tags(0, cb, user);
 }
 
 // Hands every file of one volume's database that matches to `cb`.
@@ -422,11 +350,11 @@ int find_in(query_db& db, const char* root, const char* name, const char* value,
 }
 
 int find_files(const char* name, const char* value, tevu_file_cb cb, void* user) {
-  forget_failures();
+  tevul::forget_failures();
   if (tevul::is_empty(name) || cb == nullptr) return kNoMount;
   if (tevu_find_mount() == nullptr) return kNoMount;
   if (!tevul::tag_sql_safe(name)) return EINVAL;
-  return walk_volumes([&](query_db& db, const char* root, int* stop) {
+  return tevul::walk_volumes([&](query_db& db, const char* root, int* stop) {
     return find_in(db, root, name, value, cb, user, stop);
   });
 }
@@ -471,7 +399,7 @@ int rows_in(query_db& db, const char* root, const char* rel, tevu_row_cb cb,
     rc = tevul::prepare(handle, one_sql, -1, one);
     if (rc != SQLITE_OK) return query_errno(handle, rc);
   }
-  const int path = path_column(wide ? one.get() : stmt.get());
+  const int path = tevul::path_column(wide ? one.get() : stmt.get());
   if (path < 0) return EIO;
   row_batch batch;
   return in_batches(
@@ -498,46 +426,52 @@ int rows_in(query_db& db, const char* root, const char* rel, tevu_row_cb cb,
       stop);
 }
 
+// The rows of one volume, or of one tree of it, as rows_in() hands them on.
+int rows_of_volume(const tevu_volume& volume, const char* rel, tevu_row_cb cb,
+                   void* user) {
+  query_db db;
+  int rc = tevul::open_query_db(volume.db_path, &db);
+  int stop = 0;
+  if (rc == 0) rc = rows_in(db, volume.prefix, rel, cb, user, &stop);
+  if (stop != 0) return stop;
+  return rc != 0 ? tevul::note_volume_failure(rc, volume.prefix) : 0;
+}
+
 int tagged_files(const char* dir, tevu_row_cb cb, void* user) {
-  forget_failures();
+  tevul::forget_failures();
   if ((dir != nullptr && dir[0] == '\0') || cb == nullptr) return kNoMount;
   if (tevu_find_mount() == nullptr) return kNoMount;
   if (dir == nullptr) {
-    return walk_volumes([&](query_db& db, const char* root, int* stop) {
+    return tevul::walk_volumes([&](query_db& db, const char* root, int* stop) {
       return rows_in(db, root, "", cb, user, stop);
     });
   }
+  char canonical[kPathSize];
+  if (realpath(dir, canonical) == nullptr) return errno;
+  tevu_volume volume;
+  if (tevu_locate_volume(&volume, canonical) != 1) return ENOENT;
+  return rows_of_volume(volume, tevul::volume_relative(&volume, canonical), cb, user);
+}
+
+int tagged_below(const char* path, tevu_row_cb cb, void* user) {
+  tevul::forget_failures();
+  if (tevul::is_empty(path) || cb == nullptr) return kNoMount;
+  if (tevu_find_mount() == nullptr) return kNoMount;
   tevu_volume volume;
   const char* rel = nullptr;
-  char canonical[kPathSize];
-  query_db db;
-  if (const int rc = open_volume_of(dir, &volume, &rel, canonical, &db)) return rc;
-  int stop = 0;
-  const int rc = rows_in(db, volume.prefix, rel, cb, user, &stop);
-  if (stop != 0) return stop;
-  if (rc != 0) {
-    char name[kPathSize];
-    volume_name(volume.prefix, name, sizeof name);
-    note_failure(rc, name);
-  }
-  return rc;
+  char plain[kPathSize];
+  if (const int rc = tevul::locate_literal(path, &volume, &rel, plain)) return rc;
+  return rows_of_volume(volume, rel, cb, user);
 }
 
 }  // namespace
 
-bool tevul::find_sql(const char* name, bool by_value, const char* rowid,
-                     char* out, std::size_t size) {
-  return tag_sql_safe(name) &&
-         format_whole(out, size,
-                      by_value ? "SELECT %s, Path FROM Meta WHERE Meta.\".%s\"=? "
-                                 "AND %s>? ORDER BY %s LIMIT %d"
-                               : "SELECT %s, Path FROM Meta WHERE Meta.\".%s\" "
-                                 "IS NOT NULL AND %s>? ORDER BY %s LIMIT %d",
-                      rowid, name, rowid, rowid, kQueryBatch);
-}
-
 extern "C" int tevu_tagged_files(const char* dir, tevu_row_cb cb, void* user) {
   return tagged_files(dir, cb, user);
+}
+
+extern "C" int tevu_tagged_below(const char* path, tevu_row_cb cb, void* user) {
+  return tagged_below(path, cb, user);
 }
 
 extern "C" int tevu_file_tags(const char* path, tevu_tag_cb cb, void* user) {
@@ -555,4 +489,169 @@ extern "C" int tevu_query_failure(unsigned index, char* volume, size_t size) {
     tevul::format_cut(volume, size, "%s", t_failures.where[index]);
   }
   return t_failures.error[index];
+}
+
+// ---------------------------------------------------------------------------
+// Tag names and values with their counts.
+
+namespace {
+
+// Counted texts gathered from every volume, merged without regard to the
+// case of ASCII letters (as the tag columns are named and compare), and
+// handed on sorted.
+class tally {
+ public:
+  bool ok() const { return arena_.ok() && !failed_; }
+  void add(const char* text, unsigned long count) {
+    failed_ |= !offsets_.push(entry{arena_.size(), count});
+    arena_.append(text).push('\0');
+  }
+  int deliver(tevu_count_cb cb, void* user) {
+    if (!ok()) return ENOMEM;
+    array<item> items;
+    const char* base = arena_.c_str();
+    for (std::size_t i = 0; i < offsets_.size(); ++i) {
+      if (!items.push(item{base + offsets_[i].offset, offsets_[i].count})) return ENOMEM;
+    }
+    qsort(items.data(), items.size(), sizeof(item), [](const void* a, const void* b) {
+      const char* x = static_cast<const item*>(a)->text;
+      const char* y = static_cast<const item*>(b)->text;
+      const int folded = strcasecmp(x, y);
+      return folded != 0 ? folded : strcmp(x, y);
+    });
+    for (std::size_t i = 0; i < items.size();) {
+      unsigned long count = 0;
+      std::size_t j = i;
+      for (; j < items.size() && strcasecmp(items[i].text, items[j].text) == 0; ++j) {
+        count += items[j].count;
+      }
+      if (const int stop = cb(user, items[i].text, count)) return stop;
+      i = j;
+    }
+    return 0;
+  }
+
+ private:
+  struct entry {
+    std::size_t offset;
+    unsigned long count;
+  };
+  struct item {
+    const char* text;
+    unsigned long count;
+  };
+  text arena_;
+  array<entry> offsets_;
+  bool failed_ = false;
+};
+
+// The tag columns of Meta in `db`, each name without its ".", in `names`
+// (terminated strings one after the other). Returns 0 or an errno.
+int tag_columns(sqlite3* db, text* names, std::size_t* count) {
+  stmt_ptr all;
+  const int rc = tevul::prepare(db, "SELECT * FROM Meta", -1, all);
+  if (rc != SQLITE_OK) return query_errno(db, rc);
+  *count = 0;
+  const int columns = sqlite3_column_count(all.get());
+  for (int i = 0; i < columns; ++i) {
+    const char* name = sqlite3_column_name(all.get(), i);
+    if (name == nullptr || name[0] != '.') continue;
+    names->append(name + 1).push('\0');
+    ++*count;
+  }
+  return names->ok() ? 0 : ENOMEM;
+}
+
+// Runs a count statement of tag `name` on `db` (count_sql()) and adds what
+// it counts to `counts`, below stored path `rel` when it is not empty.
+int count_in(sqlite3* db, const char* name, bool values, const char* rel,
+             tally* counts) {
+  char sql[1024];
+  // A name that could name other columns is never put into a statement;
+  // the library never makes such a column, only a crafted table has one.
+  if (!tevul::count_sql(name, values, rel[0] != '\0', sql, sizeof sql)) return EIO;
+  stmt_ptr stmt;
+  int rc = tevul::prepare(db, sql, -1, stmt);
+  if (rc != SQLITE_OK) return query_errno(db, rc);
+  tevul::sqlite_text pattern;
+  if (rel[0] != '\0') {
+    pattern.reset(tevul::glob_escape(rel, "/*"));
+    if (!pattern) return ENOMEM;
+    sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
+    sqlite3_bind_text(stmt.get(), 2, pattern.get(), -1, SQLITE_STATIC);
+  }
+  while ((rc = metadb_step(stmt.get())) == SQLITE_ROW) {
+    const sqlite3_int64 n = sqlite3_column_int64(stmt.get(), values ? 1 : 0);
+    const char* text = values ? reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0))
+                              : name;
+    if (n > 0 && text != nullptr) counts->add(text, static_cast<unsigned long>(n));
+  }
+  if (rc != SQLITE_DONE) return query_errno(db, rc);
+  return counts->ok() ? 0 : ENOMEM;
+}
+
+// Counts in one volume's database: every tag name (`name` NULL) or every
+// value of tag `name`.
+int count_volume(query_db& db, const char* name, const char* rel, tally* counts) {
+  sqlite3* handle = db.db.get();
+  if (name != nullptr) {
+    char column[256 + 2];
+    if (!tevul::format_whole(column, sizeof column, ".%s", name) ||
+        sqlite3_table_column_metadata(handle, nullptr, "Meta", column, nullptr,
+                                      nullptr, nullptr, nullptr, nullptr) != SQLITE_OK) {
+      return 0;  // no file of this volume ever carried the tag
+    }
+    return count_in(handle, name, true, rel, counts);
+  }
+  text names;
+  std::size_t n = 0;
+  if (const int rc = tag_columns(handle, &names, &n)) return rc;
+  const char* column = names.c_str();
+  for (std::size_t i = 0; i < n; ++i, column += strlen(column) + 1) {
+    if (const int rc = count_in(handle, column, false, rel, counts)) return rc;
+  }
+  return 0;
+}
+
+int count_tags(const char* name, const char* under, tevu_count_cb cb, void* user) {
+  tevul::forget_failures();
+  if ((under != nullptr && under[0] == '\0') || cb == nullptr) return kNoMount;
+  if (tevu_find_mount() == nullptr) return kNoMount;
+  tally counts;
+  int rc;
+  if (under == nullptr) {
+    rc = tevul::walk_volumes([&](query_db& db, const char*, int*) {
+      return count_volume(db, name, "", &counts);
+    });
+  } else {
+    tevu_volume volume;
+    const char* rel = nullptr;
+    char plain[kPathSize];
+    if ((rc = tevul::locate_literal(under, &volume, &rel, plain)) != 0) return rc;
+    query_db db;
+    rc = tevul::open_query_db(volume.db_path, &db);
+    if (rc == 0) rc = count_volume(db, name, rel, &counts);
+    if (rc != 0) tevul::note_volume_failure(rc, volume.prefix);
+  }
+  const int delivered = counts.deliver(cb, user);
+  return delivered != 0 ? delivered : rc;
+}
+
+}  // namespace
+
+extern "C" int tevu_tag_names(const char* under, tevu_count_cb cb, void* user) {
+  return count_tags(nullptr, under, cb, user);
+}
+
+extern "C" int tevu_tag_values(const char* name, const char* under,
+                               tevu_count_cb cb, void* user) {
+  if (tevul::is_empty(name)) {
+    tevul::forget_failures();
+    return kNoMount;
+  }
+  if (!tevul::tag_sql_safe(name)) {
+    tevul::forget_failures();
+    return EINVAL;
+  }
+  return count_tags(name, under, cb, user);
 }

@@ -117,7 +117,7 @@ TEST_F(Load, FourProcessesWithTwoContextsEachLoseNothing) {
 // after the run that follows, only at the destination, with their tag
 // lists rebuilt.
 TEST_F(Load, MovedAcrossVolumesKilledAtRandomConverges) {
-  constexpr int kFiles = 300, kKills = 50;
+  constexpr int kFiles = 600, kKills = 50;
   const auto path = [](const std::string& volume, int i) {
     return "/" + volume + "/d/f" + std::to_string(i);
   };
@@ -141,7 +141,8 @@ TEST_F(Load, MovedAcrossVolumesKilledAtRandomConverges) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   };
   // Kills land between the tool's start-up (timed on a move of nothing) and
-  // the end of a whole move (timed on the first round).
+  // the end of a whole move (timed on the first round); a kill that came
+  // too late draws the end of the window in.
   auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(tevul_test::exit_status(moved("mnt/none", "srv/none")), 0);
   const double startup = seconds(start);
@@ -157,10 +158,15 @@ TEST_F(Load, MovedAcrossVolumesKilledAtRandomConverges) {
     }
     if (round > 0) {
       const pid_t pid = moved(from, to);
-      usleep(std::uniform_int_distribution<int>(static_cast<int>(0.8 * startup * 1e6),
-                                                static_cast<int>(window * 1e6))(random));
+      const double low = std::min(0.8 * startup, 0.5 * window);
+      const double delay = std::uniform_real_distribution<double>(low, window)(random);
+      usleep(static_cast<useconds_t>(delay * 1e6));
       kill(pid, SIGKILL);
-      landed += tevul_test::exit_status(pid) == 128 + SIGKILL;
+      if (tevul_test::exit_status(pid) == 128 + SIGKILL) {
+        ++landed;
+      } else {
+        window = std::max(low, 0.9 * delay);
+      }
       std::set<std::string> both = tagged(from);
       const std::set<std::string> at_dest = tagged(to);
       both.insert(at_dest.begin(), at_dest.end());

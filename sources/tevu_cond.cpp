@@ -1,0 +1,389 @@
+// The condition language and the search by condition. See tevu_cond.h and
+// tevul.h.
+#include "tevu_cond.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <math.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include "common.h"
+#include "metadb_bulk.h"
+#include "tevu_query.h"
+#include "tevu_volume.h"
+#include "tevul.h"
+
+namespace tevul {
+
+namespace {
+
+// The deepest nesting of parentheses and "not" a condition may have: deeper
+// ones are no condition a person writes, and would only eat the stack.
+constexpr int kMaxDepth = 64;
+
+}  // namespace
+
+// The tokens of a condition, read one ahead.
+struct condition::cursor {
+  enum token { kEnd, kOpen, kClose, kOperator, kWord, kQuoted };
+
+  const char* source;
+  std::size_t pos = 0;    // where the next token begins to be looked for
+  token type = kEnd;      // the current token
+  std::size_t start = 0;  // its offset
+  op how = kEq;           // for kOperator
+  text word;              // for kWord and kQuoted, unescaped
+  int depth = 0;
+  bool failed = false;
+  std::size_t fault = 0;
+
+  explicit cursor(const char* s) : source(s) {}
+
+  int fail(std::size_t at) {
+    if (!failed) {
+      failed = true;
+      fault = at;
+    }
+    return -1;
+  }
+
+  // True for a bare word that is the keyword `keyword`.
+  bool is(const char* keyword) const {
+    return type == kWord && strcasecmp(word.c_str(), keyword) == 0;
+  }
+
+  // Reads the next token; false (with the fault recorded) for a character
+  // that begins none, or an unterminated quote.
+  bool next() {
+    while (source[pos] == ' ' || source[pos] == '\t' || source[pos] == '\n' ||
+           source[pos] == '\r') {
+      ++pos;
+    }
+    start = pos;
+    word.clear();
+    const char c = source[pos];
+    if (c == '\0') {
+      type = kEnd;
+      return true;
+    }
+    if (c == '(' || c == ')') {
+      type = c == '(' ? kOpen : kClose;
+      ++pos;
+      return true;
+    }
+    if (c == '=' || c == '!' || c == '<' || c == '>') {
+      type = kOperator;
+      const bool eq = source[pos + 1] == '=';
+      if (c == '!' && !eq) return fail(pos) == 0;
+      how = c == '=' ? kEq : c == '!' ? kNe : c == '<' ? (eq ? kLe : kLt) : (eq ? kGe : kGt);
+      pos += c != '=' && eq ? 2 : 1;
+      return true;
+    }
+    if (c == '"' || c == '\'') {
+      type = kQuoted;
+      for (++pos; source[pos] != c; ++pos) {
+        if (source[pos] == '\0') return fail(start) == 0;
+        if (source[pos] == '\\' && source[pos + 1] != '\0') ++pos;
+        word.push(source[pos]);
+      }
+      ++pos;
+      return true;
+    }
+    type = kWord;
+    while (source[pos] != '\0' && strchr(" \t\n\r()=!<>\"'", source[pos]) == nullptr) {
+      word.push(source[pos++]);
+    }
+    return true;
+  }
+};
+
+int condition::add(const node& n) {
+  return nodes_.push(n) ? static_cast<int>(nodes_.size()) - 1 : -1;
+}
+
+int condition::parse(const char* source, std::size_t* offset) {
+  nodes_.clear();
+  texts_.clear();
+  cursor c(source);
+  int root = -1;
+  if (c.next()) {
+    root = parse_or(c);
+    if (root >= 0 && c.type != cursor::kEnd) root = c.fail(c.start);
+  }
+  if (!texts_.ok() || !c.word.ok()) return ENOMEM;
+  if (root < 0 || c.failed) {
+    *offset = c.failed ? c.fault : c.start;
+    return EINVAL;
+  }
+  // The root is looked for last; the tree is walked from it.
+  node last = nodes_[static_cast<std::size_t>(root)];
+  if (static_cast<std::size_t>(root) != nodes_.size() - 1 && add(last) < 0) return ENOMEM;
+  return 0;
+}
+
+int condition::parse_or(cursor& c) {
+  int left = parse_and(c);
+  while (left >= 0 && c.is("or")) {
+    if (!c.next()) return -1;
+    const int right = parse_and(c);
+    if (right < 0) return -1;
+    left = add(node{kOr, kEq, left, right, 0, 0});
+  }
+  return left;
+}
+
+int condition::parse_and(cursor& c) {
+  int left = parse_not(c);
+  while (left >= 0 && c.is("and")) {
+    if (!c.next()) return -1;
+    const int right = parse_not(c);
+    if (right < 0) return -1;
+    left = add(node{kAnd, kEq, left, right, 0, 0});
+  }
+  return left;
+}
+
+int condition::parse_not(cursor& c) {
+  if (!c.is("not")) return parse_primary(c);
+  if (++c.depth > kMaxDepth) return c.fail(c.start);
+  if (!c.next()) return -1;
+  const int operand = parse_not(c);
+  --c.depth;
+  return operand < 0 ? -1 : add(node{kNot, kEq, operand, -1, 0, 0});
+}
+
+int condition::parse_primary(cursor& c) {
+  if (c.type == cursor::kOpen) {
+    if (++c.depth > kMaxDepth) return c.fail(c.start);
+    if (!c.next()) return -1;
+    const int inner = parse_or(c);
+    if (inner < 0) return -1;
+    if (c.type != cursor::kClose) return c.fail(c.start);
+    --c.depth;
+    return c.next() ? inner : -1;
+  }
+  // A name: a bare word that is no keyword, or a quoted text.
+  const bool bare_keyword = c.is("and") || c.is("or") || c.is("not");
+  if ((c.type != cursor::kWord && c.type != cursor::kQuoted) || bare_keyword ||
+      c.word.empty() || strchr(c.word.c_str(), '"') != nullptr) {
+    return c.fail(c.start);
+  }
+  node n{kHas, kEq, -1, -1, texts_.size(), 0};
+  texts_.append(c.word.c_str()).push('\0');
+  if (!c.next()) return -1;
+  if (c.type != cursor::kOperator) return add(n);
+  n.what = kCompare;
+  n.how = c.how;
+  if (!c.next()) return -1;
+  if (c.type != cursor::kWord && c.type != cursor::kQuoted) return c.fail(c.start);
+  n.value = texts_.size();
+  texts_.append(c.word.c_str()).push('\0');
+  if (!c.next()) return -1;
+  return add(n);
+}
+
+bool is_number(const char* text, double* number) {
+  // Decimal digits, one sign in front, a point, an exponent: no blanks, no
+  // hexadecimal, no "inf" or "nan".
+  bool digit = false;
+  for (const char* p = text; *p != '\0'; ++p) {
+    if (isdigit(static_cast<unsigned char>(*p))) {
+      digit = true;
+    } else if (strchr("+-.eE", *p) == nullptr) {
+      return false;
+    }
+  }
+  if (!digit) return false;
+  char* end = nullptr;
+  *number = strtod(text, &end);
+  return end != text && *end == '\0' && isfinite(*number);
+}
+
+}  // namespace tevul
+
+namespace {
+
+using tevul::condition;
+using tevul::text;
+
+// A value bound to a statement: text, or a number.
+struct param {
+  const char* text;
+  double number;
+  bool is_number;
+};
+
+// tevu_num(x): x as a number when it is one (an integer or real value, or
+// a text that is_number() takes), else NULL.
+void number_function(sqlite3_context* context, int, sqlite3_value** args) {
+  switch (sqlite3_value_type(args[0])) {
+    case SQLITE_INTEGER:
+    case SQLITE_FLOAT:
+      sqlite3_result_double(context, sqlite3_value_double(args[0]));
+      return;
+    case SQLITE_TEXT: {
+      double number;
+      if (tevul::is_number(reinterpret_cast<const char*>(sqlite3_value_text(args[0])),
+                           &number)) {
+        sqlite3_result_double(context, number);
+        return;
+      }
+      break;
+    }
+    default:
+      break;
+  }
+  sqlite3_result_null(context);
+}
+
+// Builds the expression of node `i` for the database `db` into `sql`, with
+// its values in `params`: a name the database has no column for is false.
+bool build(const condition& c, int i, sqlite3* db, text& sql,
+           tevul::array<param>& params) {
+  const condition::node& n = c[static_cast<std::size_t>(i)];
+  switch (n.what) {
+    case condition::kOr:
+    case condition::kAnd:
+      sql.push('(');
+      if (!build(c, n.left, db, sql, params)) return false;
+      sql.append(n.what == condition::kOr ? ") OR (" : ") AND (");
+      if (!build(c, n.right, db, sql, params)) return false;
+      sql.push(')');
+      return true;
+    case condition::kNot:
+      // A file without the tag makes a term NULL; "not" makes it true.
+      sql.append("NOT COALESCE((");
+      if (!build(c, n.left, db, sql, params)) return false;
+      sql.append("),0)");
+      return true;
+    case condition::kHas:
+    case condition::kCompare:
+      break;
+  }
+  const char* name = c.name(n);
+  char column[258];
+  if (!tevul::format_whole(column, sizeof column, ".%s", name) ||
+      sqlite3_table_column_metadata(db, nullptr, "Meta", column, nullptr, nullptr,
+                                    nullptr, nullptr, nullptr) != SQLITE_OK) {
+    sql.push('0');
+    return true;
+  }
+  if (n.what == condition::kHas) {
+    sql.appendf("\"%s\" IS NOT NULL", column);
+    return true;
+  }
+  static const char* const kOps[] = {"=", "<>", "<", "<=", ">", ">="};
+  const char* op = kOps[n.how];
+  const char* value = c.value(n);
+  double number = 0;
+  if (n.how == condition::kEq) {
+    sql.appendf("\"%s\"=?%zu", column, params.size() + 1);
+  } else if (n.how == condition::kNe) {
+    sql.appendf("(\"%s\" IS NOT NULL AND \"%s\"<>?%zu)", column, column,
+                params.size() + 1);
+  } else if (tevul::is_number(value, &number)) {
+    // Numbers compare as numbers where the stored value is one too.
+    if (!params.push(param{value, number, true})) return false;
+    sql.appendf("(CASE WHEN tevu_num(\"%s\") IS NOT NULL THEN tevu_num(\"%s\")%s?%zu "
+                "ELSE \"%s\"%s?%zu END)",
+                column, column, op, params.size(), column, op, params.size() + 1);
+  } else {
+    sql.appendf("\"%s\"%s?%zu", column, op, params.size() + 1);
+  }
+  return params.push(param{value, 0, false});
+}
+
+// The files of one volume that satisfy `c`, below stored path `rel` when it
+// is not empty, to `cb`.
+int find_where_in(tevul::query_db& db, const char* root, const condition& c,
+                  const char* rel, tevu_file_cb cb, void* user, int* stop) {
+  sqlite3* handle = db.db.get();
+  if (db.rowid == nullptr) return EIO;  // no way to read every row once
+  sqlite3_create_function(handle, "tevu_num", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                          nullptr, number_function, nullptr, nullptr);
+  text sql;
+  tevul::array<param> params;
+  sql.appendf("SELECT %s, Path FROM Meta WHERE (", db.rowid);
+  if (!build(c, c.root(), handle, sql, params)) return ENOMEM;
+  const std::size_t n = params.size();
+  if (rel[0] != '\0') sql.appendf(") AND (Path=?%zu OR Path GLOB ?%zu", n + 1, n + 2);
+  const std::size_t after = n + (rel[0] != '\0' ? 3 : 1);
+  sql.appendf(") AND %s>?%zu ORDER BY %s LIMIT %d", db.rowid, after, db.rowid,
+              tevul::kQueryBatch);
+  if (!sql.ok()) return ENOMEM;
+  tevul::stmt_ptr stmt;
+  const int prepared = tevul::prepare(handle, sql.c_str(), -1, stmt);
+  if (prepared != SQLITE_OK) return tevul::query_errno(handle, prepared);
+  for (std::size_t i = 0; i < n; ++i) {
+    const int index = static_cast<int>(i) + 1;
+    if (params[i].is_number) {
+      sqlite3_bind_double(stmt.get(), index, params[i].number);
+    } else {
+      sqlite3_bind_text(stmt.get(), index, params[i].text, -1, SQLITE_STATIC);
+    }
+  }
+  tevul::sqlite_text pattern;
+  if (rel[0] != '\0') {
+    pattern.reset(tevul::glob_escape(rel, "/*"));
+    if (!pattern) return ENOMEM;
+    sqlite3_bind_text(stmt.get(), static_cast<int>(n) + 1, rel, -1, SQLITE_STATIC);
+    sqlite3_bind_text(stmt.get(), static_cast<int>(n) + 2, pattern.get(), -1,
+                      SQLITE_STATIC);
+  }
+  text paths;
+  tevul::array<std::size_t> starts;
+  return tevul::in_batches(
+      stmt.get(), static_cast<int>(after),
+      [&](sqlite3_stmt* s) {
+        const char* path = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
+        if (!starts.push(paths.size())) return ENOMEM;
+        paths.append(root).append(path != nullptr ? path : "").push('\0');
+        return paths.ok() ? 0 : ENOMEM;
+      },
+      [&](int* stopped) {
+        for (std::size_t i = 0; i < starts.size() && *stopped == 0; ++i) {
+          *stopped = cb(user, paths.c_str() + starts[i]);
+        }
+        paths.clear();
+        starts.clear();
+        return 0;
+      },
+      stop);
+}
+
+int find_where(const char* source, const char* under, tevu_file_cb cb, void* user,
+               std::size_t* error_offset) {
+  tevul::forget_failures();
+  if (source == nullptr || cb == nullptr || (under != nullptr && under[0] == '\0')) {
+    return ENOENT;
+  }
+  std::size_t ignored = 0;
+  if (error_offset == nullptr) error_offset = &ignored;
+  condition c;
+  if (const int rc = c.parse(source, error_offset)) return rc;
+  if (tevu_find_mount() == nullptr) return ENOENT;
+  if (under == nullptr) {
+    return tevul::walk_volumes([&](tevul::query_db& db, const char* root, int* stop) {
+      return find_where_in(db, root, c, "", cb, user, stop);
+    });
+  }
+  tevu_volume volume;
+  const char* rel = nullptr;
+  char plain[tevul::kPathSize];
+  if (const int rc = tevul::locate_literal(under, &volume, &rel, plain)) return rc;
+  tevul::query_db db;
+  int rc = tevul::open_query_db(volume.db_path, &db);
+  int stop = 0;
+  if (rc == 0) rc = find_where_in(db, volume.prefix, c, rel, cb, user, &stop);
+  if (stop != 0) return stop;
+  return rc != 0 ? tevul::note_volume_failure(rc, volume.prefix) : 0;
+}
+
+}  // namespace
+
+extern "C" int tevu_find_where(const char* condition, const char* under,
+                               tevu_file_cb cb, void* user, size_t* error_offset) {
+  return find_where(condition, under, cb, user, error_offset);
+}
