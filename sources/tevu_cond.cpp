@@ -207,13 +207,7 @@ namespace {
 
 using tevul::condition;
 using tevul::text;
-
-// A value bound to a statement: text, or a number.
-struct param {
-  const char* text;
-  double number;
-  bool is_number;
-};
+using param = tevul::condition_param;
 
 // tevu_num(x): x as a number when it is one (an integer or real value, or
 // a text that is_number() takes), else NULL.
@@ -295,6 +289,22 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   return params.push(param{value, 0, false});
 }
 
+}  // namespace
+
+bool tevul::condition_sql(const condition& c, sqlite3* db, const char* rowid,
+                          bool subtree, text* sql, array<condition_param>* params,
+                          std::size_t* after) {
+  sql->appendf("SELECT %s, Path FROM Meta WHERE (", rowid);
+  if (!build(c, c.root(), db, *sql, *params)) return false;
+  const std::size_t n = params->size();
+  if (subtree) sql->appendf(") AND (Path=?%zu OR Path GLOB ?%zu", n + 1, n + 2);
+  *after = n + (subtree ? 3 : 1);
+  sql->appendf(") AND %s>?%zu ORDER BY %s LIMIT %d", rowid, *after, rowid, kQueryBatch);
+  return sql->ok();
+}
+
+namespace {
+
 // The files of one volume that satisfy `c`, below stored path `rel` when it
 // is not empty, to `cb`.
 int find_where_in(tevul::query_db& db, const char* root, const condition& c,
@@ -305,14 +315,11 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
                           nullptr, number_function, nullptr, nullptr);
   text sql;
   tevul::array<param> params;
-  sql.appendf("SELECT %s, Path FROM Meta WHERE (", db.rowid);
-  if (!build(c, c.root(), handle, sql, params)) return ENOMEM;
+  std::size_t after = 0;
+  if (!tevul::condition_sql(c, handle, db.rowid, rel[0] != '\0', &sql, &params, &after)) {
+    return ENOMEM;
+  }
   const std::size_t n = params.size();
-  if (rel[0] != '\0') sql.appendf(") AND (Path=?%zu OR Path GLOB ?%zu", n + 1, n + 2);
-  const std::size_t after = n + (rel[0] != '\0' ? 3 : 1);
-  sql.appendf(") AND %s>?%zu ORDER BY %s LIMIT %d", db.rowid, after, db.rowid,
-              tevul::kQueryBatch);
-  if (!sql.ok()) return ENOMEM;
   tevul::stmt_ptr stmt;
   const int prepared = tevul::prepare(handle, sql.c_str(), -1, stmt);
   if (prepared != SQLITE_OK) return tevul::query_errno(handle, prepared);

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 
+#include <sqlite3.h>
+
 #include "common.h"
 
 namespace tevul {
@@ -51,6 +53,24 @@ class condition {
 // True when `text` is a number as the language compares numbers: decimal,
 // optionally signed, with an optional fraction and exponent, nothing else.
 bool is_number(const char* text, double* number);
+
+// A value bound to the statement of a condition: text, or a number.
+struct condition_param {
+  const char* text;
+  double number;
+  bool is_number;
+};
+
+// The statement with which the files of one database (`db`, whose row id
+// reads as `rowid`) that satisfy `c` are searched, one batch at a time:
+// row id and path of each, the condition's values as parameters 1 to
+// params->size(), then, with `subtree`, the stored path and its literal
+// pattern, and last the row id to go on after (parameter *after). A name
+// the database has no column for is false. Returns false when memory is
+// short.
+bool condition_sql(const condition& c, sqlite3* db, const char* rowid,
+                   bool subtree, text* sql, array<condition_param>* params,
+                   std::size_t* after);
 
 }  // namespace tevul
 

@@ -256,8 +256,8 @@ bool count_sql(const char* name, bool values, bool subtree, char* out,
   const char* where = subtree ? " AND (Path=?1 OR Path GLOB ?2)" : "";
   return tag_sql_safe(name) &&
          (values ? format_whole(out, size,
-                                "SELECT \".%s\", count(*) FROM Meta WHERE \".%s\" "
-                                "IS NOT NULL%s GROUP BY \".%s\"",
+                                "SELECT min(\".%s\" COLLATE BINARY), count(*) FROM Meta "
+                                "WHERE \".%s\" IS NOT NULL%s GROUP BY \".%s\"",
                                 name, name, where, name)
                  : format_whole(out, size,
                                 "SELECT count(*) FROM Meta WHERE \".%s\" IS NOT NULL%s",

@@ -288,4 +288,46 @@ TEST_F(Query, CraftedTablesDoNotSteerTheWalk) {
   EXPECT_EQ(tags, (std::vector<std::string>{"t1996=last", "k=v"}));
 }
 
+// Tag names and values with their counts, merged over the volumes without
+// regard to letter case, sorted; each count read through the tag's index.
+TEST_F(Query, NamesAndValuesWithTheirCounts) {
+  tag_file("/srv/e.jpg", {{"Kind", "Photo"}, {"Odd", "1"}, {"year", "2019"}});
+  using Counts = std::vector<std::string>;
+  const auto counted = [](int (*query)(const char*, const char*, tevu_count_cb, void*),
+                          const char* name, const char* under) {
+    Counts out;
+    const int rc = query(name, under,
+                         [](void* user, const char* text, unsigned long count) {
+                           static_cast<Counts*>(user)->push_back(std::string(text) + " " +
+                                                                 std::to_string(count));
+                           return 0;
+                         },
+                         &out);
+    if (rc != 0) out.push_back("!" + std::to_string(rc));
+    return out;
+  };
+  const auto names = [&](const char*, const char* under) {
+    return counted([](const char*, const char* u, tevu_count_cb cb, void* user) {
+      return tevu_tag_names(u, cb, user);
+    }, nullptr, under);
+  };
+  EXPECT_EQ(names(nullptr, nullptr), (Counts{"kind 5", "Odd 2", "year 1"}));
+  EXPECT_EQ(names(nullptr, "/mnt/b.jpg"), (Counts{"kind 1"}));
+  EXPECT_EQ(counted(tevu_tag_values, "kind", nullptr), (Counts{"PHOTO 4", "text 1"}))
+      << "in the spelling that sorts first";
+  EXPECT_EQ(counted(tevu_tag_values, "KIND", "/srv"), (Counts{"Photo 2"}));
+  EXPECT_EQ(counted(tevu_tag_values, "nothing", nullptr), (Counts{}));
+  EXPECT_EQ(counted(tevu_tag_values, "k\"", nullptr), (Counts{"!" + std::to_string(EINVAL)}));
+
+  RawDb db(Sandbox::db_path("mnt"));
+  for (bool values : {false, true}) {
+    char sql[512];
+    ASSERT_TRUE(tevul::count_sql("kind", values, false, sql, sizeof sql));
+    const auto plan = db.rows(std::string("EXPLAIN QUERY PLAN ") + sql);
+    ASSERT_FALSE(plan.empty());
+    EXPECT_NE(plan[0].back().find("COVERING INDEX Cidx_kind"), std::string::npos)
+        << plan[0].back();
+  }
+}
+
 }  // namespace

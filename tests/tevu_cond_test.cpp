@@ -1,0 +1,116 @@
+// The condition language: where it refuses a condition, what it finds in
+// real databases on two volumes, and the plan of the statement it runs.
+#include <errno.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "test_support.h"
+#include "tevu_cond.h"
+#include "tevul.h"
+
+using tevul_test::RawDb;
+using tevul_test::Sandbox;
+using tevul_test::tag_file;
+
+namespace {
+
+// A malformed condition gives EINVAL and the offset of its fault; a
+// condition that stops too early, the offset of its end.
+TEST(Condition, FaultsAreFoundWhereTheyAre) {
+  const std::vector<std::pair<std::string, std::size_t>> faults = {
+      {"", 0},         {"   ", 3},        {"kind=", 5},     {"kind == photo", 6},
+      {"a and", 5},    {"(a or b", 7},    {"a)", 1},        {"a b", 2},
+      {"\"abc", 0},    {"a ! b", 2},      {"and", 0},       {"na\"me=1", 2},
+      {"not", 3},      {"a or or b", 5},  {"'' = x", 0},    {"a = (b)", 4},
+      {"\"a\\\"b\"", 0}, {std::string(70, '(') + "a" + std::string(70, ')'), 64}};
+  for (const auto& [source, offset] : faults) {
+    tevul::condition c;
+    std::size_t at = 999;
+    EXPECT_EQ(c.parse(source.c_str(), &at), EINVAL) << source;
+    EXPECT_EQ(at, offset) << source;
+  }
+  // Precedence: not, then and, then or; keywords in any letter case.
+  tevul::condition c;
+  std::size_t at = 0;
+  ASSERT_EQ(c.parse("NOT a AND b Or (c = 'x y' or \"my tag\" >= \"it\\'s\")", &at), 0);
+  const auto& root = c[c.root()];
+  EXPECT_EQ(root.what, tevul::condition::kOr);
+  EXPECT_EQ(c[root.left].what, tevul::condition::kAnd);
+  EXPECT_EQ(c[c[root.left].left].what, tevul::condition::kNot);
+  const auto& last = c[c[root.right].right];
+  EXPECT_EQ(last.how, tevul::condition::kGe);
+  EXPECT_STREQ(c.name(last), "my tag");
+  EXPECT_STREQ(c.value(last), "it's");
+}
+
+class Conditions : public tevul_test::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    if (IsSkipped()) return;
+    tag_file("/mnt/a.jpg", {{"kind", "photo"}, {"year", "2019"}, {"rating", "5"}});
+    tag_file("/mnt/b.jpg", {{"kind", "PHOTO"}, {"year", "2020"}, {"rating", "10"}});
+    tag_file("/mnt/c.txt", {{"kind", "text"}, {"rating", "abc"}});
+    tag_file("/srv/d.jpg", {{"kind", "photo"}});
+    tag_file("/srv/e", {{"rating", "4.5"}, {"my tag", "x y"}});
+  }
+  // The files that satisfy `condition`, sorted, or the result as "!N".
+  static std::vector<std::string> find(const char* condition, const char* under = nullptr) {
+    std::vector<std::string> files;
+    const int rc = tevu_find_where(
+        condition, under,
+        [](void* user, const char* path) {
+          static_cast<std::vector<std::string>*>(user)->push_back(path);
+          return 0;
+        },
+        &files, nullptr);
+    if (rc != 0) return {"!" + std::to_string(rc)};
+    std::sort(files.begin(), files.end());
+    return files;
+  }
+};
+
+using Files = std::vector<std::string>;
+
+TEST_F(Conditions, FindWhatTheConditionSays) {
+  EXPECT_EQ(find("kind=photo and not year=2019"), (Files{"/mnt/b.jpg", "/srv/d.jpg"}))
+      << "letter case ignored; no year is not 2019";
+  EXPECT_EQ(find("rating>=5"), (Files{"/mnt/a.jpg", "/mnt/b.jpg", "/mnt/c.txt"}))
+      << "10 >= 5 as numbers; abc >= 5 as text";
+  EXPECT_EQ(find("rating > 4 and rating < '6'"), (Files{"/mnt/a.jpg", "/srv/e"}))
+      << "'6' is a number too: 10 < 6 is false";
+  EXPECT_EQ(find("not year"), (Files{"/mnt/c.txt", "/srv/d.jpg", "/srv/e"}))
+      << "a name without a column is false there";
+  EXPECT_EQ(find("kind != photo"), (Files{"/mnt/c.txt"}));
+  EXPECT_EQ(find("nosuch=1 or (kind=text)"), (Files{"/mnt/c.txt"}));
+  EXPECT_EQ(find("\"my tag\"='X Y'"), (Files{"/srv/e"}));
+  EXPECT_EQ(find("kind=photo", "/mnt//a.jpg/"), (Files{"/mnt/a.jpg"}));
+  EXPECT_EQ(find("kind", "/mnt"), (Files{"/mnt/a.jpg", "/mnt/b.jpg", "/mnt/c.txt"}));
+  EXPECT_EQ(find("kind", "/mnt/../srv"), (Files{"!" + std::to_string(EINVAL)}));
+  std::size_t at = 0;
+  EXPECT_EQ(tevu_find_where("kind = ", nullptr, [](void*, const char*) { return 0; }, nullptr,
+                            &at),
+            EINVAL);
+  EXPECT_EQ(at, 7u);
+}
+
+// A two-term condition is served by the index of the tag it compares.
+TEST_F(Conditions, TheStatementUsesTheTagsIndex) {
+  RawDb db(Sandbox::db_path("mnt"));
+  tevul::condition c;
+  std::size_t at = 0;
+  ASSERT_EQ(c.parse("year=2020 and kind=photo", &at), 0);
+  tevul::text sql;
+  tevul::array<tevul::condition_param> params;
+  std::size_t after = 0;
+  ASSERT_TRUE(tevul::condition_sql(c, db.get(), "rowid", false, &sql, &params, &after));
+  const auto plan = db.rows(std::string("EXPLAIN QUERY PLAN ") + sql.c_str());
+  ASSERT_FALSE(plan.empty());
+  EXPECT_NE(plan[0].back().find("USING INDEX Cidx_"), std::string::npos) << plan[0].back();
+}
+
+}  // namespace
