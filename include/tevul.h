@@ -368,8 +368,9 @@ TEVUL_API int tevu_deltag_glob(const char *path, const char *pattern);
  * refused (-1) before anything is read, written or removed; the
  * configuration files are never written through a link at their place (-1);
  * and a link at a view's own place is deleted as a link, never its target.
- * Results: 0, -1 for a NULL or empty argument or a refused name or place,
- * ENOENT when no tag file system is mounted, ENAMETOOLONG when the view's
+ * Results: 0, -1 for a NULL or empty argument or a refused name or place
+ * (errno then EINVAL; a failed mkdir, rmdir or unlink also gives -1, with
+ * its own errno), ENOENT when no tag file system is mounted, ENAMETOOLONG when the view's
  * paths would be longer than 4095 bytes, otherwise an errno value or the
  * fsutil_ result.
  */

@@ -324,8 +324,12 @@ int retag_everywhere(const char* from, const char* to, bool merge,
     if (v.error != 0) return tevul::note_volume_failure(v.error, v.root);
     tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
     if (!db) return tevul::note_volume_failure(ENOENT, v.root);
+    // The schema is read first: a file that is no tag database fails here,
+    // not as a volume without the tag.
+    int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr, nullptr,
+                                           nullptr, nullptr, nullptr, nullptr);
     unsigned long rows = 0, both = 0;
-    int rc = count_carriers(db.get(), from, nullptr, &rows);
+    if (rc == SQLITE_OK) rc = count_carriers(db.get(), from, nullptr, &rows);
     if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
     if (rc != SQLITE_OK) return tevul::note_volume_failure(move_errno(rc), v.root);
     if (!carriers.push(rows)) return ENOMEM;

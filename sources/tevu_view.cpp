@@ -31,7 +31,8 @@ constexpr char kConfigFile[] = "%s/view/.config/%s/%s";
 constexpr char kContentsDir[] = "%s/view/%s";
 
 // Bad arguments are -1 here, unlike the tag-file functions' 2: views have
-// always reported them so.
+// always reported them so. errno says EINVAL then, as a refused system call
+// would, so that a caller can tell a refusal from a failed call's -1.
 constexpr int kBadArgument = -1;
 
 // True when `name` may name a view: one or more "/"-separated components,
@@ -55,8 +56,14 @@ bool valid_name(const char* name) {
 // into `out` of tevul::kPathSize bytes. Returns 0, kBadArgument for a name
 // that is not valid_name(), ENOENT without a mount, or ENAMETOOLONG when the
 // path would be cut (a cut name could end in a ".." it did not have).
+// Refuses: -1, with errno EINVAL.
+int refuse() {
+  errno = EINVAL;
+  return kBadArgument;
+}
+
 int config_path(const char* name, const char* file, char* out) {
-  if (!valid_name(name)) return kBadArgument;
+  if (!valid_name(name)) return refuse();
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
   const bool whole =
@@ -77,7 +84,7 @@ int inside_config(const char* dir) {
   char resolved[tevul::kPathSize];
   if (!tevul::format_whole(base, sizeof base, kConfigBase, mount)) return ENAMETOOLONG;
   if (const int rc = tevul::resolve_below(base, mount, resolved)) {
-    return rc == EINVAL ? kBadArgument : rc;
+    return rc == EINVAL ? refuse() : rc;
   }
   char real_base[tevul::kPathSize];
   std::memcpy(real_base, resolved, sizeof real_base);
@@ -95,7 +102,7 @@ int inside_config(const char* dir) {
   const std::size_t n = std::strlen(real_base);
   const bool inside = std::strncmp(resolved, real_base, n) == 0 &&
                       (resolved[n] == '\0' || resolved[n] == '/');
-  return inside ? 0 : kBadArgument;
+  return inside ? 0 : refuse();
 }
 
 // The view's configuration directory in `out`, checked to lie inside
@@ -115,10 +122,10 @@ int write_config(const char* name, const char* file, const char* text) {
   if (const int rc = checked_config_dir(name, dir)) return rc;
   if (const int rc = config_path(name, file, path)) return rc;
   struct stat st;
-  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) return kBadArgument;
+  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) return refuse();
   tevul::unique_fd fd(
       open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (!fd.valid()) return errno == ELOOP ? kBadArgument : errno;
+  if (!fd.valid()) return errno == ELOOP ? refuse() : errno;
   tevul::file_ptr out(fdopen(fd.get(), "w"));
   if (!out) return errno;
   fd.release();
@@ -126,7 +133,7 @@ int write_config(const char* name, const char* file, const char* text) {
 }
 
 int set_string(const char* name, const char* file, const char* text) {
-  if (!valid_name(name) || tevul::is_empty(text)) return kBadArgument;
+  if (!valid_name(name) || tevul::is_empty(text)) return refuse();
   if (tevu_find_mount() == nullptr) return ENOENT;
   if (const int rc = tevu_view_create(name)) return rc;
   return write_config(name, file, text);

@@ -1,112 +1,169 @@
-// Helpers shared by the commands of the `tevu` tool.
+// Helpers shared by the commands of the `tevu` tool. See cli.h.
 #include "cli.h"
 
 #include <errno.h>
-#include <signal.h>
+#include <limits.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <algorithm>
-#include <cstring>
-#include <memory>
-
-#include "tevul.h"
-
 namespace tevu_cli {
 
-int parse_options(int argc, char** argv, const std::string& shortopts,
-                  std::vector<option> longopts,
-                  const std::function<bool(int, const char*)>& on_option) {
+namespace {
+
+// The longest tag name whose column statements fit the database format's
+// 147-byte buffer: "CREATE INDEX 'Cidx_%q' ON Meta (\".%s\")" holds the
+// name twice, its single quotes doubled once.
+constexpr std::size_t kColumnNameMax = 56;
+// What the database's value update holds for the tag name and the quoted
+// value together (228 characters, 51 of them its own), less the ten digits
+// of the largest row number a database of a device reaches.
+constexpr std::size_t kUpdateRoom = 177 - 10;
+
+// The published limits, read once per process as each bulk context reads
+// them once: a run with many refused tags does not reread the limits file.
+bool g_limits_read = false;
+int g_name_max = 0;
+int g_value_max = 0;
+
+void read_limits() {
+  if (g_limits_read) return;
+  g_name_max = tevu_getmaxnamelen();
+  g_value_max = tevu_getmaxvaluelen();
+  g_limits_read = true;
+}
+
+// The length of `s` with every single quote counted twice, as the
+// database's statements hold it.
+std::size_t quoted_length(const char* s) {
+  std::size_t n = 0;
+  for (; *s != '\0'; ++s) n += *s == '\'' ? 2 : 1;
+  return n;
+}
+
+void vreport(std::initializer_list<const char*> parts, const char* format,
+             va_list args) {
+  text line;
+  line.append("tevu");
+  for (const char* part : parts) {
+    if (part != nullptr && part[0] != '\0') line.append(": ").append(part);
+  }
+  line.append(": ");
+  char reason[1024];
+  vsnprintf(reason, sizeof reason, format, args);
+  line.append(reason).push('\n');
+  fwrite(line.c_str(), 1, line.size(), stderr);
+}
+
+// The length of the valid UTF-8 sequence at `s`, or 0.
+std::size_t utf8_length(const unsigned char* s) {
+  const unsigned char c = s[0];
+  auto cont = [&](int i) { return s[i] >= 0x80 && s[i] <= 0xBF; };
+  if (c >= 0xC2 && c <= 0xDF) return cont(1) ? 2 : 0;
+  if (c == 0xE0) return s[1] >= 0xA0 && s[1] <= 0xBF && cont(2) ? 3 : 0;
+  if ((c >= 0xE1 && c <= 0xEC) || c == 0xEE || c == 0xEF) return cont(1) && cont(2) ? 3 : 0;
+  if (c == 0xED) return s[1] >= 0x80 && s[1] <= 0x9F && cont(2) ? 3 : 0;
+  if (c == 0xF0) return s[1] >= 0x90 && s[1] <= 0xBF && cont(2) && cont(3) ? 4 : 0;
+  if (c >= 0xF1 && c <= 0xF3) return cont(1) && cont(2) && cont(3) ? 4 : 0;
+  if (c == 0xF4) return s[1] >= 0x80 && s[1] <= 0x8F && cont(2) && cont(3) ? 4 : 0;
+  return 0;
+}
+
+}  // namespace
+
+int parse_options(int argc, char** argv, const char* shortopts,
+                  const option* longopts, option_fn on_option, void* user) {
   // A leading "+" would stop at the first operand; commands take options
   // anywhere, as GNU tools do, and "--" ends them.
-  const std::string shorts = ":h" + shortopts;
-  longopts.push_back({"help", no_argument, nullptr, 'h'});
-  longopts.push_back({nullptr, 0, nullptr, 0});
+  char shorts[64];
+  tevul::format_cut(shorts, sizeof shorts, ":h%s", shortopts);
+  option all[24];
+  std::size_t n = 0;
+  for (; longopts[n].name != nullptr && n + 2 < sizeof all / sizeof all[0]; ++n) {
+    all[n] = longopts[n];
+  }
+  all[n++] = option{"help", no_argument, nullptr, 'h'};
+  all[n] = option{nullptr, 0, nullptr, 0};
   optind = 0;  // a full reset, also of getopt's hidden state
   opterr = 0;  // the messages are ours, in the tool's one-line form
   for (;;) {
-    const int c = getopt_long(argc, argv, shorts.c_str(), longopts.data(),
-                              nullptr);
+    const int c = getopt_long(argc, argv, shorts, all, nullptr);
     if (c == -1) return -1;
     if (c == 'h') {
-      print_help(argv[0] + std::strlen("tevu "));
+      print_help(argv[0] + strlen("tevu "));
       return kExitOk;
     }
     // An unknown long option (optopt 0) and an option missing its value
     // (always the last word) are shown as written, without "=VALUE"; an
     // unknown short option by its letter.
-    const std::string last = argv[optind - 1];
-    const bool as_written =
-        (c == '?' && optopt == 0) || (c == ':' && last.compare(0, 2, "--") == 0);
-    const std::string shown = as_written
-                                  ? last.substr(0, last.find('='))
-                                  : std::string("-") + static_cast<char>(optopt);
-    if (c == '?') return usage_error(argv[0], "unknown option " + shown);
-    if (c == ':') return usage_error(argv[0], "option " + shown + " needs a value");
-    if (!on_option(c, optarg)) return kExitUsage;
+    const char* last = argv[optind - 1];
+    const bool as_written = (c == '?' && optopt == 0) || (c == ':' && strncmp(last, "--", 2) == 0);
+    char shown[64];
+    if (as_written) {
+      tevul::format_cut(shown, sizeof shown, "%.*s", static_cast<int>(strcspn(last, "=")), last);
+    } else {
+      tevul::format_cut(shown, sizeof shown, "-%c", optopt);
+    }
+    if (c == '?') return usage_error(argv[0], "unknown option %s", shown);
+    if (c == ':') return usage_error(argv[0], "option %s needs a value", shown);
+    if (!on_option(user, c, optarg)) return kExitUsage;
   }
 }
 
-int parse_null_option(int argc, char** argv, bool* nul) {
-  return parse_options(argc, argv, "0", {{"null", no_argument, nullptr, '0'}},
-                       [nul](int, const char*) { return *nul = true; });
-}
-
-void catch_interrupts(void (*handler)(int)) {
-  struct sigaction action;
-  std::memset(&action, 0, sizeof action);
-  action.sa_handler = handler;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-}
-
-void report(const std::vector<std::string>& parts, const std::string& reason) {
-  std::string line = "tevu";
-  for (const std::string& part : parts) {
-    if (!part.empty()) line += ": " + part;
+bool set_flag(void* flags, int c, const char*) {
+  for (flag* f = static_cast<flag*>(flags); f->value != nullptr; ++f) {
+    if (f->c == c) *f->value = true;
   }
-  line += ": " + reason + "\n";
-  std::fputs(line.c_str(), stderr);
+  return true;
 }
 
-int usage_error(const char* command, const std::string& what) {
+void report(std::initializer_list<const char*> parts, const char* reason) {
+  reportf(parts, "%s", reason);
+}
+
+void reportf(std::initializer_list<const char*> parts, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  vreport(parts, format, args);
+  va_end(args);
+}
+
+int usage_error(const char* command, const char* format, ...) {
+  char what[512];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(what, sizeof what, format, args);
+  va_end(args);
   // `command` is "tevu" or "tevu NAME".
-  std::fprintf(stderr, "%s: %s (see '%s --help')\n", command, what.c_str(),
-               command);
+  fprintf(stderr, "%s: %s (see '%s --help')\n", command, what, command);
   return kExitUsage;
 }
 
-void emit(const std::string& text, bool nul) {
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fputc(nul ? '\0' : '\n', stdout);
+void emit(const char* text, std::size_t n, bool nul) {
+  fwrite(text, 1, n, stdout);
+  fputc(nul ? '\0' : '\n', stdout);
 }
 
-bulk_ptr open_bulk() {
-  bulk_ptr ctx(tevu_bulk_init());
-  if (!ctx) report_not_mounted();
-  return ctx;
+void counted(text* out, unsigned long n, const char* one, const char* many) {
+  out->appendf("%lu %s", n, n == 1 ? one : many);
 }
 
-bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
-                 const std::function<void()>& before_report) {
-  tevu_bulk_commit(ctx.get());
-  const int error = tevu_bulk_error(ctx.get());
-  if (error <= 0) return true;
-  if (before_report) before_report();
-  report(where, "tags not stored: " + errno_reason(error));
-  ctx.reset(tevu_bulk_init());
-  return false;
-}
-
-bool report_unread_volumes() {
-  char volume[4096];
-  unsigned i = 0;
-  for (int error; (error = tevu_query_failure(i, volume, sizeof volume)) != 0; ++i) {
-    report({volume}, "tag database could not be read: " + errno_reason(error));
-  }
-  return i > 0;
+void summary(const char* command, unsigned long files, unsigned long tags,
+             unsigned long failures, bool dry_run) {
+  text line;
+  line.appendf("tevu: %s: ", command);
+  counted(&line, files, "file", "files");
+  line.append(", ");
+  counted(&line, tags, "tag", "tags");
+  line.append(", ");
+  counted(&line, failures, "failure", "failures");
+  if (dry_run) line.append(" (dry run: nothing changed)");
+  line.push('\n');
+  fwrite(line.c_str(), 1, line.size(), stderr);
 }
 
 int report_not_mounted() {
@@ -116,7 +173,16 @@ int report_not_mounted() {
 
 bool tag_fs_mounted() { return tevu_mount_point() != nullptr; }
 
-std::string errno_reason(int error) {
+bool report_unread_volumes() {
+  char volume[PATH_MAX];
+  unsigned i = 0;
+  for (int error; (error = tevu_query_failure(i, volume, sizeof volume)) != 0; ++i) {
+    reportf({volume}, "tag database could not be read: %s", errno_reason(error));
+  }
+  return i > 0;
+}
+
+const char* errno_reason(int error) {
   switch (error) {
     case ENOENT:
       return "no such file";
@@ -126,113 +192,130 @@ std::string errno_reason(int error) {
       return "locked by this process";
     case EBADF:
       return "not a database";
+    case ENOMEM:
+      return "out of memory";
     default:
-      return std::strerror(error);
+      return strerror(error);
   }
 }
 
-namespace {
-
-// The longest tag name whose column statements fit the database format's
-// 147-byte buffer: "CREATE INDEX 'Cidx_%q' ON Meta (\".%s\")" holds the
-// name twice, its single quotes doubled once.
-constexpr std::size_t kColumnNameMax = 56;
-
-std::size_t column_name_length(const std::string& name) {
-  std::size_t len = name.size();
-  for (char c : name) len += c == '\'' ? 1 : 0;
-  return len;
+const char* name_refusal(const char* name, text* scratch) {
+  if (name[0] == '\0') return "empty tag name";
+  for (const char* p = name; *p != '\0'; ++p) {
+    const unsigned char c = static_cast<unsigned char>(*p);
+    if (c == '/') return "tag name holds a \"/\"";
+    if (c == '=') return "tag name holds a \"=\"";
+    if (c < 0x20 || c == 0x7f) return "tag name holds a control character";
+  }
+  if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
+    return "tag name is \".\" or \"..\"";
+  }
+  if (name[0] == ' ' || name[strlen(name) - 1] == ' ') {
+    return "tag name begins or ends with a blank";
+  }
+  return restore_refusal(name, scratch);
 }
 
-}  // namespace
-
-const char kStripOptionName[] = "strip-backslashes";
-
-std::string backslash_refusal(const std::string& value, bool strip) {
-  if (strip || value.find('\\') == std::string::npos) return "";
-  return "value holds a backslash, which the tag database would strip "
-         "(--strip-backslashes stores it without)";
+const char* restore_refusal(const char* name, text* scratch) {
+  if (name[0] == '\0') return "empty tag name";
+  if (strchr(name, '"') != nullptr) return "tag name holds a double quote";
+  // Without a mount there are no limits to check against; the command
+  // says that the tag file system is not mounted.
+  if (!tag_fs_mounted()) return nullptr;
+  read_limits();
+  if (g_name_max <= 0) return "tag name not storable: the tag file system publishes no limit";
+  std::size_t limit = static_cast<std::size_t>(g_name_max) - 1;
+  if (limit > kColumnNameMax) limit = kColumnNameMax;
+  if (quoted_length(name) <= limit) return nullptr;
+  scratch->clear();
+  scratch->appendf("tag name too long (limit %zu%s)", limit,
+                   strchr(name, '\'') != nullptr ? ", a ' counting twice" : "");
+  return scratch->c_str();
 }
 
-std::string bulk_reason(int result, const std::string& name) {
-  if (result == -ENAMETOOLONG || result == -EFBIG) {
-    const bool is_name = result == -ENAMETOOLONG;
-    // Read once per process, as each bulk context reads them once: an
-    // import with many refused tags does not reread the limits file.
-    static const int name_limit = tevu_getmaxnamelen();
-    static const int value_limit = tevu_getmaxvaluelen();
-    const int limit = is_name ? name_limit : value_limit;
-    const char* what = is_name ? "tag name too long" : "tag value too long";
-    if (limit <= 0) {
-      return std::string(what) + " (the tag file system publishes no limit)";
-    }
-    // A length must stay below the published maximum.
-    return std::string(what) + " (limit " + std::to_string(limit - 1) + ")";
+const char* value_refusal(const char* name, const char* value, bool strip,
+                          text* scratch) {
+  if (!tag_fs_mounted()) return nullptr;
+  read_limits();
+  if (g_value_max <= 0) return "tag value not storable: the tag file system publishes no limit";
+  std::size_t limit = static_cast<std::size_t>(g_value_max) - 1;
+  const std::size_t room = kUpdateRoom > strlen(name) ? kUpdateRoom - strlen(name) : 0;
+  if (room < limit) limit = room;
+  if (quoted_length(value) > limit) {
+    scratch->clear();
+    scratch->appendf("tag value too long (limit %zu with this name%s)", limit,
+                     strchr(value, '\'') != nullptr ? ", a ' counting twice" : "");
+    return scratch->c_str();
   }
-  if (result == -1) return "tag database not available";
-  if (name.find('"') != std::string::npos) {
-    return "tag name contains a double quote";
+  if (!strip && strchr(value, '\\') != nullptr) {
+    return "value holds a backslash, which the tag database would strip "
+           "(--strip-backslashes stores it without)";
   }
-  if (result > 0 && column_name_length(name) > kColumnNameMax) {
-    // The limits file allows longer names than the database's column
-    // statements can hold; the smaller limit is the real one.
-    static const int published = tevu_getmaxnamelen();
-    const std::size_t limit =
-        published > 0 ? std::min<std::size_t>(kColumnNameMax, published - 1)
-                      : kColumnNameMax;
-    return "tag name too long for the tag database (limit " +
-           std::to_string(limit) + ")";
-  }
-  if (result == 1) return "tag database statement failed";
-  return "tag database failed: " + errno_reason(result);
+  return nullptr;
 }
 
-std::string setpath_reason(const std::string& path) {
+int disk_path(const char* arg, char* out) {
+  if (arg[0] == '\0') return EINVAL;
+  if (realpath(arg, out) != nullptr) return 0;
+  if (errno != ENOENT) return errno;
+  // Gone (or not yet there): the parent made canonical, the name kept.
+  char copy[PATH_MAX];
+  if (!tevul::format_whole(copy, sizeof copy, "%s", arg)) return ENAMETOOLONG;
+  std::size_t len = strlen(copy);
+  while (len > 1 && copy[len - 1] == '/') copy[--len] = '\0';
+  char* slash = strrchr(copy, '/');
+  const char* name = slash != nullptr ? slash + 1 : copy;
+  if (name[0] == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return EINVAL;
+  const char* parent = slash == nullptr ? "." : slash == copy ? "/" : copy;
+  if (slash != nullptr && slash != copy) *slash = '\0';
+  char real_parent[PATH_MAX];
+  if (realpath(parent, real_parent) == nullptr) return errno;
+  const bool root = strcmp(real_parent, "/") == 0;
+  return tevul::format_whole(out, tevul::kPathSize, "%s/%s", root ? "" : real_parent, name)
+             ? 0
+             : ENAMETOOLONG;
+}
+
+bool exists(const char* path) {
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) return errno_reason(errno);
-  return "file is not on a tagged volume";
+  return lstat(path, &st) == 0;
 }
 
-std::string counted(unsigned long n, const char* one, const char* many) {
-  return std::to_string(n) + " " + (n == 1 ? one : many);
-}
-
-std::string mount_point() {
-  const char* mount = tevu_mount_point();
-  return mount != nullptr ? mount : "";
-}
-
-std::string escape_field(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (char c : text) {
-    switch (c) {
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\\': out += "\\\\"; break;
-      default: out += c;
+void escape_field(const char* field, bool name, text* out) {
+  for (const char* p = field; *p != '\0'; ++p) {
+    switch (*p) {
+      case '\t': out->append("\\t"); break;
+      case '\n': out->append("\\n"); break;
+      case '\r': out->append("\\r"); break;
+      case '\\': out->append("\\\\"); break;
+      case '=':
+        if (name) {
+          out->append("\\=");
+          break;
+        }
+        out->push('=');
+        break;
+      default: out->push(*p);
     }
   }
-  return out;
 }
 
-bool unescape_field(const std::string& text, std::string* out,
-                    std::string* bad) {
-  out->clear();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\') {
-      *out += text[i];
+bool unescape_field(const char* field, std::size_t n, text* out, text* bad) {
+  for (std::size_t i = 0; i < n; ++i) {
+    if (field[i] != '\\') {
+      out->push(field[i]);
       continue;
     }
-    const char next = i + 1 < text.size() ? text[i + 1] : '\0';
+    const char next = i + 1 < n ? field[i + 1] : '\0';
     switch (next) {
-      case 't': *out += '\t'; break;
-      case 'n': *out += '\n'; break;
-      case 'r': *out += '\r'; break;
-      case '\\': *out += '\\'; break;
+      case 't': out->push('\t'); break;
+      case 'n': out->push('\n'); break;
+      case 'r': out->push('\r'); break;
+      case '\\': out->push('\\'); break;
+      case '=': out->push('='); break;
       default:
-        *bad = text.substr(i, next != '\0' ? 2 : 1);
+        bad->clear();
+        bad->append(field + i, next != '\0' ? 2 : 1);
         return false;
     }
     ++i;
@@ -240,38 +323,76 @@ bool unescape_field(const std::string& text, std::string* out,
   return true;
 }
 
-std::string absolute_path(const std::string& path) {
-  std::string joined = path;
-  if (path.empty() || path[0] != '/') {
-    std::vector<char> cwd(4096);
-    if (getcwd(cwd.data(), cwd.size()) == nullptr) return path;
-    joined = std::string(cwd.data()) + "/" + path;
-  }
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start <= joined.size()) {
-    std::size_t end = joined.find('/', start);
-    if (end == std::string::npos) end = joined.size();
-    const std::string part = joined.substr(start, end - start);
-    if (part == "..") {
-      if (!parts.empty()) parts.pop_back();
-    } else if (!part.empty() && part != ".") {
-      parts.push_back(part);
+void json_string(const char* value, text* out) {
+  out->push('"');
+  const unsigned char* s = reinterpret_cast<const unsigned char*>(value);
+  while (*s != '\0') {
+    const unsigned char c = *s;
+    if (c == '"' || c == '\\') {
+      out->push('\\').push(static_cast<char>(c));
+    } else if (c == '\n') {
+      out->append("\\n");
+    } else if (c == '\t') {
+      out->append("\\t");
+    } else if (c == '\r') {
+      out->append("\\r");
+    } else if (c < 0x20 || c == 0x7f) {
+      out->appendf("\\u%04x", c);
+    } else if (c < 0x80) {
+      out->push(static_cast<char>(c));
+    } else if (const std::size_t n = utf8_length(s)) {
+      out->append(reinterpret_cast<const char*>(s), n);
+      s += n;
+      continue;
+    } else {
+      out->appendf("\\udc%02x", c);
     }
-    start = end + 1;
+    ++s;
   }
-  std::string result;
-  for (const std::string& part : parts) result += "/" + part;
-  return result.empty() ? "/" : result;
+  out->push('"');
 }
 
-bool split_assignment(const std::string& text, std::string* name,
-                      std::string* value) {
-  const std::size_t eq = text.find('=');
-  if (eq == std::string::npos || eq == 0) return false;
-  *name = text.substr(0, eq);
-  *value = text.substr(eq + 1);
-  return true;
+tevul::bulk_ptr open_bulk() {
+  tevul::bulk_ptr ctx(tevu_bulk_init());
+  if (!ctx) report_not_mounted();
+  return ctx;
+}
+
+bool commit_file(tevul::bulk_ptr& ctx, const char* where) {
+  tevu_bulk_commit(ctx.get());
+  const int error = tevu_bulk_error(ctx.get());
+  if (error <= 0) return true;
+  reportf({where}, "tags not stored: %s", errno_reason(error));
+  ctx.reset(tevu_bulk_init());
+  return false;
+}
+
+const char* bulk_reason(int result, const char* name, text* scratch) {
+  if (result == -ENAMETOOLONG || result == -EFBIG) {
+    read_limits();
+    const bool is_name = result == -ENAMETOOLONG;
+    const int limit = is_name ? g_name_max : g_value_max;
+    scratch->clear();
+    scratch->append(is_name ? "tag name too long" : "tag value too long");
+    if (limit <= 0) {
+      scratch->append(" (the tag file system publishes no limit)");
+    } else {
+      scratch->appendf(" (limit %d)", limit - 1);
+    }
+    return scratch->c_str();
+  }
+  if (result == -1) return "tag database not available";
+  if (strchr(name, '"') != nullptr) return "tag name holds a double quote";
+  if (result == 1) return "tag database statement failed";
+  scratch->clear();
+  scratch->appendf("tag database failed: %s", errno_reason(result));
+  return scratch->c_str();
+}
+
+const char* setpath_reason(const char* path) {
+  struct stat st;
+  if (stat(path, &st) != 0) return errno_reason(errno);
+  return "file is not on a tagged volume";
 }
 
 double now_seconds() {

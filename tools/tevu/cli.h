@@ -2,30 +2,35 @@
 //
 // Every command is a function taking its own argument vector (argv[0] is
 // "tevu COMMAND") and returning the process's exit status. Commands use only
-// the library's public functions, except `list`, which reads the tag
-// directory that the daemon shows under the mount.
+// the library's public functions, except where they read what the daemon
+// shows under the mount (`list -m`, `view list`, `view show`). Like the
+// library, the tool needs no C++ runtime: no exceptions, no RTTI, no
+// standard containers or strings; text that grows lives in tevul::text, the
+// library's own growable buffer, compiled into the tool too.
 #ifndef TEVU_CLI_H
 #define TEVU_CLI_H
 
 #include <getopt.h>
-#include <stdlib.h>
+#include <stddef.h>
 
+#include <initializer_list>
+
+#include "common.h"
 #include "tevul.h"
-
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace tevu_cli {
 
+using tevul::array;
+using tevul::text;
+
 // Exit statuses, stable for scripts.
 enum Exit {
-  kExitOk = 0,          // everything asked for was done
-  kExitFailed = 1,      // at least one file or tag failed (each was reported)
-  kExitUsage = 2,       // unknown command, bad option or missing argument
-  kExitNotMounted = 3,  // the tag file system is not mounted
-  kExitNotFound = 4,    // get: the tag is not set; find: no file has the value
+  kExitOk = 0,             // everything asked for was done
+  kExitFailed = 1,         // something failed (each failure was reported)
+  kExitUsage = 2,          // unknown command, bad option or argument
+  kExitNotMounted = 3,     // the tag file system is not mounted
+  kExitNotFound = 4,       // get: a tag is not set; find, rename, del
+                           // --all, deleted: nothing carries it
   kExitInterrupted = 130,  // import: stopped by an interrupt (128 + SIGINT)
 };
 
@@ -37,89 +42,84 @@ struct Command {
   int (*run)(int argc, char** argv);
 };
 
-// Memory from malloc() (or getdelim()), released with free().
-struct free_deleter {
-  void operator()(void* p) const { free(p); }
-};
-using malloc_ptr = std::unique_ptr<char, free_deleter>;
-
-// A bulk context released (and committed) with tevu_bulk_fini().
-struct bulk_fini {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_fini>;
-
-// A bulk context for a command, or NULL after reporting that the tag file
-// system is not mounted.
-bulk_ptr open_bulk();
-
-// Commits the current file of `ctx` and tells whether its tags reached the
-// database (the library reports a refused COMMIT only through
-// tevu_bulk_error()). When they did not, reports it for `where` and gives
-// `ctx` a fresh context, since a context keeps its first error and the next
-// file's fate must be told apart; `ctx` is empty when no context can be had.
-// `before_report`, when given, runs before the report is printed.
-bool commit_file(bulk_ptr& ctx, const std::vector<std::string>& where,
-                 const std::function<void()>& before_report = nullptr);
-
-// Removes each tag of `names` from every file of every volume that carries
-// it (`tevu del --all`); reports the count of each. Returns the exit status.
-int delete_everywhere(const std::vector<std::string>& names);
-
 // The command table, in the order of `tevu --help`.
-const std::vector<Command>& commands();
+extern const Command kCommands[];
+extern const std::size_t kCommandCount;
 
-// The commands, one per file of this directory.
+// The commands, one group per file of this directory.
 int cmd_set(int argc, char** argv);
 int cmd_get(int argc, char** argv);
 int cmd_list(int argc, char** argv);
 int cmd_del(int argc, char** argv);
 int cmd_find(int argc, char** argv);
+int cmd_tags(int argc, char** argv);
+int cmd_values(int argc, char** argv);
+int cmd_rename(int argc, char** argv);
 int cmd_import(int argc, char** argv);
+int cmd_export(int argc, char** argv);
 int cmd_deleted(int argc, char** argv);
 int cmd_moved(int argc, char** argv);
 int cmd_cleanup(int argc, char** argv);
-int cmd_rename(int argc, char** argv);
-int cmd_export(int argc, char** argv);
 int cmd_view(int argc, char** argv);
 int cmd_limits(int argc, char** argv);
+// `tevu del --all NAME...`, given the names.
+int delete_everywhere(const char* command, char** names, int count, bool dry_run);
+
+// ---------------------------------------------------------------------------
+// Options.
+
+// Receives each option character and its argument (NULL when it takes
+// none); returns false after reporting a bad value.
+typedef bool (*option_fn)(void* user, int c, const char* arg);
 
 // Parses the options of a command with getopt_long. `shortopts` must not
 // name 'h'; -h and --help are added here and print the command's help.
-// `on_option` receives each option character and its argument (NULL when it
-// takes none) and returns false to reject it. Returns -1 when parsing may
-// go on with the operands from `optind`, otherwise the exit status to return
-// (kExitOk after --help, kExitUsage after a bad option).
-int parse_options(int argc, char** argv, const std::string& shortopts,
-                  std::vector<option> longopts,
-                  const std::function<bool(int, const char*)>& on_option);
+// `longopts` ends with a zero entry. Returns -1 when parsing may go on with
+// the operands from `optind`, otherwise the exit status to return (kExitOk
+// after --help, kExitUsage after a bad option).
+int parse_options(int argc, char** argv, const char* shortopts,
+                  const option* longopts, option_fn on_option, void* user);
 
-// parse_options() for a command whose only option is -0/--null.
-int parse_null_option(int argc, char** argv, bool* nul);
+// Sets the bool that `user` points at; an option_fn for commands whose
+// options are all flags, told apart by their own tables.
+struct flag {
+  int c;
+  bool* value;
+};
+// An option_fn over a table of flags ended by {0, nullptr}.
+bool set_flag(void* flags, int c, const char* arg);
 
-// Calls `handler` on SIGINT and SIGTERM (interrupted calls are not
-// restarted).
-void catch_interrupts(void (*handler)(int));
-
-// Prints the help of the named command on standard output.
+// Prints the help of the named command on standard output (the overview
+// for an unknown name).
 void print_help(const char* command);
 
+// ---------------------------------------------------------------------------
+// Messages and records.
+
 // Reports one failure on standard error as a single line
-// "tevu: PART: PART: REASON". Empty parts are left out.
-void report(const std::vector<std::string>& parts, const std::string& reason);
+// "tevu: PART: PART: REASON". NULL and empty parts are left out.
+void report(std::initializer_list<const char*> parts, const char* reason);
+__attribute__((format(printf, 2, 3))) void reportf(
+    std::initializer_list<const char*> parts, const char* format, ...);
 
-// Reports a usage error of `command` and points to its help. Returns
-// kExitUsage.
-int usage_error(const char* command, const std::string& what);
+// Reports a usage error of `command` ("tevu" or "tevu NAME") and points to
+// its help. Returns kExitUsage.
+__attribute__((format(printf, 2, 3))) int usage_error(const char* command,
+                                                      const char* format, ...);
 
-// Writes one record of output for scripts: `text` followed by a line feed,
-// or by a NUL byte when `nul` is set.
-void emit(const std::string& text, bool nul);
+// Writes one record of output for scripts: `n` bytes of `text` followed by
+// a line feed, or by a NUL byte when `nul` is set.
+void emit(const char* text, std::size_t n, bool nul);
+inline void emit(const text& t, bool nul) { emit(t.c_str(), t.size(), nul); }
 
-// Reports each volume that the last read-only query of the library could not
-// read (tevu_query_failure()), one line each. Returns true when there was
-// one.
-bool report_unread_volumes();
+// The closing count line of a command that changes tags, on standard error:
+// "tevu: COMMAND: N files, M tags, K failures" (files counted once), with
+// " (dry run: nothing changed)" after a dry run.
+void summary(const char* command, unsigned long files, unsigned long tags,
+             unsigned long failures, bool dry_run);
+
+// Appends `n` with the noun that fits it: "1 file", "2 files".
+void counted(text* out, unsigned long n, const char* one, const char* many);
 
 // Reports that the tag file system is not mounted; returns kExitNotMounted.
 int report_not_mounted();
@@ -127,54 +127,81 @@ int report_not_mounted();
 // True when the library finds the tag file system mounted.
 bool tag_fs_mounted();
 
-// The reason in words for a result of the bulk tag functions, for tag
-// `name` (the library's negated ENAMETOOLONG and EFBIG, -1, or a positive
-// result of the database layer).
-std::string bulk_reason(int result, const std::string& name);
+// Reports each volume that the library's last query or change could not
+// read (tevu_query_failure()), one line each. Returns true when there was
+// one.
+bool report_unread_volumes();
 
-// The reason why `value` cannot be stored as it is, or "" when it can: the
-// tag database strips every backslash from a stored value, so a value
-// holding one is refused unless `strip` allows the loss.
-std::string backslash_refusal(const std::string& value, bool strip);
+// The reason in words for a positive errno value.
+const char* errno_reason(int error);
+
+// ---------------------------------------------------------------------------
+// Tag names, values, paths.
+
+// Why `name`, given by the user, cannot be a tag name, or NULL when it can:
+// empty; holding "/", "=", a double quote or a control character; a blank at
+// either end; "." or ".."; longer than the smaller of the published limit
+// and what the tag database can hold. The reason is a static text or is
+// built in `scratch`.
+const char* name_refusal(const char* name, text* scratch);
+
+// Why `name`, restored from an export, cannot be stored: only what the
+// database cannot hold (a double quote, a length beyond the limits).
+const char* restore_refusal(const char* name, text* scratch);
+
+// Why `value` cannot be stored under tag `name` as it is, or NULL: longer
+// than the published value limit or than the database's update statement
+// holds beside the name, or holding a backslash (the database strips
+// backslashes) unless `strip`.
+const char* value_refusal(const char* name, const char* value, bool strip,
+                          text* scratch);
 
 // The option --strip-backslashes, as the commands that store values take it.
 constexpr int kStripOption = 0x100;
-extern const char kStripOptionName[];
 
-// The reason for a failed tevu_bulk_setpath() on `path`: "no such file"
-// when it does not exist, otherwise "file is not on a tagged volume".
-std::string setpath_reason(const std::string& path);
+// `arg` made canonical against the disk into `out` (tevul::kPathSize
+// bytes): realpath() for a path that exists; for one that does not, its
+// existing parent made canonical and the last component kept, so that
+// ".." and "." never reach past what the disk shows. Returns 0, or an errno
+// (EINVAL for an empty path, or a missing path ending in "." or "..").
+int disk_path(const char* arg, char* out);
 
-// The reason for a positive errno value.
-std::string errno_reason(int error);
+// True when `path` exists (a dangling link counts: lstat()).
+bool exists(const char* path);
 
-// `n` with the noun that fits it: counted(1, "file", "files") is "1 file".
-std::string counted(unsigned long n, const char* one, const char* many);
+// Appends a field of the import and export records with its TAB, line
+// feed, carriage return and backslash written as "\t", "\n", "\r" and
+// "\\" (and, in a name, "=" as "\="), so that a record is one line and a
+// name's "=" never ends it.
+void escape_field(const char* field, bool name, text* out);
 
-// The mount point of the tag file system as the library finds it; "" when
-// there is none.
-std::string mount_point();
+// The reverse of escape_field(): appends the field's bytes to `out`.
+// Returns false, with the offending escape in `bad`, for a backslash
+// followed by anything else or by nothing.
+bool unescape_field(const char* field, std::size_t n, text* out, text* bad);
 
-// A field of the import and export records with its TAB, line feed,
-// carriage return and backslash written as "\t", "\n", "\r" and "\\", so
-// that a record is one line whatever its values hold.
-std::string escape_field(const std::string& text);
+// Appends `value` as a JSON string: quotes, backslashes and control
+// characters escaped; bytes that are not valid UTF-8 written as "\udcXX"
+// (XX the byte), as Python's "surrogateescape" does, so that every string
+// is valid JSON and `tevu import --json` gets the bytes back.
+void json_string(const char* value, text* out);
 
-// The reverse of escape_field(). Returns false, with the offending escape
-// in *bad, for a backslash followed by anything else or by nothing.
-bool unescape_field(const std::string& text, std::string* out,
-                    std::string* bad);
+// A bulk context for a command, or none after reporting that the tag file
+// system is not mounted.
+tevul::bulk_ptr open_bulk();
 
-// `path` made absolute against the working directory without touching the
-// file system beyond getcwd(): ".", ".." and repeated slashes are resolved
-// by their text, and a trailing slash is dropped. For paths of files that
-// may be gone already.
-std::string absolute_path(const std::string& path);
+// Commits the current file of `ctx` and tells whether its tags reached the
+// database (the library reports a refused COMMIT only through
+// tevu_bulk_error()). When they did not, reports it for `where` and gives
+// `ctx` a fresh context, since a context keeps its first error; `ctx` is
+// empty when no context can be had.
+bool commit_file(tevul::bulk_ptr& ctx, const char* where);
 
-// Splits "NAME=VALUE" at its first "=". Returns false when there is no "="
-// or the name is empty.
-bool split_assignment(const std::string& text, std::string* name,
-                      std::string* value);
+// The reason for a result of the bulk tag functions for tag `name`.
+const char* bulk_reason(int result, const char* name, text* scratch);
+
+// The reason for a failed tevu_bulk_setpath() on `path`.
+const char* setpath_reason(const char* path);
 
 // Seconds since an arbitrary fixed point, from the monotonic clock.
 double now_seconds();

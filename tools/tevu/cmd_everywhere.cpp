@@ -1,167 +1,180 @@
 // The commands of `tevu` that change one tag on every file of every volume:
-// del --all and rename.
+// del --all and rename. Both work on the databases alone, through the
+// library's changes everywhere: files that vanished from the disk are
+// included (their rows go with `tevu cleanup`), every volume is read
+// before anything changes, and each volume changes in a checked
+// transaction of its own.
 #include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <strings.h>
 
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "cli.h"
-#include "tevul.h"
 
 namespace tevu_cli {
 
 namespace {
 
-// Collects, through the tag columns' indexes and without a write lock, the
-// files on every volume that carry tag `name` (letter case ignored, as the
-// columns are named). Reports a failure for `where` and returns its exit
-// status, or -1 when the search went through.
-int find_carriers(const std::string& name, const std::vector<std::string>& where,
-                  std::vector<std::string>* found) {
-  const int rc = tevu_find_files(
-      name.c_str(), nullptr,
-      [](void* user, const char* path) {
-        static_cast<std::vector<std::string>*>(user)->push_back(path);
-        return 0;
-      },
-      found);
-  if (rc == 0) return -1;
-  if (!tag_fs_mounted()) return report_not_mounted();
-  // A volume that cannot be read is named, and nothing is changed: the tag
-  // would stay there.
-  if (!report_unread_volumes()) {
-    report(where, rc == EINVAL ? "tag name contains a double quote"
-                               : "tag database could not be read: " + errno_reason(rc));
-  }
-  return kExitFailed;
-}
+// The files that carry a tag, as tevu_find_files() hands them.
+struct Carriers {
+  text arena;
+  array<std::size_t> offsets;
+  array<const char*> sorted;
 
-// Applies `change` to the file of every carrier through one bulk context,
-// each file in a transaction of its own: committed when `change` returns
-// true, rolled back otherwise (it reports why). Returns the number of
-// files changed; sets *failed when any file failed. A file that vanished
-// keeps its row: only `tevu cleanup` may drop it.
-unsigned long change_each(
-    const std::vector<std::string>& carriers,
-    const std::function<bool(tevu_bulk_ctx*, const std::string&)>& change,
-    bool* failed) {
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) {
-    *failed = true;
+  static int add(void* user, const char* path) {
+    Carriers* c = static_cast<Carriers*>(user);
+    c->offsets.push(c->arena.size());
+    c->arena.append(path).push('\0');
     return 0;
   }
-  unsigned long changed = 0;
-  for (const std::string& carrier : carriers) {
-    if (tevu_bulk_setpath(ctx.get(), carrier.c_str()) != 0) {
-      const std::string reason = setpath_reason(carrier);
-      report({carrier}, reason == errno_reason(ENOENT)
-                                 ? reason + " (its tags stay until 'tevu cleanup')"
-                                 : reason);
-      *failed = true;
-      continue;
-    }
-    if (!change(ctx.get(), carrier)) {
-      tevu_bulk_rollback(ctx.get());
-      *failed = true;
-      continue;
-    }
-    if (!commit_file(ctx, {carrier})) {
-      *failed = true;
-      if (!ctx) {
-        report_not_mounted();
-        break;
-      }
-      continue;
-    }
-    ++changed;
+  static int compare(const void* a, const void* b) {
+    return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
   }
-  return changed;
+  // Sorts the paths, for has().
+  void sort() {
+    sorted.clear();
+    for (std::size_t i = 0; i < offsets.size(); ++i) sorted.push(arena.c_str() + offsets[i]);
+    qsort(sorted.data(), sorted.size(), sizeof(const char*), compare);
+  }
+  bool has(const char* path) const {
+    return bsearch(&path, sorted.data(), sorted.size(), sizeof(const char*), compare) != nullptr;
+  }
+};
+
+// Collects the carriers of tag `name`; reports a failure for `where`.
+bool find_carriers(const char* name, Carriers* out) {
+  const int rc = tevu_find_files(name, nullptr, Carriers::add, out);
+  if (rc == 0) return true;
+  if (!report_unread_volumes()) {
+    reportf({name}, "tag database could not be read: %s", errno_reason(rc));
+  }
+  return false;
+}
+
+struct Options {
+  bool dry_run = false, merge = false;
+};
+
+bool everywhere_option(void* user, int c, const char*) {
+  Options* o = static_cast<Options*>(user);
+  if (c == 'n') o->dry_run = true;
+  if (c == 'm') o->merge = true;
+  return true;
 }
 
 }  // namespace
 
-int delete_everywhere(const std::vector<std::string>& names) {
-  bool failed = false;
-  for (const std::string& name : names) {
-    std::vector<std::string> carriers;
-    const int status = find_carriers(name, {"del", name}, &carriers);
-    if (status == kExitNotMounted) return status;
-    if (status >= 0) {
-      failed = true;
+int delete_everywhere(const char* command, char** names, int count, bool dry_run) {
+  if (!tag_fs_mounted()) return report_not_mounted();
+  unsigned long files = 0, failures = 0;
+  bool nothing = false;
+  for (int i = 0; i < count; ++i) {
+    const char* name = names[i];
+    unsigned long removed = 0;
+    if (dry_run) {
+      Carriers carriers;
+      if (!find_carriers(name, &carriers)) {
+        ++failures;
+        continue;
+      }
+      for (std::size_t k = 0; k < carriers.offsets.size(); ++k) {
+        const char* path = carriers.arena.c_str() + carriers.offsets[k];
+        emit(path, strlen(path), false);
+      }
+      removed = carriers.offsets.size();
+    } else if (const int rc = tevu_delete_tag(name, &removed)) {
+      if (!report_unread_volumes()) reportf({name}, "not removed: %s", errno_reason(rc));
+      ++failures;
+      files += removed;
       continue;
     }
-    const unsigned long removed = change_each(
-        carriers,
-        [&name](tevu_bulk_ctx* ctx, const std::string& carrier) {
-          const int rc = tevu_bulk_deltag(ctx, name.c_str());
-          if (rc != 0) report({carrier, name}, bulk_reason(rc, name));
-          return rc == 0;
-        },
-        &failed);
-    report({"del", name}, "removed from " + counted(removed, "file", "files"));
+    if (removed == 0) {
+      report({name}, "no file has this tag");
+      nothing = true;
+    }
+    files += removed;
   }
-  return failed ? kExitFailed : kExitOk;
+  (void)command;
+  // A file is counted once per name it lost; each is one tag.
+  summary("del", files, files, failures, dry_run);
+  return failures > 0 ? kExitFailed : nothing ? kExitNotFound : kExitOk;
 }
 
 int cmd_rename(int argc, char** argv) {
-  bool strip = false;
-  const int status = parse_options(
-      argc, argv, "", {{kStripOptionName, no_argument, nullptr, kStripOption}},
-      [&strip](int, const char*) { return strip = true; });
+  Options o;
+  static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
+                                    {"merge", no_argument, nullptr, 'm'},
+                                    {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "n", kOptions, everywhere_option, &o);
   if (status >= 0) return status;
   if (argc - optind != 2) return usage_error(argv[0], "expected OLD NEW");
-  const std::string from = argv[optind];
-  const std::string to = argv[optind + 1];
-  if (from.empty() || to.empty()) return usage_error(argv[0], "empty tag name");
-  // Both would name one column: setting NEW and removing OLD would lose it.
-  if (strcasecmp(from.c_str(), to.c_str()) == 0) {
-    return usage_error(argv[0],
-                       "OLD and NEW differ only in letter case, which tag "
-                       "names do not tell apart");
+  const char* from = argv[optind];
+  const char* to = argv[optind + 1];
+  text scratch;
+  // OLD may be any name a database holds; NEW must be a good one.
+  if (const char* refusal = restore_refusal(from, &scratch)) {
+    return usage_error(argv[0], "%s: %s", from, refusal);
   }
-  const std::vector<std::string> where = {"rename", from, to};
-  std::vector<std::string> carriers;
-  const int found = find_carriers(from, where, &carriers);
-  if (found >= 0) return found;
-  if (carriers.empty()) {
-    report(where, "no file has this tag");
+  if (const char* refusal = name_refusal(to, &scratch)) {
+    return usage_error(argv[0], "%s: %s", to, refusal);
+  }
+  // Both would name one column: setting NEW and removing OLD would lose it.
+  if (strcasecmp(from, to) == 0) {
+    return usage_error(argv[0], "OLD and NEW differ only in letter case, which tag names "
+                       "do not tell apart");
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  unsigned long renamed = 0, kept = 0;
+  if (o.dry_run) {
+    Carriers old_carriers, new_carriers;
+    if (!find_carriers(from, &old_carriers) || !find_carriers(to, &new_carriers)) {
+      return kExitFailed;
+    }
+    new_carriers.sort();
+    for (std::size_t k = 0; k < old_carriers.offsets.size(); ++k) {
+      const char* path = old_carriers.arena.c_str() + old_carriers.offsets[k];
+      if (new_carriers.has(path)) {
+        ++kept;
+        continue;
+      }
+      emit(path, strlen(path), false);
+      ++renamed;
+    }
+  } else {
+    const int rc = tevu_rename_tag(from, to, o.merge ? 1 : 0, &renamed, &kept);
+    if (rc == EEXIST) {
+      reportf({"rename", from, to},
+              "%lu file%s carr%s both: nothing renamed ('--merge' renames the others "
+              "and leaves both on those)",
+              kept, kept == 1 ? "" : "s", kept == 1 ? "ies" : "y");
+      summary("rename", 0, 0, 1, false);
+      return kExitFailed;
+    }
+    if (rc != 0) {
+      if (!report_unread_volumes()) {
+        reportf({"rename", from, to}, "not renamed: %s", errno_reason(rc));
+      }
+      summary("rename", renamed, renamed, 1, false);
+      return kExitFailed;
+    }
+  }
+  if (renamed == 0 && kept == 0) {
+    report({"rename", from}, "no file has this tag");
     return kExitNotFound;
   }
-
-  // Room for any value the database format can store (its statement buffer
-  // holds far less), and for older values up to this size.
-  std::vector<char> value(4096 + 1);
-  bool failed = false;
-  const unsigned long renamed = change_each(
-      carriers,
-      [&](tevu_bulk_ctx* ctx, const std::string& carrier) {
-        // Read inside the file's own transaction: the value renamed is the
-        // value stored now.
-        if (tevu_bulk_gettag(ctx, from.c_str(), value.data(),
-                             static_cast<unsigned int>(value.size())) != 0) {
-          report({carrier, from}, "value not readable (gone, or longer than " +
-                                      std::to_string(value.size() - 1) + " bytes)");
-          return false;
-        }
-        const std::string refusal = backslash_refusal(value.data(), strip);
-        if (!refusal.empty()) {
-          report({carrier, from}, refusal);
-          return false;
-        }
-        int rc = tevu_bulk_settag(ctx, to.c_str(), value.data());
-        if (rc != 0) {
-          report({carrier, to}, bulk_reason(rc, to));
-          return false;
-        }
-        rc = tevu_bulk_deltag(ctx, from.c_str());
-        if (rc != 0) report({carrier, from}, bulk_reason(rc, from));
-        return rc == 0;
-      },
-      &failed);
-  report(where, "renamed on " + counted(renamed, "file", "files"));
-  return failed ? kExitFailed : kExitOk;
+  if (kept > 0) {
+    reportf({"rename", from, to}, "%lu file%s carr%s both and keep%s both%s", kept,
+            kept == 1 ? "" : "s", kept == 1 ? "ies" : "y", kept == 1 ? "s" : "",
+            o.merge || o.dry_run ? "" : "");
+    if (o.dry_run && !o.merge) {
+      summary("rename", renamed, renamed, 0, true);
+      report({"rename"}, "without --merge nothing would be renamed");
+      return kExitFailed;
+    }
+  }
+  summary("rename", renamed, renamed, 0, o.dry_run);
+  return kExitOk;
 }
 
 }  // namespace tevu_cli

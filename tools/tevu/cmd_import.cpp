@@ -1,24 +1,17 @@
 // `tevu import` and `tevu export`: tags of many files as records, one file
-// per line, "PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]", each field escaped
-// by escape_field() (see cli.h) so that values may hold any byte but NUL.
+// per line, "PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]", each field escaped by
+// escape_field() (see cli.h) so that values may hold any byte but NUL, or as
+// JSON lines.
+#include <errno.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <errno.h>
-
-#include <algorithm>
-#include <cstring>
-#include <deque>
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "cli.h"
-#include "tevul.h"
 
 namespace tevu_cli {
 
@@ -28,21 +21,16 @@ volatile sig_atomic_t g_interrupted = 0;
 
 void on_interrupt(int) { g_interrupted = 1; }
 
-struct Totals {
-  unsigned long files = 0;
-  unsigned long tags = 0;
-  unsigned long failures = 0;
-};
-
 // The records left to read on standard input when it is a regular file
 // (read from its current offset without moving it), or 0 when unknown.
+// Comment lines are no records.
 unsigned long count_records(int delimiter) {
   struct stat st;
   if (fstat(STDIN_FILENO, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
   off_t at = lseek(STDIN_FILENO, 0, SEEK_CUR);
   if (at < 0) return 0;
   unsigned long records = 0;
-  bool open_record = false;
+  bool open_record = false, comment = false;
   char buf[65536];
   for (;;) {
     const ssize_t n = pread(STDIN_FILENO, buf, sizeof buf, at);
@@ -50,21 +38,22 @@ unsigned long count_records(int delimiter) {
     at += n;
     for (ssize_t i = 0; i < n; ++i) {
       if (buf[i] == delimiter) {
-        records += open_record ? 1 : 0;
-        open_record = false;
+        records += open_record && !comment ? 1 : 0;
+        open_record = comment = false;
       } else {
+        if (!open_record) comment = delimiter == '\n' && buf[i] == '#';
         open_record = true;
       }
     }
   }
-  return records + (open_record ? 1 : 0);
+  return records + (open_record && !comment ? 1 : 0);
 }
 
-// The progress line on standard error: files done, rate, and, when the
+// The progress line on standard error: records done, rate, and, when the
 // number of records is known (standard input is a file), done/total, the
 // percentage and the time left. The time left is the records still to come
-// at the rate of the last few seconds: each file costs a little more as
-// the database grows, so the rate since the start would promise too much.
+// at the rate of the last few seconds: each file costs a little more as the
+// database grows, so the rate since the start would promise too much.
 class Progress {
  public:
   Progress(bool enabled, unsigned long total)
@@ -72,46 +61,54 @@ class Progress {
 
   double elapsed() const { return now_seconds() - start_; }
 
-  // Called after each record (`records` of them read, `files` stored);
-  // redraws at most four times a second.
+  // Called after each record; redraws at most four times a second.
   void update(unsigned long records, unsigned long files) {
     if (!enabled_) return;
     const double now = now_seconds();
     if (now - last_draw_ < 0.25) return;
     last_draw_ = now;
-    samples_.push_back({now, records});
-    while (samples_.size() > 2 && now - samples_[1].at >= kWindow) {
-      samples_.pop_front();
+    samples_[next_ % kSamples] = Sample{now, records};
+    ++next_;
+    // The oldest sample no older than the window, in the ring.
+    const Sample* from = nullptr;
+    for (unsigned i = next_ > kSamples ? next_ - kSamples : 0; i + 1 < next_; ++i) {
+      const Sample& s = samples_[i % kSamples];
+      if (now - s.at <= kWindow) {
+        from = &s;
+        break;
+      }
     }
     const double seconds = now - start_;
-    std::string line = "\rtevu: import: " + counted(files, "file", "files");
-    char numbers[128];
+    text line;
+    line.append("\rtevu: import: ");
+    counted(&line, files, "file", "files");
     if (total_ > 0) {
-      const unsigned long done = std::min(records, total_);
-      // Until a second sample exists, the rate since the start.
-      const Sample& from = samples_.size() > 1 ? samples_.front() : Sample{start_, 0};
-      const double rate = (done - std::min(done, from.records)) / (now - from.at);
+      const unsigned long done = records < total_ ? records : total_;
+      const Sample since = from != nullptr ? *from : Sample{start_, 0};
+      const double rate =
+          (done - (since.records < done ? since.records : done)) / (now - since.at);
       const double left = rate > 0 ? (total_ - done) / rate : 0;
-      std::snprintf(numbers, sizeof numbers,
-                    " (%lu/%lu records, %lu%%), %.0f files/s, %.*f s left", done,
-                    total_, done * 100 / total_, files / seconds,
-                    left < 10 ? 1 : 0, left);
+      line.appendf(" (%lu/%lu records, %lu%%), %.0f files/s, %.*f s left", done, total_,
+                   done * 100 / total_, files / seconds, left < 10 ? 1 : 0, left);
     } else {
-      std::snprintf(numbers, sizeof numbers, ", %.0f files/s", files / seconds);
+      line.appendf(", %.0f files/s", files / seconds);
     }
-    std::fputs((line + numbers + "\033[K").c_str(), stderr);
+    line.append("\033[K");
+    fputs(line.c_str(), stderr);
     drawn_ = true;
   }
 
   // Removes the progress line before anything else is printed.
   void clear() {
-    if (drawn_) std::fputs("\r\033[K", stderr);
+    if (drawn_) fputs("\r\033[K", stderr);
     drawn_ = false;
   }
 
  private:
-  // How far back the rate of the time left looks, in seconds.
+  // How far back the rate of the time left looks, in seconds, and the
+  // samples kept for it (four a second).
   static constexpr double kWindow = 5;
+  static constexpr unsigned kSamples = 32;
   struct Sample {
     double at;
     unsigned long records;
@@ -120,258 +117,499 @@ class Progress {
   unsigned long total_;
   double start_;
   double last_draw_ = 0;
-  std::deque<Sample> samples_;
+  Sample samples_[kSamples];
+  unsigned next_ = 0;
   bool drawn_ = false;
 };
 
-std::vector<std::string> split_fields(const std::string& record) {
-  std::vector<std::string> fields;
-  std::size_t start = 0;
-  for (;;) {
-    const std::size_t tab = record.find('\t', start);
-    fields.push_back(record.substr(start, tab - start));
-    if (tab == std::string::npos) return fields;
-    start = tab + 1;
+// The paths imported so far, to count each file once however many records
+// name it: a set of their hashes (a collision would count a file too few).
+class PathSet {
+ public:
+  ~PathSet() { free(slots_); }
+  // Adds `path`; true when it was not there yet.
+  bool add(const char* path) {
+    uint64_t hash = 1469598103934665603ull;
+    for (const char* p = path; *p != '\0'; ++p) {
+      hash = (hash ^ static_cast<unsigned char>(*p)) * 1099511628211ull;
+    }
+    if (hash == 0) hash = 1;
+    if (2 * (size_ + 1) > capacity_ && !grow()) return true;
+    for (std::size_t i = hash & (capacity_ - 1);; i = (i + 1) & (capacity_ - 1)) {
+      if (slots_[i] == hash) return false;
+      if (slots_[i] == 0) {
+        slots_[i] = hash;
+        ++size_;
+        return true;
+      }
+    }
   }
-}
 
-// Reports one failure of a record, after clearing the progress line.
-using FailFn = std::function<void(const std::vector<std::string>&,
-                                  const std::string&)>;
+ private:
+  bool grow() {
+    const std::size_t capacity = capacity_ == 0 ? 1024 : 2 * capacity_;
+    uint64_t* slots = static_cast<uint64_t*>(calloc(capacity, sizeof(uint64_t)));
+    if (slots == nullptr) return false;
+    for (std::size_t i = 0; i < capacity_; ++i) {
+      if (slots_[i] == 0) continue;
+      std::size_t j = slots_[i] & (capacity - 1);
+      while (slots[j] != 0) j = (j + 1) & (capacity - 1);
+      slots[j] = slots_[i];
+    }
+    free(slots_);
+    slots_ = slots;
+    capacity_ = capacity;
+    return true;
+  }
+  uint64_t* slots_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
 
-constexpr char kKnownEscapes[] = " (known: \\t \\n \\r \\\\)";
+// One record, decoded: the path and the tags, each a terminated string.
+struct Record {
+  text path;
+  text arena;
+  array<std::size_t> offsets;  // per tag: name, value
+  std::size_t tags() const { return offsets.size() / 2; }
+  const char* name(std::size_t i) const { return arena.c_str() + offsets[2 * i]; }
+  const char* value(std::size_t i) const { return arena.c_str() + offsets[2 * i + 1]; }
+  void clear() {
+    path.clear();
+    arena.clear();
+    offsets.clear();
+  }
+};
 
-// The tags of one record, unescaped. Returns false after reporting the
-// first field that is not NAME=VALUE or holds a bad escape.
-bool parse_tags(const std::vector<std::string>& fields,
-                const std::vector<std::string>& where, const FailFn& fail,
-                std::vector<std::pair<std::string, std::string>>* tags) {
-  for (std::size_t i = 1; i < fields.size(); ++i) {
-    std::vector<std::string> at = where;
-    at.push_back(fields[i]);
-    std::string name, value, bad;
-    if (!split_assignment(fields[i], &name, &value)) {
-      fail(at, "malformed field (expected NAME=VALUE)");
+// What an import keeps across records.
+struct Import {
+  bool nul = false, quiet = false, dry_run = false, json = false, strip = false;
+  tevul::bulk_ptr ctx;
+  Progress* progress = nullptr;
+  PathSet seen;
+  unsigned long line = 0, files = 0, tags = 0, failures = 0;
+  char where[32];
+
+  void fail(const char* path, const char* field, const char* reason) {
+    progress->clear();
+    report({"import", where, path, field}, reason);
+    ++failures;
+  }
+};
+
+constexpr char kKnownEscapes[] = " (known: \\t \\n \\r \\\\ \\=)";
+
+// Decodes a text record into `r`. Returns false after reporting.
+bool decode_text(Import* im, const char* line, std::size_t len, Record* r) {
+  text bad, scratch;
+  const char* tab = static_cast<const char*>(memchr(line, '\t', len));
+  const std::size_t path_len = tab != nullptr ? static_cast<std::size_t>(tab - line) : len;
+  if (!unescape_field(line, path_len, &r->path, &bad)) {
+    scratch.append(line, path_len);
+    scratch.appendf(": bad escape '%s' in the path%s", bad.c_str(), kKnownEscapes);
+    im->fail(nullptr, nullptr, scratch.c_str());
+    return false;
+  }
+  if (r->path.empty()) {
+    im->fail(nullptr, nullptr, "malformed line (empty path)");
+    return false;
+  }
+  if (tab == nullptr) {
+    im->fail(r->path.c_str(), nullptr,
+             "malformed line (no tags: expected PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...])");
+    return false;
+  }
+  for (const char* field = tab + 1; field <= line + len;) {
+    const char* end = static_cast<const char*>(memchr(field, '\t', line + len - field));
+    if (end == nullptr) end = line + len;
+    text shown;
+    shown.append(field, static_cast<std::size_t>(end - field));
+    // The name ends at the first "=" that no backslash escapes.
+    const char* eq = nullptr;
+    for (const char* p = field; p < end && eq == nullptr; ++p) {
+      if (*p == '\\') {
+        ++p;
+      } else if (*p == '=') {
+        eq = p;
+      }
+    }
+    if (eq == nullptr || eq == field) {
+      im->fail(r->path.c_str(), shown.c_str(), "malformed field (expected NAME=VALUE)");
       return false;
     }
-    std::pair<std::string, std::string> tag;
-    if (!unescape_field(name, &tag.first, &bad) ||
-        !unescape_field(value, &tag.second, &bad)) {
-      fail(at, "bad escape '" + bad + "'" + kKnownEscapes);
+    r->offsets.push(r->arena.size());
+    if (!unescape_field(field, static_cast<std::size_t>(eq - field), &r->arena, &bad)) {
+      scratch.clear();
+      scratch.appendf("bad escape '%s'%s", bad.c_str(), kKnownEscapes);
+      im->fail(r->path.c_str(), shown.c_str(), scratch.c_str());
       return false;
     }
-    tags->push_back(tag);
+    r->arena.push('\0');
+    r->offsets.push(r->arena.size());
+    if (!unescape_field(eq + 1, static_cast<std::size_t>(end - eq - 1), &r->arena, &bad)) {
+      scratch.clear();
+      scratch.appendf("bad escape '%s'%s", bad.c_str(), kKnownEscapes);
+      im->fail(r->path.c_str(), shown.c_str(), scratch.c_str());
+      return false;
+    }
+    r->arena.push('\0');
+    field = end + 1;
   }
   return true;
 }
 
-// Imports one record; reports and counts its failures. A malformed record
-// sets nothing. The file is committed at once, so that its tags are
-// counted only once stored, and a later failing path never leaves it
-// pending.
-void import_record(bulk_ptr& ctx, const std::string& record,
-                   unsigned long line, bool strip, Totals* totals,
-                   Progress* progress) {
-  const FailFn fail = [&](const std::vector<std::string>& at,
-                          const std::string& reason) {
-    progress->clear();
-    report(at, reason);
-    ++totals->failures;
-  };
-  std::vector<std::string> at = {"import", "line " + std::to_string(line)};
-  const std::vector<std::string> fields = split_fields(record);
-  std::string path, bad;
-  if (!unescape_field(fields[0], &path, &bad)) {
-    at.push_back(fields[0]);
-    return fail(at, "bad escape '" + bad + "' in the path" + kKnownEscapes);
+// A JSON line as `tevu export --json` writes it.
+class JsonReader {
+ public:
+  JsonReader(const char* s, std::size_t n) : s_(s), end_(s + n) {}
+  std::size_t offset(const char* base) const { return static_cast<std::size_t>(at_ - base); }
+  const char* at() const { return at_; }
+
+  void blank() {
+    while (at_ < end_ && (*at_ == ' ' || *at_ == '\t' || *at_ == '\r' || *at_ == '\n')) ++at_;
   }
-  if (path.empty()) return fail(at, "malformed line (empty path)");
-  at.push_back(path);
-  if (fields.size() < 2) {
-    return fail(at, "malformed line (no tags: expected "
-                    "PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...])");
+  bool literal(char c) {
+    blank();
+    if (at_ >= end_ || *at_ != c) return false;
+    ++at_;
+    return true;
   }
-  std::vector<std::pair<std::string, std::string>> tags;
-  if (!parse_tags(fields, at, fail, &tags)) return;
-  if (tevu_bulk_setpath(ctx.get(), path.c_str()) != 0) {
-    return fail(at, setpath_reason(path));
+  // Reads a string into `out`: "\udcXX" gives back the byte XX.
+  bool string(text* out) {
+    blank();
+    if (at_ >= end_ || *at_ != '"') return false;
+    for (++at_; at_ < end_ && *at_ != '"'; ++at_) {
+      if (static_cast<unsigned char>(*at_) < 0x20) return false;
+      if (*at_ != '\\') {
+        out->push(*at_);
+        continue;
+      }
+      if (++at_ >= end_) return false;
+      switch (*at_) {
+        case '"': case '\\': case '/': out->push(*at_); break;
+        case 'b': out->push('\b'); break;
+        case 'f': out->push('\f'); break;
+        case 'n': out->push('\n'); break;
+        case 'r': out->push('\r'); break;
+        case 't': out->push('\t'); break;
+        case 'u': {
+          unsigned code = 0;
+          if (!hex4(&code)) return false;
+          if (code >= 0xDC80 && code <= 0xDCFF) {
+            out->push(static_cast<char>(code - 0xDC00));  // a raw byte
+            break;
+          }
+          if (code >= 0xD800 && code <= 0xDBFF) {
+            unsigned low = 0;
+            if (end_ - at_ < 7 || at_[1] != '\\' || at_[2] != 'u') return false;
+            at_ += 2;
+            if (!hex4(&low) || low < 0xDC00 || low > 0xDFFF) return false;
+            code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+          } else if (code >= 0xDC00 && code <= 0xDFFF) {
+            return false;
+          }
+          if (code == 0) return false;  // no NUL in a name or value
+          utf8(code, out);
+          break;
+        }
+        default:
+          return false;
+      }
+    }
+    if (at_ >= end_) return false;
+    ++at_;
+    return true;
+  }
+
+ private:
+  bool hex4(unsigned* code) {
+    if (end_ - at_ < 5) return false;
+    for (int i = 1; i <= 4; ++i) {
+      const char c = at_[i];
+      const int digit = c >= '0' && c <= '9' ? c - '0'
+                        : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                        : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                               : -1;
+      if (digit < 0) return false;
+      *code = *code * 16 + static_cast<unsigned>(digit);
+    }
+    at_ += 4;
+    return true;
+  }
+  static void utf8(unsigned code, text* out) {
+    if (code < 0x80) {
+      out->push(static_cast<char>(code));
+    } else if (code < 0x800) {
+      out->push(static_cast<char>(0xC0 | (code >> 6))).push(static_cast<char>(0x80 | (code & 0x3F)));
+    } else if (code < 0x10000) {
+      out->push(static_cast<char>(0xE0 | (code >> 12)))
+          .push(static_cast<char>(0x80 | ((code >> 6) & 0x3F)))
+          .push(static_cast<char>(0x80 | (code & 0x3F)));
+    } else {
+      out->push(static_cast<char>(0xF0 | (code >> 18)))
+          .push(static_cast<char>(0x80 | ((code >> 12) & 0x3F)))
+          .push(static_cast<char>(0x80 | ((code >> 6) & 0x3F)))
+          .push(static_cast<char>(0x80 | (code & 0x3F)));
+    }
+  }
+
+  const char* s_;
+  const char* at_ = s_;
+  const char* end_;
+};
+
+// Decodes a JSON record into `r`. Returns false after reporting.
+bool decode_json(Import* im, const char* line, std::size_t len, Record* r) {
+  JsonReader json(line, len);
+  bool path = false, tags = false;
+  text key;
+  bool ok = json.literal('{');
+  while (ok) {
+    key.clear();
+    ok = json.string(&key) && json.literal(':');
+    if (!ok) break;
+    if (strcmp(key.c_str(), "path") == 0 && !path) {
+      ok = json.string(&r->path);
+      path = true;
+    } else if (strcmp(key.c_str(), "tags") == 0 && !tags) {
+      tags = true;
+      ok = json.literal('{');
+      if (ok && !json.literal('}')) {
+        do {
+          r->offsets.push(r->arena.size());
+          ok = json.string(&r->arena) && json.literal(':');
+          r->arena.push('\0');
+          r->offsets.push(r->arena.size());
+          ok = ok && json.string(&r->arena);
+          r->arena.push('\0');
+        } while (ok && json.literal(','));
+        ok = ok && json.literal('}');
+      }
+    } else {
+      ok = false;
+      break;
+    }
+    if (json.literal('}')) break;
+    ok = ok && json.literal(',');
+  }
+  json.blank();
+  if (ok && path && tags && json.at() == line + len && !r->path.empty() && r->tags() > 0) {
+    return true;
+  }
+  text reason;
+  if (ok && path && tags && r->tags() == 0) {
+    reason.append("malformed record (no tags)");
+  } else {
+    reason.appendf("malformed JSON at character %zu (expected {\"path\":...,\"tags\":{...}})",
+                   json.offset(line) + 1);
+  }
+  im->fail(r->path.empty() ? nullptr : r->path.c_str(), nullptr, reason.c_str());
+  return false;
+}
+
+// Imports one record. A record with a malformed field sets nothing; a tag
+// that cannot be stored is reported and the others are stored. The file
+// is committed at once, so that its tags are counted only once stored.
+void import_record(Import* im, const char* line, std::size_t len) {
+  tevul::format_cut(im->where, sizeof im->where, "line %lu", im->line);
+  if (memchr(line, '\0', len) != nullptr) {
+    im->fail(nullptr, nullptr, "the line holds a NUL byte");
+    return;
+  }
+  Record r;
+  if (!(im->json ? decode_json(im, line, len, &r) : decode_text(im, line, len, &r))) return;
+  const char* path = r.path.c_str();
+  text scratch;
+  array<std::size_t> storable;
+  for (std::size_t i = 0; i < r.tags(); ++i) {
+    const char* refusal = restore_refusal(r.name(i), &scratch);
+    if (refusal == nullptr) refusal = value_refusal(r.name(i), r.value(i), im->strip, &scratch);
+    if (refusal != nullptr) {
+      im->fail(path, r.name(i), refusal);
+    } else {
+      storable.push(i);
+    }
+  }
+  if (im->dry_run) {
+    if (!exists(path)) {
+      im->fail(path, nullptr, setpath_reason(path));
+      return;
+    }
+    if (storable.empty()) return;
+    emit(path, strlen(path), im->nul);
+    im->files += im->seen.add(path) ? 1 : 0;
+    im->tags += storable.size();
+    return;
+  }
+  if (storable.empty()) return;
+  if (tevu_bulk_setpath(im->ctx.get(), path) != 0) {
+    im->fail(path, nullptr, setpath_reason(path));
+    return;
   }
   unsigned long stored = 0;
-  for (const auto& tag : tags) {
-    std::vector<std::string> tag_at = at;
-    tag_at.push_back(tag.first);
-    const std::string refusal = backslash_refusal(tag.second, strip);
-    if (!refusal.empty()) {
-      fail(tag_at, refusal);
-      continue;
-    }
-    const int rc =
-        tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
+  for (std::size_t k = 0; k < storable.size(); ++k) {
+    const std::size_t i = storable[k];
+    const int rc = tevu_bulk_settag(im->ctx.get(), r.name(i), r.value(i));
     if (rc != 0) {
-      fail(tag_at, bulk_reason(rc, tag.first));
+      im->fail(path, r.name(i), bulk_reason(rc, r.name(i), &scratch));
       continue;
     }
     ++stored;
   }
-  if (!commit_file(ctx, at, [progress] { progress->clear(); })) {
-    ++totals->failures;
+  im->progress->clear();
+  if (!commit_file(im->ctx, path)) {
+    ++im->failures;
     return;
   }
-  ++totals->files;
-  totals->tags += stored;
+  if (stored > 0) im->files += im->seen.add(path) ? 1 : 0;
+  im->tags += stored;
+}
+
+bool import_option(void* user, int c, const char*) {
+  Import* im = static_cast<Import*>(user);
+  switch (c) {
+    case '0': im->nul = true; break;
+    case 'q': im->quiet = true; break;
+    case 'n': im->dry_run = true; break;
+    case 'j': im->json = true; break;
+    case kStripOption: im->strip = true; break;
+    default: break;
+  }
+  return true;
 }
 
 }  // namespace
 
 int cmd_import(int argc, char** argv) {
-  bool nul = false;
-  bool quiet = false;
-  bool strip = false;
-  const int status = parse_options(
-      argc, argv, "0q",
-      {{"null", no_argument, nullptr, '0'},
-       {"quiet", no_argument, nullptr, 'q'},
-       {kStripOptionName, no_argument, nullptr, kStripOption}},
-      [&](int c, const char*) {
-        (c == '0' ? nul : c == 'q' ? quiet : strip) = true;
-        return true;
-      });
+  Import im;
+  static const option kOptions[] = {
+      {"null", no_argument, nullptr, '0'},    {"quiet", no_argument, nullptr, 'q'},
+      {"dry-run", no_argument, nullptr, 'n'}, {"json", no_argument, nullptr, 'j'},
+      {"strip-backslashes", no_argument, nullptr, kStripOption},
+      {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "0qn", kOptions, import_option, &im);
   if (status >= 0) return status;
   if (optind != argc) return usage_error(argv[0], "no arguments expected");
-
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) return kExitNotMounted;
-
+  if (im.nul && im.json) return usage_error(argv[0], "--json reads lines; -0 goes without it");
+  if (!tag_fs_mounted()) return report_not_mounted();
+  if (!im.dry_run) {
+    im.ctx = open_bulk();
+    if (!im.ctx) return kExitNotMounted;
+  }
   // An interrupt ends the import after the current record; the records
   // done so far stay committed.
-  catch_interrupts(on_interrupt);
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = on_interrupt;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
 
-  const int delimiter = nul ? '\0' : '\n';
-  const bool show = !quiet && isatty(STDERR_FILENO);
+  const int delimiter = im.nul ? '\0' : '\n';
+  const bool show = !im.quiet && !im.dry_run && isatty(STDERR_FILENO);
   Progress progress(show, show ? count_records(delimiter) : 0);
-  Totals totals;
-  unsigned long line = 0;
+  im.progress = &progress;
   unsigned long records = 0;
-  malloc_ptr buf;
+  char* buf = nullptr;
   std::size_t capacity = 0;
   while (!g_interrupted) {
-    char* raw = buf.release();
-    const ssize_t len = getdelim(&raw, &capacity, delimiter, stdin);
-    buf.reset(raw);
-    if (len < 0) break;
-    ++line;
-    std::string record(buf.get(), static_cast<std::size_t>(len));
-    if (!record.empty() && record.back() == delimiter) record.pop_back();
+    const ssize_t got = getdelim(&buf, &capacity, delimiter, stdin);
+    if (got < 0) break;
+    ++im.line;
+    std::size_t len = static_cast<std::size_t>(got);
+    if (len > 0 && buf[len - 1] == delimiter) --len;
     // A line of a file written on another system ends in CR LF.
-    if (!nul && !record.empty() && record.back() == '\r') record.pop_back();
-    if (record.empty()) continue;  // blank lines are allowed
+    if (!im.nul && len > 0 && buf[len - 1] == '\r') --len;
+    // Blank lines and comments are allowed.
+    if (len == 0 || (!im.nul && buf[0] == '#')) continue;
     ++records;
-    import_record(ctx, record, line, strip, &totals, &progress);
-    if (!ctx) return report_not_mounted();
-    progress.update(records, totals.files);
+    import_record(&im, buf, len);
+    if (!im.dry_run && !im.ctx) {
+      free(buf);
+      return report_not_mounted();
+    }
+    progress.update(records, im.files);
   }
+  free(buf);
   const bool read_error = ferror(stdin) != 0 && !g_interrupted;
-  ctx.reset();  // commits the last file
+  im.ctx.reset();  // commits the last file
   progress.clear();
   if (read_error) {
     report({"import"}, "cannot read standard input");
-    ++totals.failures;
+    ++im.failures;
   }
   // An interrupt is what the user asked for, not a failure: it is said
   // once, and the exit status tells a script (128 + SIGINT).
   if (g_interrupted) {
-    report({"import", "line " + std::to_string(line)},
-           "interrupted; the files before it are stored");
+    char where[32];
+    tevul::format_cut(where, sizeof where, "line %lu", im.line);
+    report({"import", where}, "interrupted; the files before it are stored");
   }
-  if (!quiet) {
-    std::fprintf(stderr, "tevu: import: %s, %s, %s, %.2f s\n",
-                 counted(totals.files, "file", "files").c_str(),
-                 counted(totals.tags, "tag", "tags").c_str(),
-                 counted(totals.failures, "failure", "failures").c_str(),
-                 progress.elapsed());
-  }
+  if (!im.quiet) summary("import", im.files, im.tags, im.failures, im.dry_run);
   if (g_interrupted) return kExitInterrupted;
-  return totals.failures == 0 ? kExitOk : kExitFailed;
+  return im.failures == 0 ? kExitOk : kExitFailed;
 }
 
 namespace {
 
 struct Exporter {
-  bool json = false;
-  bool nul = false;
-  unsigned long files = 0;
+  bool json = false, nul = false;
 };
 
-// `text` as a JSON string: quotes, backslashes and control characters
-// escaped; other bytes as they are (tags are UTF-8 as stored).
-std::string json_string(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20 || c == 0x7f) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-int export_file(void* user, const char* path, size_t count,
-                const char* const* names, const char* const* values) {
-  Exporter* e = static_cast<Exporter*>(user);
-  ++e->files;
-  std::string record;
+int export_file(void* user, const char* path, size_t count, const char* const* names,
+                const char* const* values) {
+  const Exporter* e = static_cast<const Exporter*>(user);
+  text record;
   if (e->json) {
-    record = "{\"path\":" + json_string(path) + ",\"tags\":{";
+    record.append("{\"path\":");
+    json_string(path, &record);
+    record.append(",\"tags\":{");
     for (size_t i = 0; i < count; ++i) {
-      if (i > 0) record += ",";
-      record += json_string(names[i]) + ":" + json_string(values[i]);
+      if (i > 0) record.push(',');
+      json_string(names[i], &record);
+      record.push(':');
+      json_string(values[i], &record);
     }
-    record += "}}";
+    record.append("}}");
   } else {
-    record = escape_field(path);
+    escape_field(path, false, &record);
     for (size_t i = 0; i < count; ++i) {
-      record += "\t" + escape_field(names[i]) + "=" + escape_field(values[i]);
+      record.push('\t');
+      escape_field(names[i], true, &record);
+      record.push('=');
+      escape_field(values[i], false, &record);
     }
   }
   emit(record, e->nul);
   return 0;
 }
 
+bool export_option(void* user, int c, const char*) {
+  Exporter* e = static_cast<Exporter*>(user);
+  if (c == '0') e->nul = true;
+  if (c == 'j') e->json = true;
+  return true;
+}
+
 }  // namespace
 
 int cmd_export(int argc, char** argv) {
-  Exporter exporter;
-  const int status = parse_options(
-      argc, argv, "0j",
-      {{"null", no_argument, nullptr, '0'},
-       {"json", no_argument, nullptr, 'j'}},
-      [&](int c, const char*) {
-        (c == '0' ? exporter.nul : exporter.json) = true;
-        return true;
-      });
+  Exporter e;
+  static const option kOptions[] = {{"null", no_argument, nullptr, '0'},
+                                    {"json", no_argument, nullptr, 'j'},
+                                    {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "0", kOptions, export_option, &e);
   if (status >= 0) return status;
   if (argc - optind > 1) return usage_error(argv[0], "expected at most one DIR");
   const char* dir = optind < argc ? argv[optind] : nullptr;
   if (dir != nullptr && dir[0] == '\0') return usage_error(argv[0], "empty DIR");
   if (!tag_fs_mounted()) return report_not_mounted();
-  const int rc = tevu_tagged_files(dir, export_file, &exporter);
+  const int rc = tevu_tagged_files(dir, export_file, &e);
   if (rc == 0) return kExitOk;
   if (report_unread_volumes()) return kExitFailed;
   if (dir != nullptr && rc == ENOENT) {
     report({dir}, setpath_reason(dir));
   } else {
-    report({"export"}, "tag database could not be read: " + errno_reason(rc));
+    reportf({"export"}, "tag database could not be read: %s", errno_reason(rc));
   }
   return kExitFailed;
 }

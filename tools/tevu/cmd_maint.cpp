@@ -3,26 +3,233 @@
 #include <errno.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "cli.h"
-#include "tevul.h"
 
 namespace tevu_cli {
+
+namespace {
+
+// The tagged files below a place, as tevu_tagged_below() or
+// tevu_tagged_files() hands them: counted, and printed for a dry run.
+struct Tally {
+  unsigned long files = 0, tags = 0;
+  bool print = false, nul = false;
+};
+
+int tally_file(void* user, const char* path, size_t count, const char* const*,
+               const char* const*) {
+  Tally* t = static_cast<Tally*>(user);
+  ++t->files;
+  t->tags += count;
+  if (t->print) emit(path, strlen(path), t->nul);
+  return 0;
+}
+
+// Counts (and with `print`, prints) the tagged files at and below the
+// literal `path`. Returns 0 or reports and returns an errno.
+int tally_below(const char* path, Tally* t) {
+  const int rc = tevu_tagged_below(path, tally_file, t);
+  if (rc != 0 && !report_unread_volumes()) {
+    report({path}, rc == ENOENT ? "not on a tagged volume" : errno_reason(rc));
+  }
+  return rc;
+}
+
+// True when `path` holds a character a shell pattern is made of.
+bool looks_like_pattern(const char* path) { return strpbrk(path, "*?[") != nullptr; }
+
+struct Options {
+  bool dry_run = false, nul = false, before = false, force = false;
+};
+
+bool maint_option(void* user, int c, const char*) {
+  Options* o = static_cast<Options*>(user);
+  if (c == 'n') o->dry_run = true;
+  if (c == '0') o->nul = true;
+  if (c == 'b') o->before = true;
+  if (c == 'f') o->force = true;
+  return true;
+}
+
+}  // namespace
+
+int cmd_deleted(int argc, char** argv) {
+  Options o;
+  static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
+                                    {"null", no_argument, nullptr, '0'},
+                                    {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "n0", kOptions, maint_option, &o);
+  if (status >= 0) return status;
+  if (optind >= argc) return usage_error(argv[0], "no path given");
+  for (int i = optind; i < argc; ++i) {
+    if (argv[i][0] == '\0') return usage_error(argv[0], "empty path");
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  unsigned long files = 0, tags = 0, failures = 0;
+  bool nothing = false;
+  for (int i = optind; i < argc; ++i) {
+    const char* arg = argv[i];
+    char path[PATH_MAX];
+    if (const int rc = disk_path(arg, path)) {
+      report({arg}, rc == EINVAL ? "not a path that names a file (make it canonical)"
+                                 : errno_reason(rc));
+      ++failures;
+      continue;
+    }
+    if (exists(path)) {
+      report({arg}, "still exists: its files would lose their tags (delete it first)");
+      ++failures;
+      continue;
+    }
+    Tally t;
+    t.print = o.dry_run;
+    t.nul = o.nul;
+    if (tally_below(path, &t) != 0) {
+      ++failures;
+      continue;
+    }
+    if (t.files == 0) {
+      report({arg}, looks_like_pattern(arg)
+                        ? "no tags here (a pattern is not expanded here: "
+                          "'tevu cleanup DIR' finds the files that vanished)"
+                        : "no tags here");
+      nothing = true;
+      continue;
+    }
+    if (!o.dry_run) {
+      if (const int rc = tevu_delete_checked(path)) {
+        reportf({arg}, "tags not removed: %s", errno_reason(rc));
+        ++failures;
+        continue;
+      }
+    }
+    files += t.files;
+    tags += t.tags;
+  }
+  summary("deleted", files, tags, failures, o.dry_run);
+  return failures > 0 ? kExitFailed : nothing ? kExitNotFound : kExitOk;
+}
+
+namespace {
+
+bool is_dir(const char* path) {
+  struct stat st;
+  return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Where `src` went (or goes, with `before`) when moved to `dst`, by mv's
+// two forms: into the directory `dst` as its last component, or to `dst`
+// itself. Returns false, after reporting, when the disk does not show
+// that move (a source still there, a destination not there).
+bool destination(const char* arg, const char* src, const char* dst, bool several,
+                 bool before, char* target) {
+  const char* slash = strrchr(src, '/');
+  const char* name = slash != nullptr ? slash + 1 : src;
+  char inside[PATH_MAX];
+  const bool into = is_dir(dst) &&
+                    tevul::format_whole(inside, sizeof inside, "%s/%s",
+                                        strcmp(dst, "/") == 0 ? "" : dst, name) &&
+                    (before || exists(inside));
+  if (several && !into) {
+    report({dst}, before ? "several sources need a directory to move into"
+                         : "several sources: DST must be the directory that now holds them");
+    return false;
+  }
+  tevul::format_cut(target, PATH_MAX, "%s", into ? inside : dst);
+  if (before) {
+    if (!exists(src)) {
+      report({arg}, "does not exist (the move is to happen after this command)");
+      return false;
+    }
+    if (exists(target)) {
+      report({target}, "already exists: the move would replace it");
+      return false;
+    }
+    return true;
+  }
+  if (exists(src)) {
+    report({arg}, "still exists: call 'tevu moved' after the move (or give --before)");
+    return false;
+  }
+  if (!exists(target)) {
+    report({target}, "does not exist: the files are not there");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int cmd_moved(int argc, char** argv) {
+  Options o;
+  static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
+                                    {"before", no_argument, nullptr, 'b'},
+                                    {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "n", kOptions, maint_option, &o);
+  if (status >= 0) return status;
+  if (argc - optind < 2) return usage_error(argv[0], "expected SRC... DST");
+  for (int i = optind; i < argc; ++i) {
+    if (argv[i][0] == '\0') return usage_error(argv[0], "empty path");
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  char dst[PATH_MAX];
+  if (const int rc = disk_path(argv[argc - 1], dst)) {
+    report({argv[argc - 1]}, errno_reason(rc));
+    return kExitFailed;
+  }
+  const bool several = argc - optind > 2;
+  unsigned long files = 0, tags = 0, failures = 0;
+  for (int i = optind; i < argc - 1; ++i) {
+    const char* arg = argv[i];
+    char src[PATH_MAX], target[PATH_MAX];
+    if (const int rc = disk_path(arg, src)) {
+      report({arg}, rc == EINVAL ? "not a path that names a file (make it canonical)"
+                                 : errno_reason(rc));
+      ++failures;
+      continue;
+    }
+    if (!destination(arg, src, dst, several, o.before, target)) {
+      ++failures;
+      continue;
+    }
+    Tally t;
+    t.print = o.dry_run;
+    if (tally_below(src, &t) != 0) {
+      ++failures;
+      continue;
+    }
+    if (t.files > 0 && !o.dry_run) {
+      // Every tag reaches the target, or the reason is said and every tag
+      // is still at the source; running it again finishes the move.
+      if (const int rc = tevu_move_checked(src, target)) {
+        reportf({arg}, "tags not moved: %s", errno_reason(rc));
+        ++failures;
+        continue;
+      }
+    }
+    files += t.files;
+    tags += t.tags;
+  }
+  // A move of untagged files, or one finished before, has nothing to do:
+  // its count says so.
+  summary("moved", files, tags, failures, o.dry_run);
+  return failures > 0 ? kExitFailed : kExitOk;
+}
 
 namespace {
 
 // The cleanup's filter has no user pointer, so what it needs lives here for
 // the one cleanup a process runs.
 struct CleanupState {
-  std::string dir;       // canonical directory whose files are checked
-  bool dry_run = false;
-  std::vector<std::string> gone;
+  char dir[PATH_MAX];  // canonical directory whose files are checked
+  std::size_t dir_len;
+  bool nul;
+  unsigned long files;
 };
 CleanupState g_cleanup;
 
@@ -32,102 +239,112 @@ int g_cancel = 0;
 
 void on_cancel(int) { g_cancel = 1; }
 
-bool is_below(const std::string& path, const std::string& dir) {
-  if (dir == "/") return true;
-  return path.compare(0, dir.size(), dir) == 0 &&
-         (path.size() == dir.size() || path[dir.size()] == '/');
+bool is_below(const char* path) {
+  if (strcmp(g_cleanup.dir, "/") == 0) return true;
+  return strncmp(path, g_cleanup.dir, g_cleanup.dir_len) == 0 &&
+         (path[g_cleanup.dir_len] == '\0' || path[g_cleanup.dir_len] == '/');
 }
 
-// Reports a file as gone when it, or a directory on its way, no longer
-// exists. Any other failure to look at it (permissions, I/O) keeps its tags.
-int vanished_filter(const char* path, int) {
-  if (!is_below(path, g_cleanup.dir)) return 0;
+// A file gone: it, or a directory on its way, no longer exists. Any other
+// failure to look at it (permissions, I/O) keeps its tags.
+bool gone(const char* path) {
   struct stat st;
-  if (lstat(path, &st) == 0 || (errno != ENOENT && errno != ENOTDIR)) return 0;
-  g_cleanup.gone.push_back(path);
-  return g_cleanup.dry_run ? 0 : 1;
+  return lstat(path, &st) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
+// Counts the tagged files of the whole volume and those gone.
+struct Survey {
+  unsigned long all = 0, missing = 0, below = 0, tags_below = 0;
+  bool print = false, nul = false;
+};
+
+int survey_file(void* user, const char* path, size_t count, const char* const*,
+                const char* const*) {
+  Survey* s = static_cast<Survey*>(user);
+  ++s->all;
+  if (!gone(path)) return 0;
+  ++s->missing;
+  if (!is_below(path)) return 0;
+  ++s->below;
+  s->tags_below += count;
+  if (s->print) emit(path, strlen(path), s->nul);
+  return 0;
+}
+
+// Drops the row of a file below the directory that is gone, and prints it.
+int vanished_filter(const char* path, int) {
+  if (!is_below(path) || !gone(path)) return 0;
+  emit(path, strlen(path), g_cleanup.nul);
+  ++g_cleanup.files;
+  return 1;
 }
 
 }  // namespace
 
-int cmd_deleted(int argc, char** argv) {
-  const int status = parse_options(argc, argv, "", {},
-                                   [](int, const char*) { return true; });
-  if (status >= 0) return status;
-  if (optind >= argc) return usage_error(argv[0], "no path given");
-  if (!tag_fs_mounted()) return report_not_mounted();
-  bool failed = false;
-  for (int i = optind; i < argc; ++i) {
-    const std::string path = absolute_path(argv[i]);
-    if (tevu_delete(path.c_str()) != 0) {
-      report({argv[i]}, "file is not on a tagged volume");
-      failed = true;
-    }
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
-int cmd_moved(int argc, char** argv) {
-  const int status = parse_options(argc, argv, "", {},
-                                   [](int, const char*) { return true; });
-  if (status >= 0) return status;
-  if (argc - optind != 2) return usage_error(argv[0], "expected SRC DST");
-  if (!tag_fs_mounted()) return report_not_mounted();
-  const std::string src = absolute_path(argv[optind]);
-  const std::string dst = absolute_path(argv[optind + 1]);
-  // Every tag reaches DST, or the tool says why and every tag is still at
-  // SRC; running it again finishes an interrupted move.
-  const int rc = tevu_move_checked(src.c_str(), dst.c_str());
-  if (rc == 0) return kExitOk;
-  report({argv[optind]}, rc == ENOENT ? "file is not on a tagged volume"
-                                      : "tags not moved: " + errno_reason(rc));
-  return kExitFailed;
-}
-
 int cmd_cleanup(int argc, char** argv) {
-  bool nul = false;
-  const int status = parse_options(
-      argc, argv, "n0",
-      {{"dry-run", no_argument, nullptr, 'n'},
-       {"null", no_argument, nullptr, '0'}},
-      [&](int c, const char*) {
-        (c == 'n' ? g_cleanup.dry_run : nul) = true;
-        return true;
-      });
+  Options o;
+  static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
+                                    {"null", no_argument, nullptr, '0'},
+                                    {"force", no_argument, nullptr, 'f'},
+                                    {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "n0", kOptions, maint_option, &o);
   if (status >= 0) return status;
   if (argc - optind != 1) return usage_error(argv[0], "expected one DIR");
   const char* arg = argv[optind];
+  if (arg[0] == '\0') return usage_error(argv[0], "empty DIR");
   if (!tag_fs_mounted()) return report_not_mounted();
-  char canonical[PATH_MAX];
-  if (realpath(arg, canonical) == nullptr) {
+  if (realpath(arg, g_cleanup.dir) == nullptr) {
     report({arg}, errno_reason(errno));
     return kExitFailed;
   }
-  g_cleanup.dir = canonical;
-  // The library checks every row of the volume's database against the
-  // directory it is given, so it is given the volume's root (a volume is
-  // always a top-level directory); the filter looks only below `dir`.
-  const std::size_t second_slash = g_cleanup.dir.find('/', 1);
-  const std::string root = g_cleanup.dir.substr(0, second_slash);
-
-  catch_interrupts(on_cancel);
-
-  const int rc = tevu_cleanup_attached(root.c_str(), &g_cancel, vanished_filter);
-  if (rc == -1) {
-    report({arg}, "file is not on a tagged volume");
-    return kExitFailed;
-  }
-  // Rows found before an interrupt are removed too.
-  for (const std::string& path : g_cleanup.gone) emit(path, nul);
-  if (g_cancel) {
-    report({arg}, "interrupted");
-    return kExitFailed;
-  }
+  g_cleanup.dir_len = strlen(g_cleanup.dir);
+  g_cleanup.nul = o.nul;
+  // Every tagged file of the volume (a volume is a top-level directory) is
+  // looked at: when all of them are gone, the disk is more likely not
+  // mounted than emptied, and nothing is dropped without --force.
+  char root[PATH_MAX];
+  tevul::format_cut(root, sizeof root, "%.*s",
+                    static_cast<int>(1 + strcspn(g_cleanup.dir + 1, "/")), g_cleanup.dir);
+  Survey s;
+  s.print = o.dry_run;
+  s.nul = o.nul;
+  int rc = tevu_tagged_files(root, survey_file, &s);
   if (rc != 0) {
-    report({arg}, "tag database could not be read: " + errno_reason(rc));
+    if (!report_unread_volumes()) {
+      report({arg}, rc == ENOENT ? "not on a tagged volume" : errno_reason(rc));
+    }
     return kExitFailed;
   }
-  return kExitOk;
+  if (s.all > 0 && s.missing == s.all && !o.force) {
+    report({arg}, "every tagged file of the volume is missing (is its disk mounted?); "
+                  "nothing removed ('--force' removes their tags)");
+    return kExitFailed;
+  }
+  if (o.dry_run || s.below == 0) {
+    summary("cleanup", s.below, s.tags_below, 0, o.dry_run);
+    return kExitOk;
+  }
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = on_cancel;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+  rc = tevu_cleanup_attached(root, &g_cancel, vanished_filter);
+  // The daemon's cleanup does not tell a failed deletion: what it dropped
+  // is checked by reading the tree again.
+  Survey after;
+  const int checked = tevu_tagged_files(root, survey_file, &after);
+  unsigned long failures = 0;
+  if (rc == -1 || checked != 0 || (after.below > 0 && !g_cancel)) {
+    if (!report_unread_volumes()) {
+      reportf({arg}, "%lu files' tags not removed", checked != 0 ? s.below : after.below);
+    }
+    failures = 1;
+  }
+  if (g_cancel) report({arg}, "interrupted; the files found until then are removed");
+  summary("cleanup", g_cleanup.files - after.below, s.tags_below, failures, false);
+  if (g_cancel) return kExitFailed;
+  return failures == 0 ? kExitOk : kExitFailed;
 }
 
 }  // namespace tevu_cli

@@ -1,614 +1,702 @@
-// The tag commands of `tevu`: set, get, list, del and find.
+// The tag commands of `tevu`: set, get, list and del.
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <glob.h>
 #include <limits.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
-
-#include <algorithm>
-#include <functional>
-#include <cstdio>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include <unistd.h>
 
 #include "cli.h"
-#include "tevul.h"
 
 namespace tevu_cli {
 
 namespace {
 
-using Tag = std::pair<std::string, std::string>;
+// A tag given on the command line: its name and value, split in place.
+struct Tag {
+  const char* name;
+  const char* value;
+};
 
-// The largest value a read is prepared for. Reads start with room for the
-// published value limit and grow to this only for longer, older values.
-constexpr std::size_t kValueCeiling = 1u << 20;
-
-std::size_t value_buffer_size() {
-  const int limit = tevu_getmaxvaluelen();
-  return static_cast<std::size_t>(std::max(limit, 4096)) + 1;
-}
-
-bool file_exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
+// The longest path the library takes (its bulk context keeps 4094 bytes).
+constexpr std::size_t kPathMax = 4094;
 
 // The reason for a tag-file function's errno result on `path`. ENOENT means
 // a missing file, or a file the tag file system does not show.
-std::string tagfile_reason(int error, const std::string& path) {
-  if (error == ENOENT && file_exists(path)) {
-    return "file is not on a tagged volume";
-  }
+const char* tagfile_reason(int error, const char* path) {
+  if (error == ENOENT && exists(path)) return "file is not on a tagged volume";
   return errno_reason(error);
 }
 
-// Calls `visit` with `root` and, when `root` is a directory, with every
-// file and directory below it: parents before what they hold, the entries
-// of each directory in name order. Symbolic links below `root` are left
-// out (a link would tag its target, which may lie anywhere). Reports each
-// directory that cannot be read and returns false when there was one.
-bool walk_tree(const std::string& root,
-               const std::function<void(const std::string&)>& visit) {
-  visit(root);
+// True when `canonical` is the root of a tagged volume ("/N", N a volume
+// link of the meta directory): a volume's root has no row of its own.
+bool is_volume_root(const char* canonical) {
+  const char* mount = tevu_mount_point();
+  if (mount == nullptr || canonical[0] != '/' || canonical[1] == '\0' ||
+      strchr(canonical + 1, '/') != nullptr) {
+    return false;
+  }
+  char link[PATH_MAX];
   struct stat st;
-  if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return true;
-  std::vector<std::string> dirs{root};
-  bool complete = true;
-  while (!dirs.empty()) {
-    const std::string dir = dirs.back();
-    dirs.pop_back();
-    std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(dir.c_str()), closedir);
-    if (!stream) {
-      report({dir}, "cannot read the directory: " + errno_reason(errno));
-      complete = false;
+  return tevul::format_whole(link, sizeof link, "%s/meta%s", mount, canonical) &&
+         lstat(link, &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+// What a walk of a tree on disk visits, and the entries it could not.
+struct Walk {
+  void (*visit)(void* user, const char* path);
+  void* user;
+  unsigned long failures = 0;
+};
+
+int compare_names(const void* a, const void* b) {
+  return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
+}
+
+// Visits the entries of the directory `fd` (at `path`), each directory's in
+// name order, parents before what they hold, through descriptors, so that a
+// tree deeper than a path can name is walked all the same. Symbolic links
+// are left out (a link would tag its target, which may lie anywhere). Takes
+// the descriptor over.
+void walk_dir(int fd, text& path, Walk* walk) {
+  tevul::dir_ptr dir(fdopendir(fd));
+  if (!dir) {
+    close(fd);
+    reportf({path.c_str()}, "cannot read the directory: %s", errno_reason(errno));
+    ++walk->failures;
+    return;
+  }
+  text arena;
+  array<std::size_t> offsets;
+  while (const dirent* entry = readdir(dir.get())) {
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
+    offsets.push(arena.size());
+    arena.append(entry->d_name).push('\0');
+  }
+  array<const char*> names;
+  for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
+  qsort(names.data(), names.size(), sizeof(const char*), compare_names);
+  const std::size_t base = path.size();
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    path.truncate(base);
+    if (base > 1) path.push('/');
+    path.append(names[i]);
+    struct stat st;
+    if (fstatat(dirfd(dir.get()), names[i], &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        S_ISLNK(st.st_mode)) {
       continue;
     }
-    std::vector<std::string> names;
-    while (const struct dirent* entry = readdir(stream.get())) {
-      const std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
+    walk->visit(walk->user, path.c_str());
+    if (!S_ISDIR(st.st_mode)) continue;
+    const int child = openat(dirfd(dir.get()), names[i],
+                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (child < 0) {
+      reportf({path.c_str()}, "cannot read the directory: %s", errno_reason(errno));
+      ++walk->failures;
+      continue;
     }
-    stream.reset();
-    std::sort(names.begin(), names.end());
-    std::vector<std::string> subdirs;
-    const std::string base = dir == "/" ? "" : dir;
-    for (const std::string& name : names) {
-      const std::string path = base + "/" + name;
-      if (lstat(path.c_str(), &st) != 0 || S_ISLNK(st.st_mode)) continue;
-      if (S_ISDIR(st.st_mode)) {
-        // Visited in order, walked after the files of this directory.
-        subdirs.push_back(path);
-      }
-      visit(path);
-    }
-    // Depth first, in name order: the stack takes them reversed.
-    dirs.insert(dirs.end(), subdirs.rbegin(), subdirs.rend());
+    walk_dir(child, path, walk);
   }
-  return complete;
+  path.truncate(base);
 }
 
-// Sets `tags` on every file through one bulk context, one transaction per
-// file; with `recursive`, on every file and directory of each tree.
-int set_in_databases(const std::vector<std::string>& files,
-                     const std::vector<Tag>& tags, bool recursive) {
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) return kExitNotMounted;
-  bool failed = false;
-  bool lost_context = false;
-  const auto set_one = [&](const std::string& file) {
-    if (lost_context) return;
-    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
-      report({file}, setpath_reason(file));
-      failed = true;
-      return;
-    }
-    for (const Tag& tag : tags) {
-      const int rc =
-          tevu_bulk_settag(ctx.get(), tag.first.c_str(), tag.second.c_str());
-      if (rc != 0) {
-        report({file, tag.first}, bulk_reason(rc, tag.first));
-        failed = true;
-      }
-    }
-    if (!commit_file(ctx, {file})) {
-      failed = true;
-      lost_context = !ctx;
-    }
-  };
-  for (const std::string& file : files) {
-    if (recursive) {
-      failed |= !walk_tree(file, set_one);
-    } else {
-      set_one(file);
-    }
-    if (lost_context) return report_not_mounted();
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
-// Prints what a recursive set would tag, one path per record.
-int list_targets(const std::vector<std::string>& files, bool recursive,
-                 bool nul) {
-  bool failed = false;
-  for (const std::string& file : files) {
-    const auto print = [nul](const std::string& path) { emit(path, nul); };
-    if (recursive) {
-      failed |= !walk_tree(file, print);
-    } else {
-      print(file);
-    }
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
-int set_through_mount(const std::vector<std::string>& files,
-                      const std::vector<Tag>& tags) {
-  bool failed = false;
-  for (const std::string& file : files) {
-    for (const Tag& tag : tags) {
-      const int rc = tevu_settag(file.c_str(), tag.first.c_str(),
-                                 tag.second.c_str());
-      if (rc != 0) {
-        report({file, tag.first}, tagfile_reason(rc, file));
-        failed = true;
-      }
-    }
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
-// Reads every tag of `file` from its volume's database, in column order,
-// without a write lock. Returns 0, or tevu_file_tags()'s errno (ENOENT for a
-// file that does not exist or lies on no tagged volume).
-int file_tags(const std::string& file, std::vector<Tag>* tags) {
-  return tevu_file_tags(
-      file.c_str(),
-      [](void* user, const char* name, const char* value) {
-        static_cast<std::vector<Tag>*>(user)->emplace_back(name, value);
-        return 0;
-      },
-      tags);
-}
-
-// Reads tag `name` of `file` through the mount into a buffer of `size`
-// bytes (tevu_gettag() clears all of it, so callers size it to the limit,
-// value_buffer_size()). Returns 0 or an errno value.
-int read_through_mount(const std::string& file, const std::string& name,
-                       std::size_t size, std::string* value) {
-  malloc_ptr buf(static_cast<char*>(malloc(size)));
-  if (!buf) return ENOMEM;
-  const int rc = tevu_gettag(file.c_str(), name.c_str(), buf.get(), size);
-  if (rc == 0) value->assign(buf.get());
-  return rc;
-}
-
-// True when `file` still has a tag file whose name matches `pattern`.
-bool any_tag_matches(const std::string& file, const std::string& pattern) {
-  char canonical[PATH_MAX];
-  const std::string mount = mount_point();
-  if (mount.empty() || realpath(file.c_str(), canonical) == nullptr) {
-    return true;  // cannot tell: keep the failure
-  }
-  const std::string tag_files = mount + "/meta" + canonical + "/" + pattern;
-  glob_t found;
-  const int rc = glob(tag_files.c_str(), GLOB_NOSORT, nullptr, &found);
-  globfree(&found);
-  return rc != GLOB_NOMATCH;
-}
-
-bool is_regular_entry(const std::string& dir, const struct dirent* entry) {
-  if (entry->d_type == DT_REG) return true;
-  if (entry->d_type != DT_UNKNOWN) return false;
+// Visits `root` and, when it is a directory, everything below it.
+void walk_tree(const char* root, Walk* walk) {
+  text path;
+  path.append(root);
+  walk->visit(walk->user, root);
   struct stat st;
-  return lstat((dir + "/" + entry->d_name).c_str(), &st) == 0 &&
-         S_ISREG(st.st_mode);
+  if (stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) return;
+  const int fd = open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    reportf({root}, "cannot read the directory: %s", errno_reason(errno));
+    ++walk->failures;
+    return;
+  }
+  walk_dir(fd, path, walk);
 }
 
-// Emits the lines of a lookup result, each as one record.
-void emit_lines(const std::string& text, bool nul) {
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    if (end > start) emit(text.substr(start, end - start), nul);
-    start = end + 1;
+// The state of one `set`.
+struct Setting {
+  array<Tag> tags;
+  bool recursive = false, via_mount = false, dry_run = false, nul = false,
+       strip = false;
+  tevul::bulk_ptr ctx;
+  unsigned long files = 0, tags_stored = 0, failures = 0;
+  bool lost_context = false;
+  bool told_root = false;
+};
+
+// Tags one file through the bulk context; counts and reports.
+void set_one(void* user, const char* file) {
+  Setting* s = static_cast<Setting*>(user);
+  if (s->lost_context) return;
+  if (strlen(file) > kPathMax) {
+    reportf({file}, "path too long to tag (limit %zu bytes)", kPathMax);
+    ++s->failures;
+    return;
   }
+  if (s->dry_run) {
+    emit(file, strlen(file), s->nul);
+    ++s->files;
+    s->tags_stored += s->tags.size();
+    return;
+  }
+  char canonical[PATH_MAX];
+  if (realpath(file, canonical) != nullptr && is_volume_root(canonical)) {
+    if (!s->told_root) report({file}, "a volume's root carries no tags of its own");
+    s->told_root = true;
+    return;
+  }
+  if (tevu_bulk_setpath(s->ctx.get(), file) != 0) {
+    report({file}, setpath_reason(file));
+    ++s->failures;
+    return;
+  }
+  unsigned long stored = 0;
+  text scratch;
+  for (std::size_t i = 0; i < s->tags.size(); ++i) {
+    const Tag& tag = s->tags[i];
+    const int rc = tevu_bulk_settag(s->ctx.get(), tag.name, tag.value);
+    if (rc != 0) {
+      report({file, tag.name}, bulk_reason(rc, tag.name, &scratch));
+      ++s->failures;
+      continue;
+    }
+    ++stored;
+  }
+  if (!commit_file(s->ctx, file)) {
+    ++s->failures;
+    s->lost_context = !s->ctx;
+    return;
+  }
+  if (stored > 0) ++s->files;
+  s->tags_stored += stored;
+}
+
+void set_through_mount(Setting* s, char** files, int count) {
+  for (int f = 0; f < count; ++f) {
+    unsigned long stored = 0;
+    for (std::size_t i = 0; i < s->tags.size(); ++i) {
+      const int rc = tevu_settag(files[f], s->tags[i].name, s->tags[i].value);
+      if (rc != 0) {
+        report({files[f], s->tags[i].name}, tagfile_reason(rc, files[f]));
+        ++s->failures;
+        continue;
+      }
+      ++stored;
+    }
+    if (stored > 0) ++s->files;
+    s->tags_stored += stored;
+  }
+}
+
+bool set_option(void* user, int c, const char* arg) {
+  Setting* s = static_cast<Setting*>(user);
+  switch (c) {
+    case 'r': s->recursive = true; return true;
+    case 'm': s->via_mount = true; return true;
+    case 'n': s->dry_run = true; return true;
+    case '0': s->nul = true; return true;
+    case kStripOption: s->strip = true; return true;
+    default: break;
+  }
+  // -t NAME=VALUE: split at the first "=", in the argument itself.
+  char* eq = strchr(const_cast<char*>(arg), '=');
+  if (eq == nullptr || eq == arg) {
+    usage_error("tevu set", "'%s' is not NAME=VALUE", arg);
+    return false;
+  }
+  *eq = '\0';
+  return s->tags.push(Tag{arg, eq + 1});
 }
 
 }  // namespace
 
 int cmd_set(int argc, char** argv) {
-  std::vector<Tag> tags;
-  bool recursive = false;
-  bool via_mount = false;
-  bool dry_run = false;
-  bool nul = false;
-  bool strip = false;
-  const int status = parse_options(
-      argc, argv, "t:rmn0",
-      {{"tag", required_argument, nullptr, 't'},
-       {"recursive", no_argument, nullptr, 'r'},
-       {"mount", no_argument, nullptr, 'm'},
-       {"dry-run", no_argument, nullptr, 'n'},
-       {"null", no_argument, nullptr, '0'},
-       {kStripOptionName, no_argument, nullptr, kStripOption}},
-      [&](int c, const char* arg) {
-        if (c == 'r') recursive = true;
-        if (c == 'm') via_mount = true;
-        if (c == 'n') dry_run = true;
-        if (c == '0') nul = true;
-        if (c == kStripOption) strip = true;
-        if (c != 't') return true;
-        Tag tag;
-        if (!split_assignment(arg, &tag.first, &tag.second)) {
-          usage_error(argv[0], "'" + std::string(arg) + "' is not NAME=VALUE");
-          return false;
-        }
-        tags.push_back(tag);
-        return true;
-      });
+  Setting s;
+  static const option kOptions[] = {
+      {"tag", required_argument, nullptr, 't'},   {"recursive", no_argument, nullptr, 'r'},
+      {"mount", no_argument, nullptr, 'm'},       {"dry-run", no_argument, nullptr, 'n'},
+      {"null", no_argument, nullptr, '0'},
+      {"strip-backslashes", no_argument, nullptr, kStripOption},
+      {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "t:rmn0", kOptions, set_option, &s);
   if (status >= 0) return status;
-  if (tags.empty()) return usage_error(argv[0], "no tag given (-t NAME=VALUE)");
+  if (s.tags.empty()) return usage_error(argv[0], "no tag given (-t NAME=VALUE)");
   if (optind >= argc) return usage_error(argv[0], "no file given");
-  if (recursive && via_mount) {
-    return usage_error(argv[0], "-r and -m cannot be combined");
+  if (s.recursive && s.via_mount) return usage_error(argv[0], "-r and -m cannot be combined");
+  for (int i = optind; i < argc; ++i) {
+    if (argv[i][0] == '\0') return usage_error(argv[0], "empty file name");
   }
   if (!tag_fs_mounted()) return report_not_mounted();
-  const std::vector<std::string> files(argv + optind, argv + argc);
-  if (dry_run) return list_targets(files, recursive, nul);
 
-  // A value the database would change is refused for every file; the
-  // other tags are still set.
-  std::vector<Tag> storable;
-  for (const Tag& tag : tags) {
-    const std::string refusal = backslash_refusal(tag.second, strip);
-    if (refusal.empty()) {
-      storable.push_back(tag);
+  // A name or value that cannot be stored is refused for every file, once;
+  // the other tags are still set.
+  array<Tag> storable;
+  text scratch;
+  for (std::size_t i = 0; i < s.tags.size(); ++i) {
+    const Tag& tag = s.tags[i];
+    const char* refusal = name_refusal(tag.name, &scratch);
+    if (refusal == nullptr) refusal = value_refusal(tag.name, tag.value, s.strip, &scratch);
+    if (refusal != nullptr) {
+      report({tag.name}, refusal);
+      ++s.failures;
+      continue;
+    }
+    storable.push(tag);
+  }
+  s.tags.clear();
+  for (std::size_t i = 0; i < storable.size(); ++i) s.tags.push(storable[i]);
+  if (!s.tags.empty()) {
+    if (s.via_mount) {
+      set_through_mount(&s, argv + optind, argc - optind);
     } else {
-      report({tag.first}, refusal);
+      if (!s.dry_run) {
+        s.ctx = open_bulk();
+        if (!s.ctx) return kExitNotMounted;
+      }
+      Walk walk{set_one, &s};
+      for (int i = optind; i < argc && !s.lost_context; ++i) {
+        if (s.recursive) {
+          walk_tree(argv[i], &walk);
+        } else {
+          set_one(&s, argv[i]);
+        }
+      }
+      s.failures += walk.failures;
+      s.ctx.reset();
+      if (s.lost_context) return report_not_mounted();
     }
   }
-  const bool refused = storable.size() != tags.size();
-  if (storable.empty()) return kExitFailed;
-  const int result = via_mount ? set_through_mount(files, storable)
-                               : set_in_databases(files, storable, recursive);
-  return result == kExitOk && refused ? kExitFailed : result;
+  summary("set", s.files, s.tags_stored, s.failures, s.dry_run);
+  return s.failures == 0 ? kExitOk : kExitFailed;
 }
+
+// ---------------------------------------------------------------------------
+// get and list.
 
 namespace {
 
-// The results of reading one file, for commands that read several.
-enum class Read { kOk, kNotSet, kFailed };
+// Every tag of one file, read into one arena.
+struct FileTags {
+  text arena;
+  array<std::size_t> offsets;  // per tag: name, value
+  std::size_t count() const { return offsets.size() / 2; }
+  const char* name(std::size_t i) const { return arena.c_str() + offsets[2 * i]; }
+  const char* value(std::size_t i) const { return arena.c_str() + offsets[2 * i + 1]; }
+  void add(const char* name, const char* value) {
+    offsets.push(arena.size());
+    arena.append(name).push('\0');
+    offsets.push(arena.size());
+    arena.append(value).push('\0');
+  }
+  void clear() {
+    arena.clear();
+    offsets.clear();
+  }
+  // The value of tag `name` (letter case ignored, as the database names
+  // columns), or NULL.
+  const char* find(const char* wanted) const {
+    for (std::size_t i = 0; i < count(); ++i) {
+      if (strcasecmp(name(i), wanted) == 0) return value(i);
+    }
+    return nullptr;
+  }
+};
 
-// The worst of the files' results: any failure, else any tag not set.
-int read_status(bool failed, bool not_set) {
-  return failed ? kExitFailed : not_set ? kExitNotFound : kExitOk;
+int add_tag(void* user, const char* name, const char* value) {
+  static_cast<FileTags*>(user)->add(name, value);
+  return 0;
 }
 
-// Reads every tag of `file` from its volume's database, and reports a file
-// that cannot be read.
-Read tags_from_database(const std::string& file, std::vector<Tag>* tags) {
-  const int rc = file_tags(file, tags);
-  if (rc == 0) return Read::kOk;
+// Reads the tags of `file` from its volume's database through `reader`;
+// reports a file that cannot be read. Returns false then.
+bool read_tags(tevu_reader* reader, const char* file, FileTags* tags) {
+  tags->clear();
+  const int rc = tevu_reader_file_tags(reader, file, add_tag, tags);
+  if (rc == 0) return tags->arena.ok();
   if (rc == ENOENT || !report_unread_volumes()) {
-    report({file}, rc == ENOENT ? setpath_reason(file)
-                                : "tag database could not be read: " + errno_reason(rc));
+    report({file}, rc == ENOENT ? setpath_reason(file) : errno_reason(rc));
   }
-  return Read::kFailed;
+  return false;
 }
 
-// Reads tag `name` of `file` into `value`, from the database or through the
-// mount, and reports what went wrong.
-Read get_one(const std::string& file, const std::string& name, bool via_mount,
-             std::string* value) {
-  if (via_mount) {
-    const int rc = read_through_mount(file, name, value_buffer_size(), value);
-    if (rc == 0) return Read::kOk;
-    if (rc == ENOENT && file_exists(file)) {
-      report({file, name}, "tag not set");
-      return Read::kNotSet;
-    }
-    report({file, name}, errno_reason(rc));
-    return Read::kFailed;
-  }
-  std::vector<Tag> tags;
-  if (tags_from_database(file, &tags) != Read::kOk) return Read::kFailed;
-  // Tag columns are named without regard to letter case, as the database
-  // names them.
-  for (const Tag& tag : tags) {
-    if (strcasecmp(tag.first.c_str(), name.c_str()) == 0) {
-      *value = tag.second;
-      return Read::kOk;
-    }
-  }
-  report({file, name}, "tag not set");
-  return Read::kNotSet;
+// Reads tag `name` of `file` through the mount. Returns 0 or an errno.
+int read_through_mount(const char* file, const char* name, FileTags* tags) {
+  const int limit = tevu_getmaxvaluelen();
+  const std::size_t size = static_cast<std::size_t>(limit > 4096 ? limit : 4096) + 1;
+  tevul::c_ptr<char> buf(static_cast<char*>(malloc(size)));
+  if (!buf) return ENOMEM;
+  const int rc = tevu_gettag(file, name, buf.get(), size);
+  if (rc == 0) tags->add(name, buf.get());
+  return rc;
 }
 
 // Lists the tags of `file` as the tag file system shows them: the regular
 // files of its tag directory, sorted by name.
-Read list_through_mount(const std::string& file, std::vector<Tag>* tags) {
-  const std::string mount = mount_point();
+bool list_through_mount(const char* file, FileTags* tags) {
   char canonical[PATH_MAX];
-  if (realpath(file.c_str(), canonical) == nullptr) {
+  if (realpath(file, canonical) == nullptr) {
     report({file}, errno_reason(errno));
-    return Read::kFailed;
+    return false;
   }
-  const std::string tag_dir = mount + "/meta" + canonical;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(tag_dir.c_str()), closedir);
-  if (!dir && errno == ENOENT) {
-    // No tag directory: a file without tags, or a file on no tagged volume.
-    std::vector<Tag> ignored;
-    return tags_from_database(file, &ignored);
-  }
+  char tag_dir[PATH_MAX];
+  tevul::format_cut(tag_dir, sizeof tag_dir, "%s/meta%s", tevu_mount_point(), canonical);
+  tevul::dir_ptr dir(opendir(tag_dir));
   if (!dir) {
-    report({file}, errno_reason(errno));
-    return Read::kFailed;
+    if (errno != ENOENT) {
+      report({file}, errno_reason(errno));
+      return false;
+    }
+    // No tag directory: a file without tags, or a file on no tagged volume.
+    if (!exists(canonical) || tevu_file_tags(file, add_tag, tags) != ENOENT) return true;
+    report({file}, setpath_reason(file));
+    return false;
   }
-  std::vector<std::string> names;
-  while (const struct dirent* entry = readdir(dir.get())) {
-    if (is_regular_entry(tag_dir, entry)) names.push_back(entry->d_name);
-  }
-  dir.reset();
-  std::sort(names.begin(), names.end());
-  const std::size_t value_size = value_buffer_size();
-  Read result = Read::kOk;
-  for (const std::string& name : names) {
-    std::string value;
-    const int rc = read_through_mount(file, name, value_size, &value);
-    if (rc != 0) {
-      report({file, name}, errno_reason(rc));
-      result = Read::kFailed;
+  text arena;
+  array<std::size_t> offsets;
+  while (const dirent* entry = readdir(dir.get())) {
+    struct stat st;
+    if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(st.st_mode)) {
       continue;
     }
-    tags->emplace_back(name, value);
+    offsets.push(arena.size());
+    arena.append(entry->d_name).push('\0');
   }
-  return result;
+  array<const char*> names;
+  for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
+  qsort(names.data(), names.size(), sizeof(const char*), compare_names);
+  bool ok = true;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const int rc = read_through_mount(file, names[i], tags);
+    if (rc != 0) {
+      report({file, names[i]}, errno_reason(rc));
+      ok = false;
+    }
+  }
+  return ok;
 }
 
-// The options -m and -0 of the reading commands.
-int parse_read_options(int argc, char** argv, bool* via_mount, bool* nul) {
-  return parse_options(argc, argv, "m0",
-                       {{"mount", no_argument, nullptr, 'm'},
-                        {"null", no_argument, nullptr, '0'}},
-                       [=](int c, const char*) {
-                         *(c == 'm' ? via_mount : nul) = true;
-                         return true;
-                       });
+// The options of the reading commands.
+struct ReadOptions {
+  bool via_mount = false, nul = false, json = false;
+};
+
+bool read_option(void* user, int c, const char*) {
+  ReadOptions* o = static_cast<ReadOptions*>(user);
+  if (c == 'm') o->via_mount = true;
+  if (c == '0') o->nul = true;
+  if (c == 'j') o->json = true;
+  return true;
 }
+
+const option kReadOptions[] = {{"mount", no_argument, nullptr, 'm'},
+                               {"null", no_argument, nullptr, '0'},
+                               {"json", no_argument, nullptr, 'j'},
+                               {nullptr, 0, nullptr, 0}};
+
+// Writes the record of one file: JSON, or the import form (with the path
+// when `with_path`), or each tag on a line of its own.
+void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
+               bool with_path, bool one_line) {
+  text record;
+  if (o.json) {
+    record.append("{\"path\":");
+    json_string(file, &record);
+    record.append(",\"tags\":{");
+    for (std::size_t i = 0; i < tags.count(); ++i) {
+      if (i > 0) record.push(',');
+      json_string(tags.name(i), &record);
+      record.push(':');
+      json_string(tags.value(i), &record);
+    }
+    record.append("}}");
+    emit(record, o.nul);
+    return;
+  }
+  if (one_line) {
+    escape_field(file, false, &record);
+    for (std::size_t i = 0; i < tags.count(); ++i) {
+      record.push('\t');
+      escape_field(tags.name(i), true, &record);
+      record.push('=');
+      escape_field(tags.value(i), false, &record);
+    }
+    emit(record, o.nul);
+    return;
+  }
+  for (std::size_t i = 0; i < tags.count(); ++i) {
+    record.clear();
+    if (with_path) record.append(file).push('\t');
+    record.append(tags.name(i)).push('=').append(tags.value(i));
+    emit(record, o.nul);
+  }
+}
+
+// True when the operand `arg` of `get` names a file: it holds a "/" (no
+// tag name does) or exists.
+bool names_file(const char* arg) { return strchr(arg, '/') != nullptr || exists(arg); }
 
 }  // namespace
 
 int cmd_get(int argc, char** argv) {
-  bool via_mount = false;
-  bool nul = false;
-  const int status = parse_read_options(argc, argv, &via_mount, &nul);
+  ReadOptions o;
+  const int status = parse_options(argc, argv, "m0", kReadOptions, read_option, &o);
   if (status >= 0) return status;
-  if (argc - optind < 2) return usage_error(argv[0], "expected FILE... NAME");
-  const std::vector<std::string> files(argv + optind, argv + argc - 1);
-  const std::string name = argv[argc - 1];
-  if (name.empty()) return usage_error(argv[0], "empty tag name");
+  // The files come first, then the names.
+  int first_name = optind;
+  while (first_name < argc && names_file(argv[first_name])) ++first_name;
+  for (int i = first_name; i < argc; ++i) {
+    if (strchr(argv[i], '/') != nullptr) {
+      return usage_error(argv[0], "'%s' comes after a tag name: the files come first "
+                         "(tevu get FILE... NAME...)", argv[i]);
+    }
+  }
+  if (first_name == optind) {
+    if (first_name < argc) {
+      return usage_error(argv[0], "'%s' is no file: the files come first "
+                         "(tevu get FILE... NAME...)", argv[optind]);
+    }
+    return usage_error(argv[0], "expected FILE... NAME...");
+  }
+  if (first_name == argc) {
+    // The last file named could have been meant as the name.
+    return usage_error(argv[0], "no tag name given after the files "
+                       "(tevu get FILE... NAME...)");
+  }
+  text scratch;
+  for (int i = first_name; i < argc; ++i) {
+    if (const char* refusal = name_refusal(argv[i], &scratch)) {
+      return usage_error(argv[0], "%s: %s", argv[i], refusal);
+    }
+  }
   if (!tag_fs_mounted()) return report_not_mounted();
-
-  bool failed = false;
-  bool not_set = false;
-  for (const std::string& file : files) {
-    std::string value;
-    const Read read = get_one(file, name, via_mount, &value);
-    failed |= read == Read::kFailed;
-    not_set |= read == Read::kNotSet;
-    if (read != Read::kOk) continue;
-    emit(files.size() > 1 ? file + "\t" + value : value, nul);
-  }
-  return read_status(failed, not_set);
-}
-
-int cmd_list(int argc, char** argv) {
-  bool via_mount = false;
-  bool nul = false;
-  const int status = parse_read_options(argc, argv, &via_mount, &nul);
-  if (status >= 0) return status;
-  if (argc - optind < 1) return usage_error(argv[0], "expected FILE...");
-  const std::vector<std::string> files(argv + optind, argv + argc);
-  if (!tag_fs_mounted()) return report_not_mounted();
-
-  bool failed = false;
-  for (const std::string& file : files) {
-    std::vector<Tag> tags;
-    const Read read = via_mount ? list_through_mount(file, &tags)
-                                : tags_from_database(file, &tags);
-    failed |= read == Read::kFailed;
-    const std::string prefix = files.size() > 1 ? file + "\t" : "";
-    for (const Tag& tag : tags) emit(prefix + tag.first + "=" + tag.second, nul);
-  }
-  return failed ? kExitFailed : kExitOk;
-}
-
-int cmd_del(int argc, char** argv) {
-  std::vector<std::string> names;
-  std::string pattern;
-  bool via_mount = false;
-  bool everywhere = false;
-  const int status = parse_options(
-      argc, argv, "t:g:m",
-      {{"tag", required_argument, nullptr, 't'},
-       {"glob", required_argument, nullptr, 'g'},
-       {"mount", no_argument, nullptr, 'm'},
-       {"all", no_argument, nullptr, 'a'}},
-      [&](int c, const char* arg) {
-        if (c == 'm') via_mount = true;
-        if (c == 'a') everywhere = true;
-        if (c == 'g') pattern = arg;
-        if (c == 't') names.push_back(arg);
-        return true;
-      });
-  if (status >= 0) return status;
-  if (everywhere) {
-    if (!names.empty() || !pattern.empty() || via_mount) {
-      return usage_error(argv[0], "--all takes tag names only");
-    }
-    names.assign(argv + optind, argv + argc);
-    if (names.empty()) return usage_error(argv[0], "expected --all NAME...");
-    for (const std::string& name : names) {
-      if (name.empty()) return usage_error(argv[0], "empty tag name");
-    }
-    return delete_everywhere(names);
-  }
-  if (names.empty() == pattern.empty()) {
-    return usage_error(argv[0], "give either -t NAME or -g PATTERN");
-  }
-  for (const std::string& name : names) {
-    if (name.empty()) return usage_error(argv[0], "empty tag name");
-  }
-  if (optind >= argc) return usage_error(argv[0], "no file given");
-  const std::vector<std::string> files(argv + optind, argv + argc);
-
-  bool failed = false;
-  if (!pattern.empty() || via_mount) {
-    if (!tag_fs_mounted()) return report_not_mounted();
-    for (const std::string& file : files) {
-      if (!file_exists(file)) {
-        report({file}, errno_reason(ENOENT));
-        failed = true;
-        continue;
-      }
-      if (!pattern.empty()) {
-        // A pattern that matches nothing gives whatever errno the search
-        // left, so a failure counts only while a matching tag remains.
-        const int rc = tevu_deltag_glob(file.c_str(), pattern.c_str());
-        if (rc != 0 && any_tag_matches(file, pattern)) {
-          report({file, pattern}, errno_reason(rc));
-          failed = true;
-        }
-        continue;
-      }
-      for (const std::string& name : names) {
-        const int rc = tevu_deltag(file.c_str(), name.c_str());
-        if (rc != 0 && rc != ENOENT) {  // a tag not set counts as removed
-          report({file, name}, errno_reason(rc));
-          failed = true;
-        }
-      }
-    }
-    return failed ? kExitFailed : kExitOk;
-  }
-
-  bulk_ptr ctx = open_bulk();
-  if (!ctx) return kExitNotMounted;
-  for (const std::string& file : files) {
-    if (tevu_bulk_setpath(ctx.get(), file.c_str()) != 0) {
-      report({file}, setpath_reason(file));
+  const int files = first_name - optind;
+  const int names = argc - first_name;
+  tevu_reader* raw_reader = o.via_mount ? nullptr : tevu_reader_open();
+  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(raw_reader, tevu_reader_close);
+  if (!o.via_mount && !reader) return report_not_mounted();
+  bool failed = false, not_set = false;
+  FileTags all, wanted;
+  for (int f = optind; f < first_name; ++f) {
+    const char* file = argv[f];
+    all.clear();
+    wanted.clear();
+    bool read = true;
+    if (!o.via_mount) read = read_tags(reader.get(), file, &all);
+    if (!read) {
       failed = true;
       continue;
     }
-    for (const std::string& name : names) {
-      const int rc = tevu_bulk_deltag(ctx.get(), name.c_str());
-      if (rc != 0) {
-        report({file, name}, bulk_reason(rc, name));
-        failed = true;
+    for (int n = first_name; n < argc; ++n) {
+      const char* value = nullptr;
+      if (o.via_mount) {
+        const int rc = read_through_mount(file, argv[n], &wanted);
+        if (rc != 0 && !(rc == ENOENT && exists(file))) {
+          report({file, argv[n]}, tagfile_reason(rc, file));
+          failed = true;
+          continue;
+        }
+        if (rc == 0) continue;
+      } else {
+        value = all.find(argv[n]);
+        if (value != nullptr) {
+          wanted.add(argv[n], value);
+          continue;
+        }
       }
+      report({file, argv[n]}, "tag not set");
+      not_set = true;
     }
-    if (!commit_file(ctx, {file})) {
-      failed = true;
-      if (!ctx) return report_not_mounted();
+    if (wanted.count() == 0) continue;
+    if (o.json || names > 1) {
+      emit_file(file, wanted, o, true, true);
+    } else {
+      text record;
+      if (files > 1) record.append(file).push('\t');
+      record.append(wanted.value(0));
+      emit(record, o.nul);
     }
+  }
+  return failed ? kExitFailed : not_set ? kExitNotFound : kExitOk;
+}
+
+int cmd_list(int argc, char** argv) {
+  ReadOptions o;
+  const int status = parse_options(argc, argv, "m0", kReadOptions, read_option, &o);
+  if (status >= 0) return status;
+  if (argc - optind < 1) return usage_error(argv[0], "expected FILE...");
+  for (int i = optind; i < argc; ++i) {
+    if (argv[i][0] == '\0') return usage_error(argv[0], "empty file name");
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(
+      o.via_mount ? nullptr : tevu_reader_open(), tevu_reader_close);
+  if (!o.via_mount && !reader) return report_not_mounted();
+  bool failed = false;
+  FileTags tags;
+  const bool several = argc - optind > 1;
+  for (int f = optind; f < argc; ++f) {
+    tags.clear();
+    const bool read = o.via_mount ? list_through_mount(argv[f], &tags)
+                                  : read_tags(reader.get(), argv[f], &tags);
+    failed |= !read;
+    if (read || tags.count() > 0) emit_file(argv[f], tags, o, several, false);
   }
   return failed ? kExitFailed : kExitOk;
 }
 
+// ---------------------------------------------------------------------------
+// del.
+
 namespace {
 
-// The old lookup: all tags of the first file whose tag `name` has `value`.
-int find_first(const std::string& name, const std::string& value, bool nul) {
-  for (std::size_t size = 4096;; size *= 4) {
-    malloc_ptr buf(static_cast<char*>(malloc(size)));
-    if (!buf) {
-      report({name + "=" + value}, errno_reason(ENOMEM));
-      return kExitFailed;
-    }
-    const int rc = tevu_metadata_for_tagvalue(name.c_str(), value.c_str(),
-                                              buf.get(), size);
-    if (rc == 0) {
-      emit_lines(buf.get(), nul);
-      return kExitOk;
-    }
-    if (rc == ENOSPC && size < kValueCeiling) continue;
-    if (!tag_fs_mounted()) return report_not_mounted();
-    if (rc == ENOSPC) {
-      report({name + "=" + value}, "the file's tags are too long to show");
-      return kExitFailed;
-    }
-    report({name + "=" + value}, "no file has this tag value");
-    return kExitNotFound;
-  }
-}
-
-struct FoundFiles {
-  bool nul = false;
-  bool with_tags = false;
-  unsigned long count = 0;
+struct Deleting {
+  array<const char*> names;
+  const char* pattern = nullptr;
+  bool via_mount = false, everywhere = false, dry_run = false;
 };
 
-// Prints one found file: its path, with -l followed by its tags as
-// TAB-separated NAME=VALUE fields (the form `tevu import` reads).
-int print_found(void* user, const char* path) {
-  FoundFiles* found = static_cast<FoundFiles*>(user);
-  ++found->count;
-  std::string record = path;
-  std::vector<Tag> tags;
-  if (found->with_tags) file_tags(path, &tags);
-  for (const Tag& tag : tags) record += "\t" + tag.first + "=" + tag.second;
-  emit(record, found->nul);
-  return 0;
+bool del_option(void* user, int c, const char* arg) {
+  Deleting* d = static_cast<Deleting*>(user);
+  switch (c) {
+    case 'm': d->via_mount = true; break;
+    case 'a': d->everywhere = true; break;
+    case 'n': d->dry_run = true; break;
+    case 'g': d->pattern = arg; break;
+    case 't': d->names.push(arg); break;
+    default: break;
+  }
+  return true;
+}
+
+// True when `file` still has a tag file whose name matches `pattern`.
+bool any_tag_matches(const char* file, const char* pattern) {
+  char canonical[PATH_MAX];
+  char tag_files[PATH_MAX];
+  if (realpath(file, canonical) == nullptr ||
+      !tevul::format_whole(tag_files, sizeof tag_files, "%s/meta%s/%s",
+                           tevu_mount_point(), canonical, pattern)) {
+    return true;  // cannot tell: keep the failure
+  }
+  glob_t found;
+  const int rc = glob(tag_files, GLOB_NOSORT, nullptr, &found);
+  globfree(&found);
+  return rc != GLOB_NOMATCH;
 }
 
 }  // namespace
 
-int cmd_find(int argc, char** argv) {
-  FoundFiles found;
-  bool first = false;
-  const int status = parse_options(
-      argc, argv, "0l",
-      {{"null", no_argument, nullptr, '0'},
-       {"long", no_argument, nullptr, 'l'},
-       {"first", no_argument, nullptr, 'f'}},
-      [&](int c, const char*) {
-        (c == '0' ? found.nul : c == 'l' ? found.with_tags : first) = true;
-        return true;
-      });
+int cmd_del(int argc, char** argv) {
+  Deleting d;
+  static const option kOptions[] = {
+      {"tag", required_argument, nullptr, 't'}, {"glob", required_argument, nullptr, 'g'},
+      {"mount", no_argument, nullptr, 'm'},     {"all", no_argument, nullptr, 'a'},
+      {"dry-run", no_argument, nullptr, 'n'},   {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "t:g:mn", kOptions, del_option, &d);
   if (status >= 0) return status;
-  const int operands = argc - optind;
-  if (operands < 1 || operands > 2 || (first && operands != 2)) {
-    return usage_error(argv[0], first ? "expected NAME VALUE" : "expected NAME [VALUE]");
+  text scratch;
+  if (d.everywhere) {
+    if (!d.names.empty() || d.pattern != nullptr || d.via_mount) {
+      return usage_error(argv[0], "--all takes tag names only");
+    }
+    if (optind >= argc) return usage_error(argv[0], "expected --all NAME...");
+    for (int i = optind; i < argc; ++i) {
+      if (const char* refusal = name_refusal(argv[i], &scratch)) {
+        return usage_error(argv[0], "%s: %s", argv[i], refusal);
+      }
+    }
+    return delete_everywhere(argv[0], argv + optind, argc - optind, d.dry_run);
   }
-  const std::string name = argv[optind];
-  if (name.empty()) return usage_error(argv[0], "empty tag name");
-  if (first) return find_first(name, argv[optind + 1], found.nul);
+  if (d.dry_run) return usage_error(argv[0], "-n goes with --all");
+  if (d.names.empty() == (d.pattern == nullptr)) {
+    return usage_error(argv[0], "give either -t NAME or -g PATTERN");
+  }
+  for (std::size_t i = 0; i < d.names.size(); ++i) {
+    if (const char* refusal = name_refusal(d.names[i], &scratch)) {
+      return usage_error(argv[0], "%s: %s", d.names[i], refusal);
+    }
+  }
+  if (optind >= argc) return usage_error(argv[0], "no file given");
+  if (!tag_fs_mounted()) return report_not_mounted();
 
-  const char* value = operands == 2 ? argv[optind + 1] : nullptr;
-  const std::string what = value != nullptr ? name + "=" + value : name;
-  const int rc = tevu_find_files(name.c_str(), value, print_found, &found);
-  if (rc == ENOENT && !tag_fs_mounted()) return report_not_mounted();
-  if (rc == EINVAL) {
-    report({what}, "tag name contains a double quote");
-    return kExitFailed;
+  unsigned long files = 0, removed = 0, failures = 0;
+  if (d.pattern != nullptr || d.via_mount) {
+    for (int f = optind; f < argc; ++f) {
+      const char* file = argv[f];
+      if (!exists(file)) {
+        report({file}, errno_reason(ENOENT));
+        ++failures;
+        continue;
+      }
+      if (d.pattern != nullptr) {
+        // A pattern that matches nothing gives whatever errno the search
+        // left, so a failure counts only while a matching tag remains.
+        const int rc = tevu_deltag_glob(file, d.pattern);
+        if (rc != 0 && any_tag_matches(file, d.pattern)) {
+          report({file, d.pattern}, errno_reason(rc));
+          ++failures;
+        } else {
+          ++files;
+        }
+        continue;
+      }
+      unsigned long here = 0;
+      for (std::size_t i = 0; i < d.names.size(); ++i) {
+        const int rc = tevu_deltag(file, d.names[i]);
+        if (rc == 0) ++here;
+        if (rc != 0 && rc != ENOENT) {  // a tag not set counts as removed
+          report({file, d.names[i]}, tagfile_reason(rc, file));
+          ++failures;
+        }
+      }
+      files += here > 0 ? 1 : 0;
+      removed += here;
+    }
+    summary("del", files, removed, failures, false);
+    return failures == 0 ? kExitOk : kExitFailed;
   }
-  if (rc != 0) {
-    if (!report_unread_volumes()) report({what}, "tag database failed: " + errno_reason(rc));
-    return kExitFailed;
+
+  tevul::bulk_ptr ctx = open_bulk();
+  if (!ctx) return kExitNotMounted;
+  char value[4096 + 1];  // more than any stored value
+  for (int f = optind; f < argc; ++f) {
+    const char* file = argv[f];
+    if (tevu_bulk_setpath(ctx.get(), file) != 0) {
+      report({file}, setpath_reason(file));
+      ++failures;
+      continue;
+    }
+    unsigned long here = 0;
+    for (std::size_t i = 0; i < d.names.size(); ++i) {
+      // Counted only when it was set.
+      const bool set = tevu_bulk_gettag(ctx.get(), d.names[i], value, sizeof value) == 0;
+      const int rc = tevu_bulk_deltag(ctx.get(), d.names[i]);
+      if (rc != 0) {
+        report({file, d.names[i]}, bulk_reason(rc, d.names[i], &scratch));
+        ++failures;
+        continue;
+      }
+      here += set ? 1 : 0;
+    }
+    if (!commit_file(ctx, file)) {
+      ++failures;
+      if (!ctx) return report_not_mounted();
+      continue;
+    }
+    files += here > 0 ? 1 : 0;
+    removed += here;
   }
-  if (found.count == 0) {
-    report({what}, value != nullptr ? "no file has this tag value"
-                                    : "no file has this tag");
-    return kExitNotFound;
-  }
-  return kExitOk;
+  ctx.reset();
+  summary("del", files, removed, failures, false);
+  return failures == 0 ? kExitOk : kExitFailed;
 }
 
 }  // namespace tevu_cli

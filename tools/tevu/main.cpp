@@ -3,10 +3,8 @@
 //   tevu [--help | --version] COMMAND [OPTIONS] [ARGUMENTS]
 //
 // The commands are in the table below; each has its own --help.
-#include <cstdio>
-#include <cstring>
-#include <exception>
-#include <string>
+#include <stdio.h>
+#include <string.h>
 
 #include "cli.h"
 
@@ -14,35 +12,41 @@ namespace tevu_cli {
 
 namespace {
 
-constexpr const char kVersion[] = "tevu 0.1.0";
+constexpr char kVersion[] = "tevu 0.1.0";
 
-constexpr const char kOverview[] =
+constexpr char kOverview[] =
     "Usage: tevu [--help | --version] COMMAND [OPTIONS] [ARGUMENTS]\n"
     "\n"
     "Tags (NAME=VALUE) of the files on the tagged volumes.\n"
     "\n"
     "Commands:\n";
 
-constexpr const char kOverviewEnd[] =
+constexpr char kOverviewEnd[] =
     "\n"
     "'tevu COMMAND --help' describes a command.\n"
     "\n"
+    "Every command that changes tags ends with one line on standard error:\n"
+    "'tevu: COMMAND: N files, M tags, K failures'.\n"
     "Exit status: 0 success; 1 a file or tag failed (each failure is reported\n"
     "on standard error as one line 'tevu: FILE: TAG: REASON'); 2 usage error;\n"
-    "3 the tag file system is not mounted; 4 not found (get, find, rename);\n"
-    "130 interrupted (import).\n";
+    "3 the tag file system is not mounted; 4 not found (get, find, rename,\n"
+    "del --all, deleted); 130 interrupted (import).\n";
 
-constexpr const char kSetHelp[] =
+constexpr char kSetHelp[] =
     "Usage: tevu set [-r [-n [-0]]] [-m] [--strip-backslashes]\n"
     "                -t NAME=VALUE [-t NAME=VALUE ...] FILE...\n"
     "\n"
     "Sets every given tag on every FILE, directly in the volumes' tag\n"
     "databases, one transaction per file. A failure of one file or tag is\n"
-    "reported and the others go on.\n"
+    "reported and the others go on. A tag name may not hold \"/\", \"=\", a\n"
+    "double quote or a control character, begin or end with a blank, or be\n"
+    "\".\" or \"..\"; names and values longer than the tag file system or the\n"
+    "database can hold are refused for every file, with the limit.\n"
     "\n"
     "  -t, --tag NAME=VALUE  a tag to set (repeatable; VALUE may be empty)\n"
     "  -r, --recursive       also every file and directory below each FILE,\n"
-    "                        walked on disk (symbolic links are left out)\n"
+    "                        walked on disk (symbolic links are left out); a\n"
+    "                        volume's root itself carries no tags\n"
     "  -n, --dry-run         only print the paths that would be tagged\n"
     "  -0, --null            (with -n) end each path with a NUL byte\n"
     "  -m, --mount           write the tag files through the mounted tag file\n"
@@ -51,58 +55,139 @@ constexpr const char kSetHelp[] =
     "                        (the tag database strips backslashes; without\n"
     "                        this option such a value is refused)\n";
 
-constexpr const char kGetHelp[] =
-    "Usage: tevu get [-m] [-0] FILE... NAME\n"
+constexpr char kGetHelp[] =
+    "Usage: tevu get [-m] [-0] [--json] FILE... NAME...\n"
     "\n"
-    "Prints the value of tag NAME of each FILE, followed by a line feed; with\n"
-    "several files each value follows the file's path and a TAB. Reads the\n"
-    "volumes' databases without taking a write lock. Exit status 4 when a\n"
-    "file does not carry the tag, 1 when something failed.\n"
+    "Prints the tags NAME of each FILE (the files come first, then the\n"
+    "names). With one file and one name, the value alone; with several files\n"
+    "and one name, PATH<TAB>VALUE; with several names, one record per file in\n"
+    "the form 'tevu import' reads (PATH<TAB>NAME=VALUE...). Reads the volumes'\n"
+    "databases through one connection per volume, without a write lock. Exit\n"
+    "status 4 when a file does not carry a tag, 1 when something failed.\n"
     "\n"
     "  -m, --mount  read the tag files through the mounted tag file system\n"
-    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
+    "  -0, --null   end each record with a NUL byte instead of a line feed\n"
+    "  --json       one JSON object per file: {\"path\":...,\"tags\":{...}}\n";
 
-constexpr const char kListHelp[] =
-    "Usage: tevu list [-m] [-0] FILE...\n"
+constexpr char kListHelp[] =
+    "Usage: tevu list [-m] [-0] [--json] FILE...\n"
     "\n"
     "Prints every tag of each FILE, one 'NAME=VALUE' per line, in the order\n"
     "the tags were first used on the volume; with several files each line\n"
-    "follows the file's path and a TAB. Reads the volumes' databases without\n"
-    "taking a write lock.\n"
+    "follows the file's path and a TAB. Reads the volumes' databases through\n"
+    "one connection per volume, without a write lock.\n"
     "\n"
     "  -m, --mount  list the tag directory the tag file system shows, sorted\n"
     "               by name\n"
-    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
+    "  -0, --null   end each record with a NUL byte instead of a line feed\n"
+    "  --json       one JSON object per file: {\"path\":...,\"tags\":{...}}\n";
 
-constexpr const char kDelHelp[] =
+constexpr char kDelHelp[] =
     "Usage: tevu del [-m] -t NAME [-t NAME ...] FILE...\n"
     "       tevu del -g PATTERN FILE...\n"
-    "       tevu del --all NAME...\n"
+    "       tevu del --all [-n] NAME...\n"
     "\n"
     "Removes the named tags from every FILE, directly in the tag databases\n"
     "(a tag that is not set counts as removed), or every tag whose name\n"
     "matches the glob PATTERN, through the mounted tag file system. With\n"
     "--all, removes each NAME from every file of every volume that carries\n"
-    "it, and reports on standard error how many files that were.\n"
+    "it, whether or not the file is still on the disk; exit status 4 when no\n"
+    "file carried it.\n"
     "\n"
     "  -t, --tag NAME       a tag to remove (repeatable)\n"
     "  -g, --glob PATTERN   remove the tags matching PATTERN (*, ?, [...])\n"
     "  -m, --mount          remove the named tag files through the mount\n"
-    "  --all                remove the NAMEs given as operands everywhere\n";
+    "  --all                remove the NAMEs given as operands everywhere\n"
+    "  -n, --dry-run        (with --all) only print the files that carry them\n";
 
-constexpr const char kRenameHelp[] =
-    "Usage: tevu rename [--strip-backslashes] OLD NEW\n"
+constexpr char kFindHelp[] =
+    "Usage: tevu find [-0] [-l] [--json] [--count] [--under DIR] CONDITION\n"
+    "       tevu find [-0] [-l] [--json] [--count] [--under DIR] NAME VALUE\n"
+    "       tevu find --first [-0] NAME VALUE\n"
     "\n"
-    "Renames tag OLD to NEW on every file of every volume that carries it:\n"
-    "each file gets NEW with OLD's value (replacing a value of NEW it had)\n"
-    "and loses OLD, in one transaction per file. Reports on standard error\n"
-    "how many files were renamed. Exit status 4 when no file carries OLD.\n"
-    "OLD and NEW must differ by more than letter case.\n"
+    "Prints the path of every file, on every tagged volume (or below DIR),\n"
+    "that satisfies CONDITION, or whose tag NAME has the value VALUE. Reads\n"
+    "without taking a write lock. Exit status 4 when no file matches.\n"
+    "A CONDITION is made of\n"
+    "  NAME            the file carries the tag\n"
+    "  NAME=VALUE      its value is VALUE (letter case ignored); also !=\n"
+    "  NAME<VALUE      also <=, >, >=: as numbers when both are numbers,\n"
+    "                  otherwise as text\n"
+    "  not C, C and C, C or C, (C)   in this order of binding\n"
+    "Words are quoted with '...' or \"...\" when they hold blanks or ( ) = ! < >.\n"
+    "Example: tevu find 'kind=photo and not year=2019 and rating>=4'\n"
     "\n"
-    "  --strip-backslashes  rename also values that hold a backslash, which\n"
-    "                       the tag database strips (refused otherwise)\n";
+    "  -l, --long      follow each path with the file's tags, TAB-separated\n"
+    "                  NAME=VALUE fields (the form 'tevu import' reads)\n"
+    "  --json          one JSON object per file: {\"path\":...} (with -l also\n"
+    "                  \"tags\":{...})\n"
+    "  --count         print only the number of files\n"
+    "  --under DIR     only DIR and the files below it\n"
+    "  --first         print all tags of the first file found, one 'NAME=VALUE'\n"
+    "                  per line (the lookup the tag file system's views use)\n"
+    "  -0, --null      end each record with a NUL byte instead of a line feed\n";
 
-constexpr const char kExportHelp[] =
+constexpr char kTagsHelp[] =
+    "Usage: tevu tags [--json] [-0] [DIR]\n"
+    "\n"
+    "Prints every tag name of every volume (or of DIR and the files below\n"
+    "it) with the number of files that carry it, as NAME<TAB>COUNT, sorted\n"
+    "with letter case ignored. Reads without taking a write lock.\n"
+    "\n"
+    "  --json      one JSON object per name: {\"name\":...,\"files\":N}\n"
+    "  -0, --null  end each record with a NUL byte instead of a line feed\n";
+
+constexpr char kValuesHelp[] =
+    "Usage: tevu values [--json] [-0] NAME [DIR]\n"
+    "\n"
+    "Prints every value of tag NAME (on every volume, or in DIR and below)\n"
+    "with the number of files that carry it, as VALUE<TAB>COUNT, sorted with\n"
+    "letter case ignored; values that differ only in letter case are one.\n"
+    "Exit status 4 when no file carries NAME.\n"
+    "\n"
+    "  --json      one JSON object per value: {\"value\":...,\"files\":N}\n"
+    "  -0, --null  end each record with a NUL byte instead of a line feed\n";
+
+constexpr char kRenameHelp[] =
+    "Usage: tevu rename [-n] [--merge] OLD NEW\n"
+    "\n"
+    "Renames tag OLD to NEW on every file of every volume that carries it,\n"
+    "whether or not the file is still on the disk: each file gets NEW with\n"
+    "OLD's value and loses OLD. Nothing is overwritten: when a file carries\n"
+    "both OLD and NEW, nothing is renamed at all (exit status 1) unless\n"
+    "--merge is given. Exit status 4 when no file carries OLD. OLD and NEW\n"
+    "must differ by more than letter case.\n"
+    "\n"
+    "  --merge        rename on the files that lack NEW; files that carry\n"
+    "                 both keep both, unchanged, and are counted\n"
+    "  -n, --dry-run  only print the files that would be renamed\n";
+
+constexpr char kImportHelp[] =
+    "Usage: tevu import [-0] [-q] [-n] [--json] [--strip-backslashes] < LINES\n"
+    "\n"
+    "Sets tags read from standard input, one file per line:\n"
+    "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
+    "(the form 'tevu export' writes), through one connection per volume, one\n"
+    "transaction per file. In every field \\t, \\n, \\r and \\\\ stand for TAB,\n"
+    "line feed, carriage return and backslash, and in a name \\= for \"=\"; any\n"
+    "other backslash is an error. Lines beginning with '#' and blank lines\n"
+    "are skipped; a carriage return before the line feed is dropped; a NUL\n"
+    "byte in a line is an error. A malformed line is reported with its\n"
+    "number, path and field, and sets nothing; the import goes on. While\n"
+    "standard error is a terminal a progress line shows the records done and\n"
+    "the rate (with the time left when standard input is a file). An\n"
+    "interrupt (Ctrl-C) stops after the current file (exit status 130); what\n"
+    "was done stays.\n"
+    "\n"
+    "  -0, --null           records end with a NUL byte instead of a line feed\n"
+    "  -q, --quiet          no progress line and no closing count\n"
+    "  -n, --dry-run        check every record and print the files it would\n"
+    "                       tag, change nothing\n"
+    "  --json               read JSON lines as 'tevu export --json' writes them\n"
+    "  --strip-backslashes  store values that hold a backslash without it\n"
+    "                       (refused otherwise: the database would strip it)\n";
+
+constexpr char kExportHelp[] =
     "Usage: tevu export [--json] [-0] [DIR]\n"
     "\n"
     "Prints every tag of every file on every tagged volume, or of DIR and\n"
@@ -110,182 +195,154 @@ constexpr const char kExportHelp[] =
     "reads:\n"
     "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
     "with TAB, line feed, carriage return and backslash in any field written\n"
-    "as \\t, \\n, \\r and \\\\. 'tevu import' of the output restores the\n"
-    "tags. Reads without taking a write lock; files that vanished from the\n"
-    "disk are included.\n"
+    "as \\t, \\n, \\r and \\\\, and \"=\" in a name as \\=. 'tevu import' of the\n"
+    "output restores the tags. Reads without taking a write lock; files that\n"
+    "vanished from the disk are included.\n"
     "\n"
     "  --json      one JSON object per line instead:\n"
-    "              {\"path\":\"...\",\"tags\":{\"NAME\":\"VALUE\",...}}\n"
+    "              {\"path\":\"...\",\"tags\":{\"NAME\":\"VALUE\",...}}; bytes that\n"
+    "              are not UTF-8 are written as \\udcXX\n"
     "  -0, --null  end each record with a NUL byte instead of a line feed\n";
 
-constexpr const char kFindHelp[] =
-    "Usage: tevu find [-0] [-l] NAME [VALUE]\n"
-    "       tevu find --first [-0] NAME VALUE\n"
+constexpr char kDeletedHelp[] =
+    "Usage: tevu deleted [-n] [-0] PATH...\n"
     "\n"
-    "Prints the path of every file, on every tagged volume, whose tag NAME\n"
-    "has the value VALUE (letter case ignored), or that carries NAME at all\n"
-    "when no VALUE is given. Reads without taking a write lock. Exit status\n"
-    "4 when no file matches.\n"
+    "Removes the tags of each PATH and of everything below it: call it after\n"
+    "a script deleted those files. A PATH that still exists is refused (its\n"
+    "files would lose their tags); so is an empty one. Paths are made\n"
+    "canonical against the disk (the existing parent, and the name kept).\n"
+    "Exit status 4 when nothing was tagged at a PATH. A pattern is not\n"
+    "expanded here: 'tevu cleanup DIR' finds vanished files by itself.\n"
     "\n"
-    "  -l, --long   follow each path with the file's tags, TAB-separated\n"
-    "               NAME=VALUE fields (the form 'tevu import' reads)\n"
-    "  --first      print all tags of the first file found, one 'NAME=VALUE'\n"
-    "               per line (the lookup the tag file system's views use)\n"
-    "  -0, --null   end each record with a NUL byte instead of a line feed\n";
+    "  -n, --dry-run  only print the files whose tags would be removed\n"
+    "  -0, --null     (with -n) end each path with a NUL byte\n";
 
-constexpr const char kImportHelp[] =
-    "Usage: tevu import [-0] [-q] [--strip-backslashes] < LINES\n"
+constexpr char kMovedHelp[] =
+    "Usage: tevu moved [-n] [--before] SRC... DST\n"
     "\n"
-    "Sets tags read from standard input, one file per line:\n"
-    "  PATH<TAB>NAME=VALUE[<TAB>NAME=VALUE...]\n"
-    "all through one connection per volume, one transaction per file. In\n"
-    "every field \\t, \\n, \\r and \\\\ stand for TAB, line feed, carriage\n"
-    "return and backslash (the form 'tevu export' writes); any other\n"
-    "backslash is an error. A carriage return before the line feed is\n"
-    "dropped. A malformed line is reported with its number, path and field,\n"
-    "and sets nothing; the import goes on. While standard error is a\n"
-    "terminal a progress line shows the files done, the rate and, when\n"
-    "standard input is a file, the records done of all, the percentage and\n"
-    "the time left; at the end one line sums up:\n"
-    "  tevu: import: FILES files, TAGS tags, FAILURES failures, SECONDS s\n"
-    "An interrupt (Ctrl-C) stops after the current file (exit status 130);\n"
-    "what was done stays.\n"
+    "Carries the tags of each SRC and of everything below it along to where\n"
+    "'mv SRC... DST' put it: DST/NAME (NAME the last component of SRC) when\n"
+    "DST is a directory that now holds NAME, otherwise DST itself; several\n"
+    "SRCs need a directory DST. Naming the whole destination (DST/NAME)\n"
+    "leaves no doubt. A SRC that still exists, or a destination that does\n"
+    "not, is refused (nothing changes). Within one volume the tags are\n"
+    "renamed; onto another volume every tag reaches the destination (merged\n"
+    "with tags already there) or the reason is said and every tag stays at\n"
+    "SRC; running the command again finishes an interrupted move. A\n"
+    "destination outside the tagged volumes drops the tags.\n"
     "\n"
-    "  -0, --null           records end with a NUL byte instead of a line feed\n"
-    "  -q, --quiet          no progress line and no summary\n"
-    "  --strip-backslashes  store values that hold a backslash without it\n"
-    "                       (refused otherwise: the database would strip it)\n";
+    "  --before       the move is about to happen: SRC must exist and the\n"
+    "                 destination must not (DST/NAME when DST is a directory)\n"
+    "  -n, --dry-run  only print the files whose tags would move\n";
 
-constexpr const char kDeletedHelp[] =
-    "Usage: tevu deleted PATH...\n"
-    "\n"
-    "Removes the tags of each PATH and of everything below it: call it when\n"
-    "a script deleted (or is about to delete) those files. PATH is taken as\n"
-    "written (made absolute, not resolved: the file may be gone).\n";
-
-constexpr const char kMovedHelp[] =
-    "Usage: tevu moved SRC DST\n"
-    "\n"
-    "Carries the tags of SRC and of everything below it over to DST: call it\n"
-    "when a script moved or renamed SRC to DST. Within one volume the tags\n"
-    "are renamed; onto another volume they are moved there (the source\n"
-    "volume keeps none, and the destination's tag lists are rebuilt, so\n"
-    "lookups find the new path at once); a DST outside the tagged volumes\n"
-    "drops them. Paths are taken as written.\n";
-
-constexpr const char kCleanupHelp[] =
-    "Usage: tevu cleanup [-n] [-0] DIR\n"
+constexpr char kCleanupHelp[] =
+    "Usage: tevu cleanup [-n] [-0] [--force] DIR\n"
     "\n"
     "Removes the tags of every file below DIR (or DIR itself) that no longer\n"
-    "exists, and prints each such path. An interrupt (Ctrl-C) stops the scan;\n"
-    "what was found until then is removed.\n"
+    "exists, and prints each such path. When every tagged file of the volume\n"
+    "is missing (its disk is not mounted, say), nothing is removed unless\n"
+    "--force is given. An interrupt (Ctrl-C) stops the scan; what was found\n"
+    "until then is removed.\n"
     "\n"
     "  -n, --dry-run  only print the paths, remove nothing\n"
-    "  -0, --null     end each path with a NUL byte instead of a line feed\n";
+    "  -0, --null     end each path with a NUL byte instead of a line feed\n"
+    "  --force        remove the tags even when every file is missing\n";
 
-constexpr const char kViewHelp[] =
+constexpr char kViewHelp[] =
     "Usage: tevu view create NAME\n"
     "       tevu view cond NAME CONDITION\n"
     "       tevu view group NAME GROUPING\n"
     "       tevu view events NAME on|off\n"
     "       tevu view path [-0] NAME\n"
+    "       tevu view show NAME\n"
+    "       tevu view list [-0]\n"
     "       tevu view delete NAME\n"
     "\n"
     "Configures the views that the tag file system builds. 'cond' and 'group'\n"
-    "create the view when needed; 'events' needs an existing view; 'path'\n"
-    "prints the directory in which the view's files appear.\n"
+    "create the view when needed; their text is passed to the tag file\n"
+    "system as it is, which alone defines its syntax (a view whose condition\n"
+    "it cannot read stays empty). 'events' needs an existing view; 'path'\n"
+    "prints the directory in which the view's files appear; 'show' prints\n"
+    "the view's configuration (cond=..., group=..., events=on|off); 'list'\n"
+    "prints every view's name.\n"
     "\n"
-    "  -0, --null  (path) end the path with a NUL byte instead of a line feed\n";
+    "  -0, --null  (path, list) end each record with a NUL byte\n";
 
-constexpr const char kLimitsHelp[] =
+constexpr char kLimitsHelp[] =
     "Usage: tevu limits\n"
     "\n"
     "Prints the limits the tag file system publishes, as\n"
     "  TAG_NAME_MAX=N\n"
     "  TAG_VALUE_MAX=N\n"
-    "Names and values must be shorter than these. 0 means unknown (exit 1).\n";
+    "Names and values must be shorter than these (and fit the tag database:\n"
+    "names of at most 56 bytes). 0 means unknown (exit 1).\n";
 
 }  // namespace
 
-const std::vector<Command>& commands() {
-  static const std::vector<Command> table = {
-      {"set", "set tags on files", kSetHelp, cmd_set},
-      {"get", "print one tag of files", kGetHelp, cmd_get},
-      {"list", "print every tag of files", kListHelp, cmd_list},
-      {"del", "remove tags from files", kDelHelp, cmd_del},
-      {"find", "list the files that carry a tag or a tag value", kFindHelp,
-       cmd_find},
-      {"rename", "rename a tag on every file", kRenameHelp, cmd_rename},
-      {"import", "set tags read from standard input", kImportHelp, cmd_import},
-      {"export", "print the tags of every file for import", kExportHelp,
-       cmd_export},
-      {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
-      {"moved", "carry tags along after a move", kMovedHelp, cmd_moved},
-      {"cleanup", "drop the tags of vanished files", kCleanupHelp, cmd_cleanup},
-      {"view", "create, configure and delete views", kViewHelp, cmd_view},
-      {"limits", "print the tag name and value limits", kLimitsHelp,
-       cmd_limits},
-  };
-  return table;
-}
+const Command kCommands[] = {
+    {"set", "set tags on files", kSetHelp, cmd_set},
+    {"get", "print tags of files", kGetHelp, cmd_get},
+    {"list", "print every tag of files", kListHelp, cmd_list},
+    {"del", "remove tags from files", kDelHelp, cmd_del},
+    {"find", "list the files that satisfy a condition", kFindHelp, cmd_find},
+    {"tags", "list the tag names with their counts", kTagsHelp, cmd_tags},
+    {"values", "list the values of a tag with their counts", kValuesHelp, cmd_values},
+    {"rename", "rename a tag on every file", kRenameHelp, cmd_rename},
+    {"import", "set tags read from standard input", kImportHelp, cmd_import},
+    {"export", "print the tags of every file for import", kExportHelp, cmd_export},
+    {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
+    {"moved", "carry tags along after a move", kMovedHelp, cmd_moved},
+    {"cleanup", "drop the tags of vanished files", kCleanupHelp, cmd_cleanup},
+    {"view", "create, configure, show and delete views", kViewHelp, cmd_view},
+    {"limits", "print the tag name and value limits", kLimitsHelp, cmd_limits},
+};
+const std::size_t kCommandCount = sizeof kCommands / sizeof kCommands[0];
 
 void print_help(const char* command) {
-  for (const Command& c : commands()) {
-    if (std::strcmp(c.name, command) == 0) {
-      std::fputs(c.help, stdout);
+  for (const Command& c : kCommands) {
+    if (strcmp(c.name, command) == 0) {
+      fputs(c.help, stdout);
       return;
     }
   }
-  std::fputs(kOverview, stdout);
-  for (const Command& c : commands()) {
-    std::printf("  %-8s %s\n", c.name, c.summary);
-  }
-  std::fputs(kOverviewEnd, stdout);
+  fputs(kOverview, stdout);
+  for (const Command& c : kCommands) printf("  %-8s %s\n", c.name, c.summary);
+  fputs(kOverviewEnd, stdout);
 }
 
 namespace {
 
 int run(int argc, char** argv) {
-  if (argc < 2) {
-    return usage_error("tevu", "no command given");
-  }
-  const std::string first = argv[1];
-  if (first == "--help" || first == "-h" || first == "help") {
-    print_help(argc > 2 && first == "help" ? argv[2] : "");
+  if (argc < 2) return usage_error("tevu", "no command given");
+  const char* first = argv[1];
+  if (strcmp(first, "--help") == 0 || strcmp(first, "-h") == 0 ||
+      strcmp(first, "help") == 0) {
+    print_help(argc > 2 && strcmp(first, "help") == 0 ? argv[2] : "");
     return kExitOk;
   }
-  if (first == "--version") {
-    std::puts(kVersion);
+  if (strcmp(first, "--version") == 0) {
+    puts(kVersion);
     return kExitOk;
   }
-  for (const Command& c : commands()) {
-    if (first != c.name) continue;
+  for (const Command& c : kCommands) {
+    if (strcmp(first, c.name) != 0) continue;
     // The command sees "tevu NAME" as its program name, so that its
     // messages and its help name it.
-    std::string program = std::string("tevu ") + c.name;
-    std::vector<char*> args(argv + 1, argv + argc);
-    args[0] = &program[0];
-    args.push_back(nullptr);
-    return c.run(argc - 1, args.data());
+    char program[32];
+    tevul::format_cut(program, sizeof program, "tevu %s", c.name);
+    argv[1] = program;
+    return c.run(argc - 1, argv + 1);
   }
-  if (!first.empty() && first[0] == '-') {
-    return usage_error("tevu", "unknown option " + first);
-  }
-  return usage_error("tevu", "unknown command '" + first + "'");
+  if (first[0] == '-') return usage_error("tevu", "unknown option %s", first);
+  return usage_error("tevu", "unknown command '%s'", first);
 }
 
 }  // namespace
 }  // namespace tevu_cli
 
 int main(int argc, char** argv) {
-  int status;
-  try {
-    status = tevu_cli::run(argc, argv);
-  } catch (const std::exception& e) {
-    tevu_cli::report({}, e.what());
-    status = tevu_cli::kExitFailed;
-  }
-  if (std::fflush(stdout) != 0 && status == tevu_cli::kExitOk) {
+  int status = tevu_cli::run(argc, argv);
+  if (fflush(stdout) != 0 && status == tevu_cli::kExitOk) {
     tevu_cli::report({}, "cannot write the output");
     status = tevu_cli::kExitFailed;
   }

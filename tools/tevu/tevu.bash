@@ -1,18 +1,42 @@
 # bash completion for tevu, the tag tool of the tagged volumes.
 # Installed as <datadir>/bash-completion/completions/tevu.
+#
+# Files and directories are offered one per candidate, whatever their names
+# hold (blanks, brackets); tag names come from 'tevu tags', which reads the
+# databases without a write lock.
+
+# Offers the files and directories that begin with the word being completed.
+_tevu_files() {
+  local IFS=$'\n'
+  COMPREPLY+=($(compgen -f -- "$cur"))
+  compopt -o filenames 2>/dev/null
+}
+
+# Offers the tag names that begin with `$1` (default: the word being
+# completed), each followed by `$2`.
+_tevu_tags() {
+  local prefix=${1-$cur} suffix=${2-} name
+  local -a names
+  mapfile -t names < <("${words[0]}" tags 2>/dev/null | cut -f1)
+  for name in "${names[@]}"; do
+    [[ $name == "$prefix"* ]] && COMPREPLY+=("$name$suffix")
+  done
+  [[ -n $suffix ]] && compopt -o nospace 2>/dev/null
+}
 
 _tevu() {
   local cur prev words cword
   if declare -F _init_completion >/dev/null 2>&1; then
-    _init_completion || return
+    _init_completion -n =: || return
   else
     cur=${COMP_WORDS[COMP_CWORD]}
     prev=${COMP_WORDS[COMP_CWORD-1]}
     words=("${COMP_WORDS[@]}")
     cword=$COMP_CWORD
   fi
+  COMPREPLY=()
 
-  local commands="set get list del find rename import export deleted moved cleanup view limits"
+  local commands="set get list del find tags values rename import export deleted moved cleanup view limits"
   if ((cword == 1)); then
     COMPREPLY=($(compgen -W "$commands --help --version" -- "$cur"))
     return
@@ -21,21 +45,24 @@ _tevu() {
   local command=${words[1]} options=""
   case $command in
     set) options="-t --tag -r --recursive -n --dry-run -0 --null -m --mount --strip-backslashes" ;;
-    get | list) options="-m --mount -0 --null" ;;
-    del) options="-t --tag -g --glob -m --mount --all" ;;
-    find) options="-l --long --first -0 --null" ;;
-    rename) options="--strip-backslashes" ;;
-    import) options="-0 --null -q --quiet --strip-backslashes" ;;
+    get | list) options="-m --mount -0 --null --json" ;;
+    del) options="-t --tag -g --glob -m --mount --all -n --dry-run" ;;
+    find) options="-l --long --first --count --under -0 --null --json" ;;
+    tags | values) options="--json -0 --null" ;;
+    rename) options="--merge -n --dry-run" ;;
+    import) options="-0 --null -q --quiet -n --dry-run --json --strip-backslashes" ;;
     export) options="--json -0 --null" ;;
-    cleanup) options="-n --dry-run -0 --null" ;;
+    deleted) options="-n --dry-run -0 --null" ;;
+    moved) options="-n --dry-run --before" ;;
+    cleanup) options="-n --dry-run -0 --null --force" ;;
     view)
       if ((cword == 2)); then
-        COMPREPLY=($(compgen -W "create cond group events path delete --help" -- "$cur"))
+        COMPREPLY=($(compgen -W "create cond group events path show list delete --help" -- "$cur"))
         return
       fi
       case ${words[2]} in
         events) ((cword == 4)) && { COMPREPLY=($(compgen -W "on off" -- "$cur")); return; } ;;
-        path) options="-0 --null" ;;
+        path | list) options="-0 --null" ;;
       esac
       ;;
     help)
@@ -45,17 +72,55 @@ _tevu() {
   esac
 
   case $prev in
-    -t | --tag | -g | --glob) return ;;  # a tag or a pattern: nothing to offer
+    -t | --tag)
+      # set -t NAME=VALUE: the name; del -t NAME: the name.
+      if [[ $command == set ]]; then
+        [[ $cur == *=* ]] || _tevu_tags "$cur" "="
+      else
+        _tevu_tags
+      fi
+      return
+      ;;
+    -g | --glob) return ;;  # a pattern: nothing to offer
+    --under) _tevu_files; return ;;
   esac
   if [[ $cur == -* ]]; then
     COMPREPLY=($(compgen -W "$options --help" -- "$cur"))
     return
   fi
+
+  # The operands before the one being completed, options left out.
+  local i operand=0 seen_file=0 all=0
+  for ((i = 2; i < cword; i++)); do
+    case ${words[i]} in
+      --all) all=1 ;;
+      -t | --tag | -g | --glob | --under) ((i++)) ;;
+      -*) ;;
+      *)
+        ((operand++))
+        [[ ${words[i]} == */* || -e ${words[i]} ]] && seen_file=1
+        ;;
+    esac
+  done
   case $command in
-    set | get | list | del | deleted | moved | cleanup | export)
-      COMPREPLY=($(compgen -f -- "$cur"))
-      compopt -o filenames 2>/dev/null
+    find)
+      # The condition's names; "and", "or", "not" between them.
+      if ((operand == 0)); then
+        _tevu_tags
+        COMPREPLY+=($(compgen -W "not" -- "$cur"))
+      elif ((operand == 1)); then
+        COMPREPLY+=($(compgen -W "and or not" -- "$cur"))
+      fi
       ;;
+    rename) ((operand < 2)) && _tevu_tags ;;
+    values) if ((operand == 0)); then _tevu_tags; else _tevu_files; fi ;;
+    del) if ((all)); then _tevu_tags; else _tevu_files; fi ;;
+    get)
+      # The files come first, then the names.
+      ((seen_file)) && _tevu_tags
+      _tevu_files
+      ;;
+    set | list | deleted | moved | cleanup | export | tags) _tevu_files ;;
   esac
 }
 complete -F _tevu tevu

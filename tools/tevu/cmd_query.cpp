@@ -1,0 +1,298 @@
+// The questions `tevu` asks the databases: find, tags and values.
+#include <errno.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include "cli.h"
+
+namespace tevu_cli {
+
+namespace {
+
+// The files that `find` found, and how it prints them.
+struct Finding {
+  bool nul = false, long_form = false, json = false, count_only = false, first = false;
+  const char* under = nullptr;
+  char under_path[PATH_MAX];
+  tevu_reader* reader = nullptr;
+  unsigned long count = 0;
+  bool failed = false;
+};
+
+int add_tag(void* user, const char* name, const char* value) {
+  text* record = static_cast<text*>(user);
+  record->push('\t');
+  escape_field(name, true, record);
+  record->push('=');
+  escape_field(value, false, record);
+  return 0;
+}
+
+int add_json_tag(void* user, const char* name, const char* value) {
+  text* record = static_cast<text*>(user);
+  if (record->c_str()[record->size() - 1] != '{') record->push(',');
+  json_string(name, record);
+  record->push(':');
+  json_string(value, record);
+  return 0;
+}
+
+// Prints one found file: its path; with -l its tags too, read through the
+// reader (one connection per volume).
+int print_found(void* user, const char* path) {
+  Finding* f = static_cast<Finding*>(user);
+  ++f->count;
+  if (f->count_only) return 0;
+  text record;
+  int rc = 0;
+  if (f->json) {
+    record.append("{\"path\":");
+    json_string(path, &record);
+    if (f->long_form) {
+      record.append(",\"tags\":{");
+      rc = tevu_reader_file_tags(f->reader, path, add_json_tag, &record);
+      record.push('}');
+    }
+    record.push('}');
+  } else if (f->long_form) {
+    escape_field(path, false, &record);
+    rc = tevu_reader_file_tags(f->reader, path, add_tag, &record);
+  } else {
+    record.append(path);
+  }
+  if (rc != 0) {
+    // Found by the search, but its tags could not be read: said, not
+    // printed half.
+    if (!report_unread_volumes()) reportf({path}, "tags not read: %s", errno_reason(rc));
+    f->failed = true;
+    return 0;
+  }
+  emit(record, f->nul);
+  return 0;
+}
+
+bool find_option(void* user, int c, const char* arg) {
+  Finding* f = static_cast<Finding*>(user);
+  switch (c) {
+    case '0': f->nul = true; break;
+    case 'l': f->long_form = true; break;
+    case 'j': f->json = true; break;
+    case 'c': f->count_only = true; break;
+    case 'f': f->first = true; break;
+    case 'u': f->under = arg; break;
+    default: break;
+  }
+  return true;
+}
+
+// The old lookup: all tags of the first file whose tag `name` has `value`.
+int find_first(const char* name, const char* value, bool nul) {
+  for (std::size_t size = 4096;; size *= 4) {
+    tevul::c_ptr<char> buf(static_cast<char*>(malloc(size)));
+    if (!buf) {
+      reportf({name, value}, "%s", errno_reason(ENOMEM));
+      return kExitFailed;
+    }
+    const int rc = tevu_metadata_for_tagvalue(name, value, buf.get(), size);
+    if (rc == 0) {
+      for (const char* line = buf.get(); *line != '\0';) {
+        const std::size_t len = strcspn(line, "\n");
+        if (len > 0) emit(line, len, nul);
+        line += len + (line[len] == '\n' ? 1 : 0);
+      }
+      return kExitOk;
+    }
+    if (rc == ENOSPC && size < (1u << 20)) continue;
+    if (!tag_fs_mounted()) return report_not_mounted();
+    if (rc == ENOSPC) {
+      report({name, value}, "the file's tags are too long to show");
+      return kExitFailed;
+    }
+    report({name, value}, "no file has this tag value");
+    return kExitNotFound;
+  }
+}
+
+// Shows where a condition failed to parse: the condition and a caret.
+int malformed(const char* command, const char* condition, std::size_t at) {
+  fprintf(stderr, "%s: malformed condition at character %zu:\n  %s\n  %*s^\n", command,
+          at + 1, condition, static_cast<int>(at), "");
+  fprintf(stderr, "%s: (see '%s --help' for conditions)\n", command, command);
+  return kExitUsage;
+}
+
+// Appends `word` to a condition as a quoted word.
+void quote_word(const char* word, text* out) {
+  out->push('"');
+  for (const char* p = word; *p != '\0'; ++p) {
+    if (*p == '"' || *p == '\\') out->push('\\');
+    out->push(*p);
+  }
+  out->push('"');
+}
+
+}  // namespace
+
+int cmd_find(int argc, char** argv) {
+  Finding f;
+  static const option kOptions[] = {
+      {"null", no_argument, nullptr, '0'},  {"long", no_argument, nullptr, 'l'},
+      {"json", no_argument, nullptr, 'j'},  {"count", no_argument, nullptr, 'c'},
+      {"first", no_argument, nullptr, 'f'}, {"under", required_argument, nullptr, 'u'},
+      {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "0l", kOptions, find_option, &f);
+  if (status >= 0) return status;
+  const int operands = argc - optind;
+  if (operands < 1 || operands > 2 || (f.first && operands != 2)) {
+    return usage_error(argv[0], f.first ? "expected NAME VALUE" : "expected CONDITION");
+  }
+  text scratch;
+  if (operands == 2) {
+    if (const char* refusal = name_refusal(argv[optind], &scratch)) {
+      return usage_error(argv[0], "%s: %s", argv[optind], refusal);
+    }
+  }
+  if (f.first) return find_first(argv[optind], argv[optind + 1], f.nul);
+  if (f.under != nullptr) {
+    if (const int rc = disk_path(f.under, f.under_path)) {
+      if (rc == EINVAL) return usage_error(argv[0], "--under needs a directory");
+      report({f.under}, errno_reason(rc));
+      return kExitFailed;
+    }
+    f.under = f.under_path;
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+
+  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(
+      f.long_form ? tevu_reader_open() : nullptr, tevu_reader_close);
+  f.reader = reader.get();
+  int rc;
+  text condition;
+  if (operands == 2 && f.under == nullptr) {
+    rc = tevu_find_files(argv[optind], argv[optind + 1], print_found, &f);
+  } else {
+    if (operands == 2) {
+      quote_word(argv[optind], &condition);
+      condition.push('=');
+      quote_word(argv[optind + 1], &condition);
+    } else {
+      condition.append(argv[optind]);
+    }
+    std::size_t at = 0;
+    rc = tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
+    if (rc == EINVAL && operands == 1) return malformed(argv[0], argv[optind], at);
+  }
+  if (f.count_only && rc == 0) printf("%lu\n", f.count);
+  if (rc == EINVAL) {
+    report({argv[optind]}, "tag name holds a double quote");
+    return kExitFailed;
+  }
+  if (rc != 0) {
+    if (!report_unread_volumes()) {
+      reportf({argv[optind]}, "tag database failed: %s", errno_reason(rc));
+    }
+    return kExitFailed;
+  }
+  if (f.failed) return kExitFailed;
+  if (f.count == 0) {
+    report({argv[optind], operands == 2 ? argv[optind + 1] : nullptr}, "no file matches");
+    return kExitNotFound;
+  }
+  return kExitOk;
+}
+
+// ---------------------------------------------------------------------------
+// tags and values.
+
+namespace {
+
+struct Counting {
+  bool nul = false, json = false;
+  const char* key = "name";
+  unsigned long count = 0;
+};
+
+bool count_option(void* user, int c, const char*) {
+  Counting* o = static_cast<Counting*>(user);
+  if (c == '0') o->nul = true;
+  if (c == 'j') o->json = true;
+  return true;
+}
+
+const option kCountOptions[] = {{"null", no_argument, nullptr, '0'},
+                                {"json", no_argument, nullptr, 'j'},
+                                {nullptr, 0, nullptr, 0}};
+
+int print_count(void* user, const char* text_value, unsigned long count) {
+  Counting* o = static_cast<Counting*>(user);
+  ++o->count;
+  text record;
+  if (o->json) {
+    record.appendf("{\"%s\":", o->key);
+    json_string(text_value, &record);
+    record.appendf(",\"files\":%lu}", count);
+  } else {
+    escape_field(text_value, false, &record);
+    record.appendf("\t%lu", count);
+  }
+  emit(record, o->nul);
+  return 0;
+}
+
+// Runs a count query below the optional DIR operand `dir`.
+int run_count(const char* command, const char* name, const char* dir, Counting* o) {
+  char under[PATH_MAX];
+  if (dir != nullptr) {
+    if (const int rc = disk_path(dir, under)) {
+      if (rc == EINVAL) return usage_error(command, "empty DIR");
+      report({dir}, errno_reason(rc));
+      return kExitFailed;
+    }
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  const char* below = dir != nullptr ? under : nullptr;
+  const int rc = name != nullptr ? tevu_tag_values(name, below, print_count, o)
+                                 : tevu_tag_names(below, print_count, o);
+  if (rc == 0) {
+    if (name != nullptr && o->count == 0) {
+      report({name}, "no file has this tag");
+      return kExitNotFound;
+    }
+    return kExitOk;
+  }
+  if (!report_unread_volumes()) {
+    report({dir != nullptr ? dir : name}, rc == ENOENT && dir != nullptr
+                                              ? "not on a tagged volume"
+                                              : errno_reason(rc));
+  }
+  return kExitFailed;
+}
+
+}  // namespace
+
+int cmd_tags(int argc, char** argv) {
+  Counting o;
+  const int status = parse_options(argc, argv, "0", kCountOptions, count_option, &o);
+  if (status >= 0) return status;
+  if (argc - optind > 1) return usage_error(argv[0], "expected at most one DIR");
+  return run_count(argv[0], nullptr, optind < argc ? argv[optind] : nullptr, &o);
+}
+
+int cmd_values(int argc, char** argv) {
+  Counting o;
+  o.key = "value";
+  const int status = parse_options(argc, argv, "0", kCountOptions, count_option, &o);
+  if (status >= 0) return status;
+  const int operands = argc - optind;
+  if (operands < 1 || operands > 2) return usage_error(argv[0], "expected NAME [DIR]");
+  text scratch;
+  if (const char* refusal = name_refusal(argv[optind], &scratch)) {
+    return usage_error(argv[0], "%s: %s", argv[optind], refusal);
+  }
+  return run_count(argv[0], argv[optind], operands == 2 ? argv[optind + 1] : nullptr, &o);
+}
+
+}  // namespace tevu_cli
