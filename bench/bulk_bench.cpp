@@ -376,9 +376,145 @@ double run_hand_read(const std::string& volume, long n, int count) {
   return seconds_since(start) / count;
 }
 
+// Mean seconds of realpath() alone over `count` random files, the part of
+// a reader's call that is not the reader's.
+double run_realpath(const std::string& volume, long n, int count) {
+  std::mt19937 random(5);
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    char canonical[4096];
+    const std::string path = file_path(volume, static_cast<long>(random() % n));
+    if (realpath(path.c_str(), canonical) == nullptr) return -1;
+  }
+  return seconds_since(start) / count;
+}
+
+// Mean seconds of the tags of one named file through one reader, over
+// `count` random files.
+double run_reader(const std::string& volume, long n, int count) {
+  std::mt19937 random(5);
+  tevu_reader* reader = tevu_reader_open();
+  if (reader == nullptr) return -1;
+  const auto start = std::chrono::steady_clock::now();
+  for (int k = 0; k < count; ++k) {
+    int tags = 0;
+    const std::string path = file_path(volume, static_cast<long>(random() % n));
+    if (tevu_reader_file_tags(reader, path.c_str(),
+                              [](void* user, const char*, const char*) {
+                                return ++*static_cast<int*>(user), 0;
+                              },
+                              &tags) != 0 ||
+        tags != kTags) {
+      return -1;
+    }
+  }
+  const double seconds = seconds_since(start) / count;
+  tevu_reader_close(reader);
+  return seconds;
+}
+
+int count_one(void* user, const char*, unsigned long) { return ++*static_cast<long*>(user), 0; }
+
+// Seconds of every tag name with its count (`name` NULL), or of every value
+// of tag `name` with its count; `expected` texts must come.
+double run_counts(const char* name, long expected) {
+  long seen = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int rc = name == nullptr ? tevu_tag_names(nullptr, count_one, &seen)
+                                 : tevu_tag_values(name, nullptr, count_one, &seen);
+  const double seconds = seconds_since(start);
+  return rc == 0 && seen == expected ? seconds : -1;
+}
+
+// Seconds of one search by condition that finds `expected` files.
+double run_condition(const char* condition, long expected) {
+  long found = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int rc = tevu_find_where(condition, nullptr,
+                                 [](void* user, const char*) {
+                                   return ++*static_cast<long*>(user), 0;
+                                 },
+                                 &found, nullptr);
+  const double seconds = seconds_since(start);
+  return rc == 0 && found == expected ? seconds : -1;
+}
+
+// Seconds of what `tevu find -l kind` does: the search, then every found
+// file's tags through one reader; against `tevu export`'s walk.
+double run_find_long(long n) {
+  struct state {
+    tevu_reader* reader;
+    long tags;
+  } s{tevu_reader_open(), 0};
+  const auto start = std::chrono::steady_clock::now();
+  const int rc = tevu_find_files(
+      "kind", nullptr,
+      [](void* user, const char* path) {
+        state* st = static_cast<state*>(user);
+        return tevu_reader_file_tags(st->reader, path,
+                                     [](void* u, const char*, const char*) {
+                                       return ++*static_cast<long*>(u), 0;
+                                     },
+                                     &st->tags);
+      },
+      &s);
+  const double seconds = seconds_since(start);
+  tevu_reader_close(s.reader);
+  return rc == 0 && s.tags == n * kTags ? seconds : -1;
+}
+
+double run_export(long n) {
+  long files = 0;
+  const auto start = std::chrono::steady_clock::now();
+  const int rc = tevu_tagged_files(nullptr,
+                                   [](void* user, const char*, size_t, const char* const*,
+                                      const char* const*) {
+                                     return ++*static_cast<long*>(user), 0;
+                                   },
+                                   &files);
+  const double seconds = seconds_since(start);
+  return rc == 0 && files == n ? seconds : -1;
+}
+
 // The query rows of the table, at N = n, on the database the last library
 // run filled.
 bool print_queries(const char* medium, const std::string& volume, long n) {
+  const int readings = n < 100000 ? static_cast<int>(n) : 100000;
+  const Measure paths = in_child([&] { return run_realpath(volume, n, readings); });
+  const Measure reader = in_child([&] { return run_reader(volume, n, readings); });
+  const Measure names = in_child([&] { return run_counts(nullptr, kTags); });
+  const Measure kinds = in_child([&] { return run_counts("kind", 2); });
+  const Measure albums = in_child([&] { return run_counts("album", (n + 99) / 100); });
+  const Measure ids = in_child([&] { return run_counts("id", n); });
+  const std::string one_id = "id=i" + std::to_string(n / 2) + " and kind=scan";
+  const Measure by_index = in_child([&] { return run_condition(one_id.c_str(), 1); });
+  const Measure scan = in_child([&] {
+    return run_condition("kind=photo and not rating=3", n / 2 - n / 10);
+  });
+  const Measure find_long = in_child([&] { return run_find_long(n); });
+  const Measure walk = in_child([&] { return run_export(n); });
+  for (const Measure* m :
+       {&paths, &reader, &names, &kinds, &albums, &ids, &by_index, &scan, &find_long, &walk}) {
+    if (m->seconds < 0) return false;
+  }
+  std::printf("| %s | reader, tags of one named file (mean of %d) | %ld | %.6f | | | %.1f | "
+              "%.1f us beyond realpath (%.1f us) |\n",
+              medium, readings, n, reader.seconds, reader.peak_kb / 1024.0,
+              (reader.seconds - paths.seconds) * 1e6, paths.seconds * 1e6);
+  std::printf("| %s | tag names with counts | %ld | %.4f | | | %.1f | |\n", medium, n,
+              names.seconds, names.peak_kb / 1024.0);
+  std::printf("| %s | values of kind (2) / album (%ld) / id (%ld) | %ld | %.4f / %.4f / %.4f | "
+              "| | %.1f | |\n",
+              medium, (n + 99) / 100, n, n, kinds.seconds, albums.seconds, ids.seconds,
+              ids.peak_kb / 1024.0);
+  std::printf("| %s | condition '%s' (index) | %ld | %.4f | | | %.1f | |\n", medium,
+              one_id.c_str(), n, by_index.seconds, by_index.peak_kb / 1024.0);
+  std::printf("| %s | condition 'kind=photo and not rating=3' | %ld | %.4f | | | %.1f | |\n",
+              medium, n, scan.seconds, scan.peak_kb / 1024.0);
+  std::printf("| %s | find -l kind (search + reader) / export walk | %ld | %.3f / %.3f | | | "
+              "%.1f | %.2f x |\n",
+              medium, n, find_long.seconds, walk.seconds, find_long.peak_kb / 1024.0,
+              find_long.seconds / walk.seconds);
   const Measure meta = in_child([&] { return run_meta_reads(volume, 200); });
   const Measure by_value = in_child([&] { return run_find_value(n, 200); });
   const Measure all = in_child([&] { return run_find_all(n); });
