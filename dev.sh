@@ -137,7 +137,7 @@ fuzz() {
   CC=clang CXX=clang++ build build-fuzz -DTEVUL_BUILD_FUZZERS=ON \
     -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF -DTEVUL_BUILD_TOOLS=OFF
   mkdir -p build-fuzz/findings
-  for target in fuzz_limits fuzz_runtime_file fuzz_data_encoding fuzz_strings; do
+  for target in fuzz_limits fuzz_runtime_file fuzz_data_encoding fuzz_strings fuzz_condition; do
     mkdir -p "build-fuzz/corpus/$target"
     echo "fuzzing $target for ${FUZZ_SECONDS} s"
     local status=0
