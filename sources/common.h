@@ -297,6 +297,15 @@ class array {
   void truncate(std::size_t n) {
     if (n < size_) size_ = n;
   }
+  // Sorts the items with qsort()'s comparison.
+  void sort(int (*compare)(const void*, const void*)) {
+    if (size_ > 1) std::qsort(items_, size_, sizeof(T), compare);
+  }
+  // The item equal to `key` in a sorted array, or NULL.
+  const T* find(const T& key, int (*compare)(const void*, const void*)) const {
+    if (size_ == 0) return nullptr;
+    return static_cast<const T*>(std::bsearch(&key, items_, size_, sizeof(T), compare));
+  }
   bool push(const T& item) {
     if (size_ == capacity_) {
       const std::size_t grown = capacity_ == 0 ? 16 : 2 * capacity_;

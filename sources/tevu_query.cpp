@@ -513,7 +513,7 @@ class tally {
     for (std::size_t i = 0; i < offsets_.size(); ++i) {
       if (!items.push(item{base + offsets_[i].offset, offsets_[i].count})) return ENOMEM;
     }
-    qsort(items.data(), items.size(), sizeof(item), [](const void* a, const void* b) {
+    items.sort([](const void* a, const void* b) {
       const char* x = static_cast<const item*>(a)->text;
       const char* y = static_cast<const item*>(b)->text;
       const int folded = strcasecmp(x, y);

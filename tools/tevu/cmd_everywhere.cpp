@@ -35,10 +35,10 @@ struct Carriers {
   void sort() {
     sorted.clear();
     for (std::size_t i = 0; i < offsets.size(); ++i) sorted.push(arena.c_str() + offsets[i]);
-    qsort(sorted.data(), sorted.size(), sizeof(const char*), compare);
+    sorted.sort(compare);
   }
   bool has(const char* path) const {
-    return bsearch(&path, sorted.data(), sorted.size(), sizeof(const char*), compare) != nullptr;
+    return sorted.find(path, compare) != nullptr;
   }
 };
 

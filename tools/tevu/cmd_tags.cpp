@@ -80,7 +80,7 @@ void walk_dir(int fd, text& path, Walk* walk) {
   }
   array<const char*> names;
   for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
-  qsort(names.data(), names.size(), sizeof(const char*), compare_names);
+  names.sort(compare_names);
   const std::size_t base = path.size();
   for (std::size_t i = 0; i < names.size(); ++i) {
     path.truncate(base);
@@ -372,7 +372,7 @@ bool list_through_mount(const char* file, FileTags* tags) {
   }
   array<const char*> names;
   for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
-  qsort(names.data(), names.size(), sizeof(const char*), compare_names);
+  names.sort(compare_names);
   bool ok = true;
   for (std::size_t i = 0; i < names.size(); ++i) {
     const int rc = read_through_mount(file, names[i], tags);

@@ -61,7 +61,7 @@ void list_views(const char* dir, text& name, bool nul) {
   if (!name.empty() && (config || !subdirs)) emit(name, nul);
   array<const char*> names;
   for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
-  qsort(names.data(), names.size(), sizeof(const char*), [](const void* a, const void* b) {
+  names.sort([](const void* a, const void* b) {
     return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
   });
   const std::size_t base = name.size();
