@@ -339,25 +339,7 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
     sqlite3_bind_text(stmt.get(), static_cast<int>(n) + 2, pattern.get(), -1,
                       SQLITE_STATIC);
   }
-  text paths;
-  tevul::array<std::size_t> starts;
-  return tevul::in_batches(
-      stmt.get(), static_cast<int>(after),
-      [&](sqlite3_stmt* s) {
-        const char* path = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
-        if (!starts.push(paths.size())) return ENOMEM;
-        paths.append(root).append(path != nullptr ? path : "").push('\0');
-        return paths.ok() ? 0 : ENOMEM;
-      },
-      [&](int* stopped) {
-        for (std::size_t i = 0; i < starts.size() && *stopped == 0; ++i) {
-          *stopped = cb(user, paths.c_str() + starts[i]);
-        }
-        paths.clear();
-        starts.clear();
-        return 0;
-      },
-      stop);
+  return tevul::paths_in_batches(stmt.get(), static_cast<int>(after), root, cb, user, stop);
 }
 
 int find_where(const char* source, const char* under, tevu_file_cb cb, void* user,

@@ -240,6 +240,29 @@ int locate_literal(const char* path, tevu_volume* volume, const char** rel,
   return 0;
 }
 
+int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
+                     tevu_file_cb cb, void* user, int* stop) {
+  text paths;
+  array<std::size_t> starts;
+  return in_batches(
+      stmt, after_param,
+      [&](sqlite3_stmt* s) {
+        const char* path = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
+        if (!starts.push(paths.size())) return ENOMEM;
+        paths.append(root).append(path != nullptr ? path : "").push('\0');
+        return paths.ok() ? 0 : ENOMEM;
+      },
+      [&](int* stopped) {
+        for (std::size_t i = 0; i < starts.size() && *stopped == 0; ++i) {
+          *stopped = cb(user, paths.c_str() + starts[i]);
+        }
+        paths.clear();
+        starts.clear();
+        return 0;
+      },
+      stop);
+}
+
 bool find_sql(const char* name, bool by_value, const char* rowid, char* out,
               std::size_t size) {
   return tag_sql_safe(name) &&
@@ -328,25 +351,7 @@ int find_in(query_db& db, const char* root, const char* name, const char* value,
   const int prepared = tevul::prepare(db.db.get(), sql, -1, stmt);
   if (prepared != SQLITE_OK) return query_errno(db.db.get(), prepared);
   if (value != nullptr) sqlite3_bind_text(stmt.get(), 1, value, -1, SQLITE_STATIC);
-  text paths;
-  array<std::size_t> starts;
-  return in_batches(
-      stmt.get(), value != nullptr ? 2 : 1,
-      [&](sqlite3_stmt* s) {
-        const char* path = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
-        if (!starts.push(paths.size())) return ENOMEM;
-        paths.append(root).append(path != nullptr ? path : "").push('\0');
-        return paths.ok() ? 0 : ENOMEM;
-      },
-      [&](int* stopped) {
-        for (std::size_t i = 0; i < starts.size() && *stopped == 0; ++i) {
-          *stopped = cb(user, paths.c_str() + starts[i]);
-        }
-        paths.clear();
-        starts.clear();
-        return 0;
-      },
-      stop);
+  return tevul::paths_in_batches(stmt.get(), value != nullptr ? 2 : 1, root, cb, user, stop);
 }
 
 int find_files(const char* name, const char* value, tevu_file_cb cb, void* user) {

@@ -133,6 +133,12 @@ int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
   }
 }
 
+// Runs a search `stmt` (row id and stored path of each row, batched as
+// in_batches() wants) and hands each file's absolute path, `root` and the
+// stored path, to `cb`. Returns 0 or an errno; *stop as in_batches().
+int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
+                     tevu_file_cb cb, void* user, int* stop);
+
 // ---------------------------------------------------------------------------
 // The volumes.
 
