@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "common.h"
 #include "sandbox.h"
 #include "tevul.h"
 
@@ -69,17 +70,10 @@ Rows rows(const std::string& volume, const std::string& sql);
 // it through a bulk context of its own, committed on return.
 void tag_file(const std::string& file, const Tags& tags);
 
-struct TagDbCloser {
-  void operator()(metadb_tagdb* db) const { metadb_tagdb_close(db); }
-};
-// A library handle closed at the end of its scope.
-using TagDbHandle = std::unique_ptr<metadb_tagdb, TagDbCloser>;
-
-struct BulkFini {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
-// A bulk context released (and committed) at the end of its scope.
-using Bulk = std::unique_ptr<tevu_bulk_ctx, BulkFini>;
+// A library handle closed, and a bulk context released (and committed), at
+// the end of their scope: the library's own owners.
+using TagDbHandle = tevul::tagdb_ptr;
+using Bulk = tevul::bulk_ptr;
 
 // A test in a Sandbox of its own (see sandbox.h); skipped, saying why, where
 // a sandbox cannot be built.
