@@ -11,6 +11,8 @@
 #define TEVUL_COMMON_H
 
 #include <dirent.h>
+#include <glob.h>
+#include <mntent.h>
 #include <pthread.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -122,6 +124,18 @@ struct file_closer {
 };
 // A stream closed with fclose().
 using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+struct mnt_closer {
+  void operator()(FILE* f) const { endmntent(f); }
+};
+// A mount table stream closed with endmntent().
+using mnt_ptr = std::unique_ptr<FILE, mnt_closer>;
+
+struct glob_releaser {
+  void operator()(glob_t* g) const { globfree(g); }
+};
+// The matches of a glob() that filled them, released with globfree().
+using glob_ptr = std::unique_ptr<glob_t, glob_releaser>;
 
 struct dir_closer {
   void operator()(DIR* d) const { closedir(d); }

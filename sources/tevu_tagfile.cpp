@@ -103,10 +103,6 @@ tevul::file_ptr open_tag_file(const char* tag_file, const char* mode) {
   return file;
 }
 
-struct glob_releaser {
-  void operator()(glob_t* g) const { globfree(g); }
-};
-
 // True for a glob match that names the tag directory itself or its parent
 // (a pattern such as ".*" matches "." and ".."): never a tag.
 bool is_dot_entry(const char* match) {
@@ -155,7 +151,7 @@ extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
   glob_t matches;
   // Only the pattern matches by pattern: the file's own path was quoted.
   const int rc = glob(tag_file, GLOB_NOSORT, nullptr, &matches);
-  std::unique_ptr<glob_t, glob_releaser> release(&matches);
+  tevul::glob_ptr release(&matches);
   // glob's own code is never returned: with no match the result is errno as
   // it stands, as callers have always seen it.
   if (rc != 0) return errno;

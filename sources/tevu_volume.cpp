@@ -81,11 +81,6 @@ pthread_mutex_t g_cache_lock = PTHREAD_MUTEX_INITIALIZER;
 std::atomic<const char*> g_mount_point{nullptr};
 tevul::meta_dir_cache g_meta_dir;
 
-// A mount table stream closed with endmntent().
-struct mnt_closer {
-  void operator()(FILE* f) const { endmntent(f); }
-};
-
 // Reads the target of link `link` into `vol->db_path`. A target that does
 // not fit with its terminator counts as unreadable.
 bool read_db_link(tevu_volume* vol, const char* link) {
@@ -103,7 +98,7 @@ const char* tevu_find_mount() {
   if (const char* known = g_mount_point.load(std::memory_order_acquire)) return known;
   const tevul::mutex_hold hold(&g_cache_lock);
   if (const char* known = g_mount_point.load(std::memory_order_relaxed)) return known;
-  std::unique_ptr<FILE, mnt_closer> table(setmntent(kMountTable, "r"));
+  tevul::mnt_ptr table(setmntent(kMountTable, "r"));
   if (!table) return nullptr;
   // getmntent() would share one entry among all threads.
   mntent entry;
