@@ -8,7 +8,7 @@
 #                      big-endian under qemu-mips; then run each fuzz target
 #                      for FUZZ_SECONDS (20)
 #   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
-#                      about fifteen minutes, not part of the test suite)
+#                      about twenty minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped sizes and needed libraries of libtevul.so
 #                      and the tevu tool for both MIPS byte orders (-Os)
@@ -258,7 +258,8 @@ case "${1:-}" in
   bench)
     need "the benchmark (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
     command -v gnuplot >/dev/null || need "the benchmark's plot" gnuplot-nox
-    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON -DTEVUL_BUILD_TESTS=OFF
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON -DTEVUL_BUILD_TESTS=OFF \
+      -DTEVUL_BUILD_EXAMPLES=OFF
     rm -rf /var/tmp/tevul-bench bench/results.tsv
     # tmpfs: median of three runs (their times vary by a tenth or more on a
     # VM), once on all CPUs and once with the FUSE daemon on the same CPU;
@@ -269,6 +270,15 @@ case "${1:-}" in
       1000 10000 100000 | tee -a build-bench/results.md
     build-bench/bench/bulk_bench --disk /var/tmp/tevul-bench --tsv bench/results.tsv \
       1000 10000 100000 | tee -a build-bench/results.md
+    # The read-only queries, the reader, the counts and the conditions, on a
+    # database the library fills first; and the tool's start-up against a
+    # C program that only links SQLite (instructions, not seconds).
+    build-bench/bench/bulk_bench --tmpfs --queries 1000 10000 100000 | tee -a build-bench/results.md
+    command -v valgrind >/dev/null || need "the start-up count" valgrind
+    for program in "build-bench/bench/version_floor" "build-bench/tools/tevu --version"; do
+      echo "$program: $(valgrind --tool=callgrind --callgrind-out-file=/dev/null $program 2>&1 |
+                        sed -n 's/.*Collected : //p') instructions" | tee -a build-bench/results.md
+    done
     gnuplot -c bench/plot.gp bench/results.tsv bench/bulk_rate.png
     echo "table: build-bench/results.md, plot: bench/bulk_rate.png"
     ;;
