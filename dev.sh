@@ -258,8 +258,7 @@ case "${1:-}" in
   bench)
     need "the benchmark (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
     command -v gnuplot >/dev/null || need "the benchmark's plot" gnuplot-nox
-    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON -DTEVUL_BUILD_TESTS=OFF \
-      -DTEVUL_BUILD_EXAMPLES=OFF
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DTEVUL_BUILD_BENCH=ON -DTEVUL_BUILD_TESTS=OFF
     rm -rf /var/tmp/tevul-bench bench/results.tsv
     # tmpfs: median of three runs (their times vary by a tenth or more on a
     # VM), once on all CPUs and once with the FUSE daemon on the same CPU;
