@@ -31,12 +31,12 @@ int tally_file(void* user, const char* path, size_t count, const char* const*,
 }
 
 // Counts (and with `print`, prints) the tagged files at and below the
-// literal `path`. Returns 0 or reports and returns an errno.
+// literal `path`; a path on no tagged volume has none. Returns 0 or reports
+// and returns an errno.
 int tally_below(const char* path, Tally* t) {
   const int rc = tevu_tagged_below(path, tally_file, t);
-  if (rc != 0 && !report_unread_volumes()) {
-    report({path}, rc == ENOENT ? "not on a tagged volume" : errno_reason(rc));
-  }
+  if (rc == ENOENT && tevu_query_failure(0, nullptr, 0) == 0) return 0;
+  if (rc != 0 && !report_unread_volumes()) report({path}, errno_reason(rc));
   return rc;
 }
 
