@@ -534,7 +534,11 @@ typedef struct tevu_bulk_ctx tevu_bulk_ctx;
  * tevu_bulk_setpath() until tevu_bulk_fini(), also when it only reads
  * (each file begins "BEGIN IMMEDIATE"); other writers, the daemon
  * included, wait meanwhile. Waits for locks of other processes never give
- * up (the busy handler retries every 10 ms for ever).
+ * up (the busy handler retries every 10 ms for ever). A context also holds
+ * the tag file system's meta directory open (without opening any of the
+ * daemon's files), so that each path's volume check is one request to the
+ * daemon: an unmount of the tag file system waits for the context's end, a
+ * lazy unmount does not.
  */
 TEVUL_API tevu_bulk_ctx *tevu_bulk_init(void);
 

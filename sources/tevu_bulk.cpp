@@ -2,6 +2,7 @@
 #include "tevu_bulk.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -62,9 +63,10 @@ int note_change(tevu_bulk_ctx* ctx, int rc) {
 
 // Whether `path` lies on a known volume: a matching volume link (its
 // database link is not needed here) or the runtime file's root.
-bool on_known_volume(const char* path) {
+bool on_known_volume(const tevu_bulk_ctx* ctx, const char* path) {
   char name[256];
-  const int found = tevul::find_volume_link(g_setpath_meta_dir.path, path, name);
+  const int found =
+      tevul::find_volume_link(g_setpath_meta_dir.path, ctx->meta.get(), path, name);
   if (found < 0) return false;
   if (found == 1) return true;
   char root[tevul::kPathSize];
@@ -114,6 +116,10 @@ extern "C" tevu_bulk_ctx* tevu_bulk_init(void) {
   ctx->max_name_len = tevu_getmaxnamelen();
   ctx->max_value_len = tevu_getmaxvaluelen();
   ctx->trigger.reset(event_trigger_init(mount));
+  char meta[tevul::kPathSize];
+  if (tevul::format_whole(meta, sizeof meta, "%s/meta", mount)) {
+    ctx->meta.reset(open(meta, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  }
   return ctx.release();
 }
 
@@ -128,7 +134,7 @@ extern "C" int tevu_bulk_setpath(tevu_bulk_ctx* ctx, const char* path) {
   // The context keeps at most sizeof path - 2 bytes of a path: a longer one
   // would be cut to another file's name, and its tags land there.
   if (strlen(canonical) >= sizeof ctx->path - 1) return -1;
-  if (!on_known_volume(canonical)) return -1;
+  if (!on_known_volume(ctx, canonical)) return -1;
 
   // The previous file's changes are synced, committed and signalled before
   // anything else changes.
@@ -207,6 +213,7 @@ extern "C" void tevu_bulk_fini(tevu_bulk_ctx* ctx) {
   ctx->volume.prefix[0] = '\0';
   ctx->volume.prefix_len = 0;
   ctx->trigger.reset();
+  ctx->meta.reset();
 }
 
 extern "C" int tevu_bulk_error(const tevu_bulk_ctx* ctx) {

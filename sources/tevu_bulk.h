@@ -28,6 +28,10 @@ struct tevu_bulk_ctx {
   // The errno of the first COMMIT of this context that did not reach the
   // database, 0 while every one did; kept until the context is freed.
   int32_t error;
+  // The meta directory, held open for the context's life (O_PATH: no file
+  // of the daemon is opened), so that each path's volume check is one
+  // request to the daemon; -1 when it could not be had.
+  tevul::unique_fd meta;
 };
 
 // Makes ctx->tagdb the database of the volume holding `path` (absolute, used

@@ -116,21 +116,34 @@ void row_batch::clear() {
   strings_.clear();
 }
 
+namespace {
+
+// Appends the value of column `i` of the row `stmt` stands on, as stored,
+// and a terminator. Read as bytes: a text read as text would be copied
+// once more inside SQLite only to get its terminator.
+void append_column(text& out, sqlite3_stmt* stmt, int i) {
+  const void* bytes = sqlite3_column_blob(stmt, i);
+  const int n = sqlite3_column_bytes(stmt, i);
+  if (bytes != nullptr && n > 0) out.append(static_cast<const char*>(bytes), static_cast<std::size_t>(n));
+  out.push('\0');
+}
+
+}  // namespace
+
 void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix) {
   const row r{arena_.size(), strings_.size(), 0};
-  const char* stored = reinterpret_cast<const char*>(sqlite3_column_text(stmt, path));
-  arena_.append(prefix).append(stored != nullptr ? stored : "").push('\0');
+  arena_.append(prefix);
+  append_column(arena_, stmt, path);
   std::size_t tags = 0;
   const int columns = sqlite3_column_count(stmt);
   for (int i = first; i < columns; ++i) {
     const char* name = sqlite3_column_name(stmt, i);
     if (name == nullptr || name[0] != '.') continue;  // Path, Data, others
-    const char* value = reinterpret_cast<const char*>(sqlite3_column_text(stmt, i));
-    if (value == nullptr) continue;  // SQL NULL: not set
+    if (sqlite3_column_type(stmt, i) == SQLITE_NULL) continue;  // not set
     failed_ |= !strings_.push(arena_.size());
     arena_.append(name + 1).push('\0');
     failed_ |= !strings_.push(arena_.size());
-    arena_.append(value).push('\0');
+    append_column(arena_, stmt, i);
     ++tags;
   }
   if (tags == 0) {  // no tags: nothing of the row stays
@@ -247,9 +260,8 @@ int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
   return in_batches(
       stmt, after_param,
       [&](sqlite3_stmt* s) {
-        const char* path = reinterpret_cast<const char*>(sqlite3_column_text(s, 1));
         if (!starts.push(paths.size())) return ENOMEM;
-        paths.append(root).append(path != nullptr ? path : "").push('\0');
+        append_column(paths.append(root), s, 1);
         return paths.ok() ? 0 : ENOMEM;
       },
       [&](int* stopped) {

@@ -175,7 +175,7 @@ int tevul::scan_ini(FILE* file, char* dst) {
   return 1;
 }
 
-int tevul::find_volume_link(const char* meta_dir, const char* path,
+int tevul::find_volume_link(const char* meta_dir, int meta_fd, const char* path,
                             char* name) {
   const std::size_t n = strcspn(path + 1, "/");
   char link[kPathSize];
@@ -185,6 +185,15 @@ int tevul::find_volume_link(const char* meta_dir, const char* path,
     return reachable_dir(meta_dir) ? 0 : -1;
   }
   struct stat st;
+  if (meta_fd >= 0) {
+    if (fstatat(meta_fd, link + strlen(meta_dir) + 1, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      if (!S_ISLNK(st.st_mode)) return 0;
+      memcpy(name, path + 1, n);
+      name[n] = '\0';
+      return 1;
+    }
+    if (errno == ENOENT || errno == ENOTDIR) return 0;
+  }
   if (lstat(link, &st) == 0) {
     if (!S_ISLNK(st.st_mode)) return 0;
     memcpy(name, path + 1, n);
@@ -245,7 +254,7 @@ bool tevul::runtime_root_holds(const char* path, char* root) {
 
 int tevu_match_volume(tevu_volume* vol, const char* path) {
   char name[256];
-  const int found = tevul::find_volume_link(g_meta_dir.path, path, name);
+  const int found = tevul::find_volume_link(g_meta_dir.path, -1, path, name);
   if (found < 0) return 0;  // no meta directory: no fallback either
   char link[tevul::kPathSize];
   if (found == 1) {

@@ -82,7 +82,11 @@ int scan_ini(FILE* file, char* dst);
 // whole directory (a directory or file of that name is no volume link).
 // Returns 1 and copies N into `name` (256 bytes) when found, 0 when there
 // is none, -1 when the meta directory itself cannot be reached.
-int find_volume_link(const char* meta_dir, const char* path, char* name);
+// With `meta_fd` (the meta directory held open, or -1) the entry is looked
+// up relative to it: one request to the daemon instead of one for each
+// component of the meta directory's path; a descriptor that no longer
+// reaches the daemon (the tag file system restarted) falls back to the path.
+int find_volume_link(const char* meta_dir, int meta_fd, const char* path, char* name);
 
 // Calls visit(user, N, db_file) for every volume link N of `meta_dir` (a
 // symbolic link, in the order the directory yields them), with db_file the
