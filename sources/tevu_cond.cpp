@@ -5,6 +5,7 @@
 #include <ctype.h>
 #include <errno.h>
 #include <math.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -232,35 +233,85 @@ void number_function(sqlite3_context* context, int, sqlite3_value** args) {
   sqlite3_result_null(context);
 }
 
+// True when `db` has the column of tag `name` (into `column`, ".name").
+bool has_column(sqlite3* db, const char* name, char (&column)[258]) {
+  return tevul::format_whole(column, sizeof column, ".%s", name) &&
+         sqlite3_table_column_metadata(db, nullptr, "Meta", column, nullptr, nullptr,
+                                       nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Adds to `out` the equality terms of the "and" chain at node `i` whose tag
+// has a column in `db`.
+void chain_equalities(const condition& c, int i, sqlite3* db, tevul::array<int>* out) {
+  const condition::node& n = c[static_cast<std::size_t>(i)];
+  char column[258];
+  if (n.what == condition::kAnd) {
+    chain_equalities(c, n.left, db, out);
+    chain_equalities(c, n.right, db, out);
+  } else if (n.what == condition::kCompare && n.how == condition::kEq &&
+             has_column(db, c.name(n), column)) {
+    out->push(i);
+  }
+}
+
+// The equality terms of the condition's "and" chain that are kept off their
+// tag's index: all but the one that the fewest files match, probed through
+// the indexes (counting at most a thousand each). The tag tables have no
+// statistics, so SQLite would take any of the indexes; this way it takes
+// the one that narrows most ("id=4711 and kind=photo" by the id).
+void kept_off_index(const condition& c, sqlite3* db, tevul::array<int>* off) {
+  tevul::array<int> terms;
+  chain_equalities(c, c.root(), db, &terms);
+  if (terms.size() < 2) return;
+  std::size_t best = 0;
+  sqlite3_int64 fewest = INT64_MAX;
+  for (std::size_t t = 0; t < terms.size(); ++t) {
+    const condition::node& n = c[static_cast<std::size_t>(terms[t])];
+    const tevul::sql_text<320> sql(
+        "SELECT count(*) FROM (SELECT 1 FROM Meta WHERE \".%s\"=?1 LIMIT 1000)",
+        tevul::tag_ident{c.name(n)});
+    tevul::stmt_ptr probe;
+    if (!sql.fits() || tevul::prepare(db, sql.c_str(), -1, probe) != SQLITE_OK) continue;
+    sqlite3_bind_text(probe.get(), 1, c.value(n), -1, SQLITE_STATIC);
+    if (metadb_step(probe.get()) != SQLITE_ROW) continue;
+    const sqlite3_int64 count = sqlite3_column_int64(probe.get(), 0);
+    if (count < fewest) {
+      fewest = count;
+      best = t;
+    }
+  }
+  for (std::size_t t = 0; t < terms.size(); ++t) {
+    if (t != best) off->push(terms[t]);
+  }
+}
+
 // Builds the expression of node `i` for the database `db` into `sql`, with
-// its values in `params`: a name the database has no column for is false.
+// its values in `params`: a name the database has no column for is false;
+// an equality term listed in `off` does not use its tag's index.
 bool build(const condition& c, int i, sqlite3* db, text& sql,
-           tevul::array<param>& params) {
+           tevul::array<param>& params, const tevul::array<int>& off) {
   const condition::node& n = c[static_cast<std::size_t>(i)];
   switch (n.what) {
     case condition::kOr:
     case condition::kAnd:
       sql.push('(');
-      if (!build(c, n.left, db, sql, params)) return false;
+      if (!build(c, n.left, db, sql, params, off)) return false;
       sql.append(n.what == condition::kOr ? ") OR (" : ") AND (");
-      if (!build(c, n.right, db, sql, params)) return false;
+      if (!build(c, n.right, db, sql, params, off)) return false;
       sql.push(')');
       return true;
     case condition::kNot:
       // A file without the tag makes a term NULL; "not" makes it true.
       sql.append("NOT COALESCE((");
-      if (!build(c, n.left, db, sql, params)) return false;
+      if (!build(c, n.left, db, sql, params, off)) return false;
       sql.append("),0)");
       return true;
     case condition::kHas:
     case condition::kCompare:
       break;
   }
-  const char* name = c.name(n);
   char column[258];
-  if (!tevul::format_whole(column, sizeof column, ".%s", name) ||
-      sqlite3_table_column_metadata(db, nullptr, "Meta", column, nullptr, nullptr,
-                                    nullptr, nullptr, nullptr) != SQLITE_OK) {
+  if (!has_column(db, c.name(n), column)) {
     sql.push('0');
     return true;
   }
@@ -273,7 +324,9 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   const char* value = c.value(n);
   double number = 0;
   if (n.how == condition::kEq) {
-    sql.appendf("\"%s\"=?%zu", column, params.size() + 1);
+    bool indexed = true;
+    for (std::size_t k = 0; k < off.size(); ++k) indexed &= off[k] != i;
+    sql.appendf("%s\"%s\"=?%zu", indexed ? "" : "+", column, params.size() + 1);
   } else if (n.how == condition::kNe) {
     sql.appendf("(\"%s\" IS NOT NULL AND \"%s\"<>?%zu)", column, column,
                 params.size() + 1);
@@ -295,7 +348,9 @@ bool tevul::condition_sql(const condition& c, sqlite3* db, const char* rowid,
                           bool subtree, text* sql, array<condition_param>* params,
                           std::size_t* after) {
   sql->appendf("SELECT %s, Path FROM Meta WHERE (", rowid);
-  if (!build(c, c.root(), db, *sql, *params)) return false;
+  tevul::array<int> off;
+  kept_off_index(c, db, &off);
+  if (!build(c, c.root(), db, *sql, *params, off)) return false;
   const std::size_t n = params->size();
   if (subtree) sql->appendf(") AND (Path=?%zu OR Path GLOB ?%zu", n + 1, n + 2);
   *after = n + (subtree ? 3 : 1);
