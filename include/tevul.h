@@ -764,7 +764,9 @@ TEVUL_API int tevu_tagged_below(const char *path, tevu_row_cb cb, void *user);
  * calls: open a reader once, ask for the tags of any number of files on any
  * volumes, close it. Each volume is looked up and its database opened the
  * first time one of its files is asked for; after that a file costs its
- * realpath() and one row read. The guarantees are the queries' (no write
+ * realpath() and one row read, in a read transaction of its own
+ * (tevu_reader_file_tags()) or shared by many (tevu_reader_files()). The
+ * guarantees are the queries' (no write
  * lock, rows copied out before a callback, hot journals rolled back, no
  * wait for a lock of the calling thread, a volume that cannot be read
  * reported and named by tevu_query_failure()). A reader is used by one
@@ -780,6 +782,31 @@ TEVUL_API tevu_reader *tevu_reader_open(void);
  * (ENOENT also for a NULL reader). */
 TEVUL_API int tevu_reader_file_tags(tevu_reader *reader, const char *path,
                                     tevu_tag_cb cb, void *user);
+
+/*
+ * One file of tevu_reader_files(): its index in the caller's array, 0 or
+ * the errno for which its tags could not be read (as
+ * tevu_reader_file_tags() gives it), and its `count` tags as tevu_row_cb
+ * has them (none when it carries no tag or could not be read). Returns 0
+ * to go on, anything else to stop.
+ */
+typedef int (*tevu_reader_cb)(void *user, size_t index, int error,
+                              size_t count, const char *const *names,
+                              const char *const *values);
+
+/*
+ * The tags of the `count` files `paths`, handed to `cb` one by one in the
+ * order given, each with its own result. Up to 256 files at a time are
+ * made canonical and then read in one read transaction per volume, so that
+ * a file costs its realpath() and one row read, without a transaction of
+ * its own; the transaction ends before `cb` runs, so a writer waits at most
+ * for one such batch. Returns 0 when every file was handed to `cb`, the
+ * callback's value when it stopped, ENOENT for a NULL reader or `cb` (or
+ * NULL `paths` with a count), ENOMEM when memory is short (the files of the
+ * batch not yet handed on are not).
+ */
+TEVUL_API int tevu_reader_files(tevu_reader *reader, const char *const *paths,
+                                size_t count, tevu_reader_cb cb, void *user);
 
 /* Closes the reader's connections and frees it. NULL is ignored. */
 TEVUL_API void tevu_reader_close(tevu_reader *reader);
@@ -844,12 +871,23 @@ TEVUL_API int tevu_find_where(const char *condition, const char *under,
                               size_t *error_offset);
 
 /*
+ * Like tevu_find_where(), but hands `cb` each file that satisfies
+ * `condition` with all its tags, as tevu_tagged_files() does: read with the
+ * search itself, through one connection per volume. A file whose row holds
+ * no tag (as one that satisfies "not NAME" may) comes with a count of 0.
+ */
+TEVUL_API int tevu_find_rows_where(const char *condition, const char *under,
+                                   tevu_row_cb cb, void *user,
+                                   size_t *error_offset);
+
+/*
  * What the calling thread's last query (tevu_file_tags(), tevu_find_files(),
  * tevu_tagged_files(), tevu_tagged_below(), tevu_reader_file_tags(),
- * tevu_tag_names(), tevu_tag_values(), tevu_find_where()) or change of a
- * tag everywhere (tevu_rename_tag(), tevu_delete_tag()) could not read or
- * change: the errno of its `index`-th failure
- * (counted from 0, at most 8 are kept), or 0 when there are not that many.
+ * tevu_reader_files(), tevu_tag_names(), tevu_tag_values(), tevu_find_where(),
+ * tevu_find_rows_where()) or change of a tag everywhere (tevu_rename_tag(),
+ * tevu_delete_tag()) could not read or change: the errno of its `index`-th
+ * failure (counted from 0, at most 8 are kept), or 0 when there are not
+ * that many.
  * When `volume` is not NULL, the root of the volume that failed ("/mnt"),
  * or the meta directory when the volumes could not be listed, is copied
  * into it (size bytes, cut to fit, terminated).

@@ -345,9 +345,9 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
 }  // namespace
 
 bool tevul::condition_sql(const condition& c, sqlite3* db, const char* rowid,
-                          bool subtree, text* sql, array<condition_param>* params,
-                          std::size_t* after) {
-  sql->appendf("SELECT %s, Path FROM Meta WHERE (", rowid);
+                          const char* columns, bool subtree, text* sql,
+                          array<condition_param>* params, std::size_t* after) {
+  sql->appendf("SELECT %s, %s FROM Meta WHERE (", rowid, columns);
   tevul::array<int> off;
   kept_off_index(c, db, &off);
   if (!build(c, c.root(), db, *sql, *params, off)) return false;
@@ -360,18 +360,32 @@ bool tevul::condition_sql(const condition& c, sqlite3* db, const char* rowid,
 
 namespace {
 
+// Where the files that satisfy a condition go: their paths to a
+// tevu_file_cb, or whole rows to a tevu_row_cb.
+struct found_to {
+  tevu_file_cb paths;
+  tevu_row_cb rows;
+  void* user;
+};
+
 // The files of one volume that satisfy `c`, below stored path `rel` when it
-// is not empty, to `cb`.
+// is not empty, to `to`.
 int find_where_in(tevul::query_db& db, const char* root, const condition& c,
-                  const char* rel, tevu_file_cb cb, void* user, int* stop) {
+                  const char* rel, const found_to& to, int* stop) {
   sqlite3* handle = db.db.get();
   if (db.rowid == nullptr) return EIO;  // no way to read every row once
+  bool wide = false;
+  if (to.rows != nullptr) {
+    if (const int rc = tevul::wide_table(db, &wide)) return rc;
+  }
   sqlite3_create_function(handle, "tevu_num", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
                           nullptr, number_function, nullptr, nullptr);
   text sql;
   tevul::array<param> params;
   std::size_t after = 0;
-  if (!tevul::condition_sql(c, handle, db.rowid, rel[0] != '\0', &sql, &params, &after)) {
+  const char* columns = to.rows != nullptr && !wide ? "*" : "Path";
+  if (!tevul::condition_sql(c, handle, db.rowid, columns, rel[0] != '\0', &sql, &params,
+                            &after)) {
     return ENOMEM;
   }
   const std::size_t n = params.size();
@@ -394,13 +408,19 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
     sqlite3_bind_text(stmt.get(), static_cast<int>(n) + 2, pattern.get(), -1,
                       SQLITE_STATIC);
   }
-  return tevul::paths_in_batches(stmt.get(), static_cast<int>(after), root, cb, user, stop);
+  if (to.rows != nullptr) {
+    return tevul::rows_in_batches(db, wide, true, stmt.get(), static_cast<int>(after), root,
+                                  to.rows, to.user, stop);
+  }
+  return tevul::paths_in_batches(stmt.get(), static_cast<int>(after), root, to.paths,
+                                 to.user, stop);
 }
 
-int find_where(const char* source, const char* under, tevu_file_cb cb, void* user,
+int find_where(const char* source, const char* under, const found_to& to,
                std::size_t* error_offset) {
   tevul::forget_failures();
-  if (source == nullptr || cb == nullptr || (under != nullptr && under[0] == '\0')) {
+  if (source == nullptr || (to.paths == nullptr && to.rows == nullptr) ||
+      (under != nullptr && under[0] == '\0')) {
     return ENOENT;
   }
   std::size_t ignored = 0;
@@ -410,7 +430,7 @@ int find_where(const char* source, const char* under, tevu_file_cb cb, void* use
   if (tevu_find_mount() == nullptr) return ENOENT;
   if (under == nullptr) {
     return tevul::walk_volumes([&](tevul::query_db& db, const char* root, int* stop) {
-      return find_where_in(db, root, c, "", cb, user, stop);
+      return find_where_in(db, root, c, "", to, stop);
     });
   }
   tevu_volume volume;
@@ -420,7 +440,7 @@ int find_where(const char* source, const char* under, tevu_file_cb cb, void* use
   tevul::query_db db;
   int rc = tevul::open_query_db(volume.db_path, &db);
   int stop = 0;
-  if (rc == 0) rc = find_where_in(db, volume.prefix, c, rel, cb, user, &stop);
+  if (rc == 0) rc = find_where_in(db, volume.prefix, c, rel, to, &stop);
   if (stop != 0) return stop;
   return rc != 0 ? tevul::note_volume_failure(rc, volume.prefix) : 0;
 }
@@ -429,5 +449,10 @@ int find_where(const char* source, const char* under, tevu_file_cb cb, void* use
 
 extern "C" int tevu_find_where(const char* condition, const char* under,
                                tevu_file_cb cb, void* user, size_t* error_offset) {
-  return find_where(condition, under, cb, user, error_offset);
+  return find_where(condition, under, found_to{cb, nullptr, user}, error_offset);
+}
+
+extern "C" int tevu_find_rows_where(const char* condition, const char* under,
+                                    tevu_row_cb cb, void* user, size_t* error_offset) {
+  return find_where(condition, under, found_to{nullptr, cb, user}, error_offset);
 }

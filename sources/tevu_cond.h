@@ -63,14 +63,14 @@ struct condition_param {
 
 // The statement with which the files of one database (`db`, whose row id
 // reads as `rowid`) that satisfy `c` are searched, one batch at a time:
-// row id and path of each, the condition's values as parameters 1 to
-// params->size(), then, with `subtree`, the stored path and its literal
-// pattern, and last the row id to go on after (parameter *after). A name
-// the database has no column for is false. Returns false when memory is
-// short.
+// the row id and then `columns` ("Path", or "*" for whole rows) of each,
+// the condition's values as parameters 1 to params->size(), then, with
+// `subtree`, the stored path and its literal pattern, and last the row id
+// to go on after (parameter *after). A name the database has no column for
+// is false. Returns false when memory is short.
 bool condition_sql(const condition& c, sqlite3* db, const char* rowid,
-                   bool subtree, text* sql, array<condition_param>* params,
-                   std::size_t* after);
+                   const char* columns, bool subtree, text* sql,
+                   array<condition_param>* params, std::size_t* after);
 
 }  // namespace tevul
 

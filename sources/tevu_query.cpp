@@ -130,7 +130,8 @@ void append_column(text& out, sqlite3_stmt* stmt, int i) {
 
 }  // namespace
 
-void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix) {
+void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix,
+                    bool untagged_too) {
   const row r{arena_.size(), strings_.size(), 0};
   arena_.append(prefix);
   append_column(arena_, stmt, path);
@@ -146,7 +147,7 @@ void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix)
     append_column(arena_, stmt, i);
     ++tags;
   }
-  if (tags == 0) {  // no tags: nothing of the row stays
+  if (tags == 0 && !untagged_too) {  // no tags: nothing of the row stays
     arena_.truncate(r.path);
     strings_.truncate(r.strings);
     return;
@@ -154,7 +155,8 @@ void row_batch::add(sqlite3_stmt* stmt, int first, int path, const char* prefix)
   failed_ |= !rows_.push(row{r.path, r.strings, tags});
 }
 
-int row_batch::deliver(std::size_t i, tevu_row_cb cb, void* user) {
+bool row_batch::expose(std::size_t i, const char** path, std::size_t* count,
+                       const char* const** names, const char* const** values) {
   const row& r = rows_[i];
   names_.clear();
   values_.clear();
@@ -162,10 +164,23 @@ int row_batch::deliver(std::size_t i, tevu_row_cb cb, void* user) {
   for (std::size_t t = 0; t < r.tags; ++t) {
     if (!names_.push(base + strings_[r.strings + 2 * t]) ||
         !values_.push(base + strings_[r.strings + 2 * t + 1])) {
-      return ENOMEM;
+      return false;
     }
   }
-  return cb(user, base + r.path, r.tags, names_.data(), values_.data());
+  *path = base + r.path;
+  *count = r.tags;
+  *names = names_.data();
+  *values = values_.data();
+  return true;
+}
+
+int row_batch::deliver(std::size_t i, tevu_row_cb cb, void* user) {
+  const char* path = nullptr;
+  std::size_t count = 0;
+  const char* const* names = nullptr;
+  const char* const* values = nullptr;
+  if (!expose(i, &path, &count, &names, &values)) return ENOMEM;
+  return cb(user, path, count, names, values);
 }
 
 int row_batch::deliver_tags(std::size_t i, tevu_tag_cb cb, void* user) {
@@ -270,6 +285,55 @@ int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
         }
         paths.clear();
         starts.clear();
+        return 0;
+      },
+      stop);
+}
+
+int wide_table(query_db& db, bool* wide) {
+  sqlite3* handle = db.db.get();
+  stmt_ptr all;
+  const int rc = tevul::prepare(handle, "SELECT * FROM Meta", -1, all);
+  if (rc != SQLITE_OK) return query_errno(handle, rc);
+  *wide = sqlite3_column_count(all.get()) >= sqlite3_limit(handle, SQLITE_LIMIT_COLUMN, -1);
+  return 0;
+}
+
+int rows_in_batches(query_db& db, bool wide, bool untagged_too, sqlite3_stmt* stmt,
+                    int after_param, const char* root, tevu_row_cb cb, void* user,
+                    int* stop) {
+  sqlite3* handle = db.db.get();
+  stmt_ptr one;
+  if (wide) {
+    char one_sql[64];
+    format_cut(one_sql, sizeof one_sql, "SELECT * FROM Meta WHERE %s=?", db.rowid);
+    const int rc = tevul::prepare(handle, one_sql, -1, one);
+    if (rc != SQLITE_OK) return query_errno(handle, rc);
+  }
+  // In a whole row, the row id comes first and the table's columns follow.
+  const int first = wide ? 0 : 1;
+  const int path = path_column(wide ? one.get() : stmt);
+  if (path < 0) return EIO;
+  row_batch batch;
+  return in_batches(
+      stmt, after_param,
+      [&](sqlite3_stmt* s) {
+        if (!wide) {
+          batch.add(s, first, path, root, untagged_too);
+          return batch.ok() ? 0 : ENOMEM;
+        }
+        sqlite3_bind_int64(one.get(), 1, sqlite3_column_int64(s, 0));
+        const int got = metadb_step(one.get());
+        if (got == SQLITE_ROW) batch.add(one.get(), first, path, root, untagged_too);
+        sqlite3_reset(one.get());
+        if (got != SQLITE_ROW && got != SQLITE_DONE) return query_errno(handle, got);
+        return batch.ok() ? 0 : ENOMEM;
+      },
+      [&](int* stopped) {
+        for (std::size_t i = 0; i < batch.rows() && *stopped == 0; ++i) {
+          *stopped = batch.deliver(i, cb, user);
+        }
+        batch.clear();
         return 0;
       },
       stop);
@@ -383,14 +447,9 @@ int rows_in(query_db& db, const char* root, const char* rel, tevu_row_cb cb,
             void* user, int* stop) {
   sqlite3* handle = db.db.get();
   if (db.rowid == nullptr) return EIO;  // no way to read every row once
-  // A table of as many columns as SQLite allows has no room for the row id
-  // beside them: its rows are then read one by one, by row id.
-  stmt_ptr all;
-  int rc = tevul::prepare(handle, "SELECT * FROM Meta", -1, all);
-  if (rc != SQLITE_OK) return query_errno(handle, rc);
-  const bool wide = sqlite3_column_count(all.get()) >=
-                    sqlite3_limit(handle, SQLITE_LIMIT_COLUMN, -1);
-  all.reset();
+  bool wide = false;
+  int rc = tevul::wide_table(db, &wide);
+  if (rc != 0) return rc;
   const bool subtree = rel[0] != '\0';
   char sql[256];
   tevul::format_cut(sql, sizeof sql,
@@ -408,39 +467,7 @@ int rows_in(query_db& db, const char* root, const char* rel, tevu_row_cb cb,
     sqlite3_bind_text(stmt.get(), 2, rel, -1, SQLITE_STATIC);
     sqlite3_bind_text(stmt.get(), 3, pattern.get(), -1, SQLITE_STATIC);
   }
-  stmt_ptr one;
-  if (wide) {
-    char one_sql[64];
-    tevul::format_cut(one_sql, sizeof one_sql, "SELECT * FROM Meta WHERE %s=?",
-                      db.rowid);
-    rc = tevul::prepare(handle, one_sql, -1, one);
-    if (rc != SQLITE_OK) return query_errno(handle, rc);
-  }
-  const int path = tevul::path_column(wide ? one.get() : stmt.get());
-  if (path < 0) return EIO;
-  row_batch batch;
-  return in_batches(
-      stmt.get(), 1,
-      [&](sqlite3_stmt* s) {
-        if (!wide) {
-          batch.add(s, 1, path, root);
-          return batch.ok() ? 0 : ENOMEM;
-        }
-        sqlite3_bind_int64(one.get(), 1, sqlite3_column_int64(s, 0));
-        const int got = metadb_step(one.get());
-        if (got == SQLITE_ROW) batch.add(one.get(), 0, path, root);
-        sqlite3_reset(one.get());
-        if (got != SQLITE_ROW && got != SQLITE_DONE) return query_errno(handle, got);
-        return batch.ok() ? 0 : ENOMEM;
-      },
-      [&](int* stopped) {
-        for (std::size_t i = 0; i < batch.rows() && *stopped == 0; ++i) {
-          *stopped = batch.deliver(i, cb, user);
-        }
-        batch.clear();
-        return 0;
-      },
-      stop);
+  return tevul::rows_in_batches(db, wide, false, stmt.get(), 1, root, cb, user, stop);
 }
 
 // The rows of one volume, or of one tree of it, as rows_in() hands them on.

@@ -82,9 +82,14 @@ class row_batch {
   // Copies the row `stmt` stands on, from column `first` on, with `prefix`
   // before its stored path (column `path`): each tag column that is set,
   // its name without the ".", its value as stored. A row without tags is
-  // left out.
-  void add(sqlite3_stmt* stmt, int first, int path, const char* prefix);
+  // left out unless `untagged_too`.
+  void add(sqlite3_stmt* stmt, int first, int path, const char* prefix,
+           bool untagged_too = false);
 
+  // The path of row `i` and its tags as arrays, valid until the next call
+  // or clear(). Returns false when memory is short.
+  bool expose(std::size_t i, const char** path, std::size_t* count,
+              const char* const** names, const char* const** values);
   // Hands row `i` to `cb`.
   int deliver(std::size_t i, tevu_row_cb cb, void* user);
   // Hands each tag of row `i` to `cb`.
@@ -138,6 +143,20 @@ int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
 // stored path, to `cb`. Returns 0 or an errno; *stop as in_batches().
 int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
                      tevu_file_cb cb, void* user, int* stop);
+
+// Sets *wide when Meta has as many columns as SQLite allows, leaving no
+// room for the row id beside them in one result row. Returns 0 or an errno.
+int wide_table(query_db& db, bool* wide);
+
+// Runs a search `stmt` of `db` (batched as in_batches() wants) and hands
+// each whole row it finds to `cb`, as tevu_tagged_files() does, `root`
+// before its stored path. The search selects the row id and then every
+// column ("rowid, *"), or, for a `wide` table, the row id first and each
+// row is read again by it. A row without tags is handed on only when
+// `untagged_too`. Returns 0 or an errno; *stop as in_batches().
+int rows_in_batches(query_db& db, bool wide, bool untagged_too, sqlite3_stmt* stmt,
+                    int after_param, const char* root, tevu_row_cb cb, void* user,
+                    int* stop);
 
 // ---------------------------------------------------------------------------
 // The volumes.

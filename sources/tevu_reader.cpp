@@ -3,7 +3,9 @@
 //
 // Each file costs its realpath(), a comparison with the prefixes of the
 // volumes met so far, and one row read through a statement prepared once
-// per volume. Volumes are looked up in the meta directory only the first
+// per volume. Reading a row in a transaction of its own costs SQLite eight
+// system calls (locks, the hot journal and WAL checks, the change counter),
+// more than the row itself: files asked for together share one per batch. Volumes are looked up in the meta directory only the first
 // time one of their files is asked for. The connections are those of the
 // queries (tevu_query.h): hot journals rolled back, no write lock, no wait
 // for a lock of the calling thread, rows copied out before the callback.
@@ -81,28 +83,135 @@ int volume_of(tevu_reader* reader, const char* canonical, reader_volume** out) {
   return 0;
 }
 
-int reader_file_tags(tevu_reader* reader, const char* path, tevu_tag_cb cb,
-                     void* user) {
-  tevul::forget_failures();
-  if (reader == nullptr || tevul::is_empty(path) || cb == nullptr) return ENOENT;
-  char canonical[tevul::kPathSize];
-  if (realpath(path, canonical) == nullptr) return errno;
-  reader_volume* volume = nullptr;
-  if (const int rc = volume_of(reader, canonical, &volume)) return rc;
+// Where each file of a batch stands: its canonical path in the arena, or
+// the errno for which it has none; then the row read for it.
+struct batch_file {
+  std::size_t canonical;  // offset in the arena
+  int error;
+  reader_volume* volume;
+  std::size_t row;        // index in the row batch, or kNoRow
+};
+constexpr std::size_t kNoRow = static_cast<std::size_t>(-1);
+
+// Reads the row of `file` (canonical, on `file.volume`) into `rows`.
+void read_row(tevu_reader* reader, const char* canonical, batch_file* file) {
+  reader_volume* volume = file->volume;
   sqlite3_stmt* stmt = volume->row.get();
   // A volume root has the empty relative path, which no row carries.
-  sqlite3_bind_text(stmt, 1, tevul::volume_relative(&volume->location, canonical),
-                    -1, SQLITE_STATIC);
-  reader->row.clear();
+  sqlite3_bind_text(stmt, 1, tevul::volume_relative(&volume->location, canonical), -1,
+                    SQLITE_STATIC);
+  const std::size_t before = reader->row.rows();
   const int rc = metadb_step(stmt);
-  if (rc == SQLITE_ROW) reader->row.add(stmt, 0, volume->path, "");
-  sqlite3_reset(stmt);  // the caller's code runs without a lock held
+  if (rc == SQLITE_ROW) reader->row.add(stmt, 0, volume->path, "", true);
+  sqlite3_reset(stmt);
   if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
-    return tevul::note_volume_failure(tevul::query_errno(volume->db.db.get(), rc),
-                                      volume->location.prefix);
+    file->error = tevul::note_volume_failure(tevul::query_errno(volume->db.db.get(), rc),
+                                             volume->location.prefix);
+  } else if (reader->row.rows() > before) {
+    file->row = before;
+  }
+}
+
+// Reads the files `paths[first]` to `paths[first + n - 1]` (n at most
+// kQueryBatch) and hands them to `cb`. Their paths are made canonical
+// first, so that no lock is held while the disk is asked; then, when there
+// are several, each volume's rows are read in one read transaction, which
+// ends before `cb` runs.
+int read_batch(tevu_reader* reader, const char* const* paths, std::size_t first,
+               std::size_t n, tevu_reader_cb cb, void* user) {
+  tevul::text canonicals;
+  batch_file files[tevul::kQueryBatch];
+  char canonical[tevul::kPathSize];
+  for (std::size_t i = 0; i < n; ++i) {
+    batch_file& f = files[i];
+    f = batch_file{canonicals.size(), 0, nullptr, kNoRow};
+    const char* path = paths[first + i];
+    if (tevul::is_empty(path)) {
+      f.error = ENOENT;
+    } else if (realpath(path, canonical) == nullptr) {
+      f.error = errno;
+    } else {
+      f.error = volume_of(reader, canonical, &f.volume);
+      canonicals.append(canonical).push('\0');
+    }
+  }
+  if (!canonicals.ok()) return ENOMEM;
+  reader->row.clear();
+  tevul::array<reader_volume*> begun;
+  for (std::size_t i = 0; i < n; ++i) {
+    batch_file& f = files[i];
+    if (f.error != 0) continue;
+    bool in_transaction = n == 1;  // a single row needs none of its own
+    for (std::size_t v = 0; v < begun.size() && !in_transaction; ++v) {
+      in_transaction = begun[v] == f.volume;
+    }
+    if (!in_transaction) {
+      if (!begun.push(f.volume)) return ENOMEM;
+      sqlite3_exec(f.volume->db.db.get(), "BEGIN", nullptr, nullptr, nullptr);
+    }
+    read_row(reader, canonicals.c_str() + f.canonical, &f);
+  }
+  for (std::size_t v = 0; v < begun.size(); ++v) {
+    // Only read: ending it cannot fail but for a misuse, and releases the
+    // lock either way.
+    sqlite3_exec(begun[v]->db.db.get(), "COMMIT", nullptr, nullptr, nullptr);
   }
   if (!reader->row.ok()) return ENOMEM;
-  return reader->row.rows() == 0 ? 0 : reader->row.deliver_tags(0, cb, user);
+  for (std::size_t i = 0; i < n; ++i) {
+    const char* path = nullptr;
+    std::size_t count = 0;
+    const char* const* names = nullptr;
+    const char* const* values = nullptr;
+    if (files[i].row != kNoRow &&
+        !reader->row.expose(files[i].row, &path, &count, &names, &values)) {
+      return ENOMEM;
+    }
+    if (const int stop = cb(user, first + i, files[i].error, count, names, values)) {
+      return stop;
+    }
+  }
+  return 0;
+}
+
+int reader_files(tevu_reader* reader, const char* const* paths, std::size_t count,
+                 tevu_reader_cb cb, void* user) {
+  tevul::forget_failures();
+  if (reader == nullptr || (paths == nullptr && count > 0) || cb == nullptr) return ENOENT;
+  for (std::size_t first = 0; first < count; first += tevul::kQueryBatch) {
+    const std::size_t n =
+        count - first < tevul::kQueryBatch ? count - first : tevul::kQueryBatch;
+    if (const int rc = read_batch(reader, paths, first, n, cb, user)) return rc;
+  }
+  return 0;
+}
+
+// The one file of tevu_reader_file_tags(): its result, and its tags to the
+// caller's callback.
+struct one_file {
+  tevu_tag_cb cb;
+  void* user;
+  int result;
+};
+
+int hand_tags(void* user, size_t, int error, size_t count, const char* const* names,
+              const char* const* values) {
+  one_file* one = static_cast<one_file*>(user);
+  one->result = error;
+  for (std::size_t t = 0; t < count && one->result == 0; ++t) {
+    one->result = one->cb(one->user, names[t], values[t]);
+  }
+  return 0;
+}
+
+int reader_file_tags(tevu_reader* reader, const char* path, tevu_tag_cb cb,
+                     void* user) {
+  if (reader == nullptr || tevul::is_empty(path) || cb == nullptr) {
+    tevul::forget_failures();
+    return ENOENT;
+  }
+  one_file one{cb, user, 0};
+  const int rc = reader_files(reader, &path, 1, hand_tags, &one);
+  return rc != 0 ? rc : one.result;
 }
 
 }  // namespace
@@ -115,6 +224,11 @@ extern "C" tevu_reader* tevu_reader_open(void) {
 extern "C" int tevu_reader_file_tags(tevu_reader* reader, const char* path,
                                      tevu_tag_cb cb, void* user) {
   return reader_file_tags(reader, path, cb, user);
+}
+
+extern "C" int tevu_reader_files(tevu_reader* reader, const char* const* paths,
+                                 size_t count, tevu_reader_cb cb, void* user) {
+  return reader_files(reader, paths, count, cb, user);
 }
 
 extern "C" void tevu_reader_close(tevu_reader* reader) {

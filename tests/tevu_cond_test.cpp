@@ -98,7 +98,34 @@ TEST_F(Conditions, FindWhatTheConditionSays) {
   EXPECT_EQ(at, 7u);
 }
 
-// A two-term condition is served by the index of the tag it compares.
+// With the rows, each file comes with every tag it carries, and a row that
+// holds no tag (its last tag deleted) still satisfies "not NAME".
+TEST_F(Conditions, RowsComeWithEveryTag) {
+  RawDb(Sandbox::db_path("mnt")).exec("INSERT INTO Meta (Path) VALUES ('bare')");
+  const auto rows = [](const char* condition, const char* under) {
+    std::vector<std::string> out;
+    const int rc = tevu_find_rows_where(
+        condition, under,
+        [](void* user, const char* path, size_t count, const char* const* names,
+           const char* const* values) {
+          std::string row = path;
+          for (size_t i = 0; i < count; ++i) row += std::string(" ") + names[i] + "=" + values[i];
+          static_cast<std::vector<std::string>*>(user)->push_back(row);
+          return 0;
+        },
+        &out, nullptr);
+    if (rc != 0) return std::vector<std::string>{"!" + std::to_string(rc)};
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+  EXPECT_EQ(rows("not year or year=2020", nullptr),
+            (Files{"/mnt/b.jpg kind=PHOTO year=2020 rating=10", "/mnt/bare",
+                   "/mnt/c.txt kind=text rating=abc", "/srv/d.jpg kind=photo",
+                   "/srv/e rating=4.5 my tag=x y"}));
+  EXPECT_EQ(rows("rating", "/srv"), (Files{"/srv/e rating=4.5 my tag=x y"}));
+  EXPECT_EQ(rows("kind=", nullptr), (Files{"!" + std::to_string(EINVAL)}));
+}
+
 // Of two equalities, the statement narrows by the index of the one that
 // fewer files match, whichever comes first in the condition.
 TEST_F(Conditions, TheStatementUsesTheNarrowestIndex) {
@@ -120,7 +147,7 @@ TEST_F(Conditions, TheStatementUsesTheNarrowestIndex) {
     tevul::text sql;
     tevul::array<tevul::condition_param> params;
     std::size_t after = 0;
-    ASSERT_TRUE(tevul::condition_sql(c, db.get(), "rowid", false, &sql, &params, &after));
+    ASSERT_TRUE(tevul::condition_sql(c, db.get(), "rowid", "Path", false, &sql, &params, &after));
     const auto plan = db.rows(std::string("EXPLAIN QUERY PLAN ") + sql.c_str());
     ASSERT_FALSE(plan.empty());
     EXPECT_NE(plan[0].back().find("USING INDEX Cidx_serial"), std::string::npos)

@@ -9,6 +9,7 @@
 #include "test_support.h"
 #include "tevul.h"
 
+using tevul_test::RawDb;
 using tevul_test::Sandbox;
 using tevul_test::tag_file;
 
@@ -58,6 +59,87 @@ TEST_F(Reader, ReadsManyFilesOnEveryVolume) {
   EXPECT_EQ(tevu_query_failure(0, volume, sizeof volume), 0);
   tevu_reader_close(reader);
   tevu_reader_close(nullptr);
+}
+
+// Files asked for together come back in the order given, each with its
+// own result, across batches and volumes; no lock is held while the
+// callback runs, so a writer commits in between.
+TEST_F(Reader, ReadsFilesTogether) {
+  tag_file("/mnt/f0", {{"k", "m"}});
+  tag_file("/srv/f1", {{"k", "s"}});
+  std::vector<std::string> names;
+  {
+    RawDb mnt(Sandbox::db_path("mnt"));
+    RawDb srv(Sandbox::db_path("srv"));
+    mnt.exec("BEGIN");
+    srv.exec("BEGIN");
+    for (int i = 2; i < 600; ++i) {
+      const std::string name = "f" + std::to_string(i);
+      RawDb& db = i % 2 == 0 ? mnt : srv;
+      ASSERT_TRUE(tevul_test::write_file((i % 2 == 0 ? "/mnt/" : "/srv/") + name, ""));
+      if (i % 3 != 0) db.exec("INSERT INTO Meta (Path, \".k\") VALUES ('" + name + "', '" +
+                              std::to_string(i) + "')");
+    }
+    mnt.exec("COMMIT");
+    srv.exec("COMMIT");
+  }
+  for (int i = 0; i < 600; ++i) {
+    names.push_back((i % 2 == 0 ? "/mnt/f" : "/srv/f") + std::to_string(i));
+  }
+  names[7] = "/mnt/missing";
+  names[300] = "/tmp";
+  std::vector<const char*> paths;
+  for (const std::string& name : names) paths.push_back(name.c_str());
+  struct Seen {
+    std::vector<std::string> rows;
+    RawDb* writer;
+    int commits = 0;
+  } seen;
+  RawDb writer(Sandbox::db_path("mnt"));
+  seen.writer = &writer;
+  tevu_reader* reader = tevu_reader_open();
+  ASSERT_NE(reader, nullptr);
+  ASSERT_EQ(tevu_reader_files(
+                reader, paths.data(), paths.size(),
+                [](void* user, size_t index, int error, size_t count, const char* const* n,
+                   const char* const* v) {
+                  Seen* s = static_cast<Seen*>(user);
+                  std::string row = std::to_string(index) + ":" + std::to_string(error);
+                  for (size_t i = 0; i < count; ++i) row += std::string(" ") + n[i] + "=" + v[i];
+                  s->rows.push_back(row);
+                  if (index % 256 == 0) {
+                    s->writer->exec("INSERT INTO Meta (Path) VALUES ('w" +
+                                    std::to_string(index) + "')");
+                    ++s->commits;
+                  }
+                  return 0;
+                },
+                &seen),
+            0);
+  ASSERT_EQ(seen.rows.size(), 600u);
+  EXPECT_EQ(seen.commits, 3);
+  for (int i = 0; i < 600; ++i) {
+    std::string want = std::to_string(i) + ":";
+    if (i == 7 || i == 300) {
+      want += std::to_string(ENOENT);
+    } else if (i < 2) {
+      want += i == 0 ? "0 k=m" : "0 k=s";
+    } else {
+      want += "0" + (i % 3 != 0 ? " k=" + std::to_string(i) : std::string());
+    }
+    EXPECT_EQ(seen.rows[static_cast<std::size_t>(i)], want);
+  }
+  // The callback's value stops the call.
+  int calls = 0;
+  EXPECT_EQ(tevu_reader_files(reader, paths.data(), paths.size(),
+                              [](void* user, size_t, int, size_t, const char* const*,
+                                 const char* const*) {
+                                return ++*static_cast<int*>(user) == 3 ? 42 : 0;
+                              },
+                              &calls),
+            42);
+  EXPECT_EQ(calls, 3);
+  tevu_reader_close(reader);
 }
 
 }  // namespace

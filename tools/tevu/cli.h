@@ -186,6 +186,12 @@ bool unescape_field(const char* field, std::size_t n, text* out, text* bad);
 // is valid JSON and `tevu import --json` gets the bytes back.
 void json_string(const char* value, text* out);
 
+// Appends the record of one file as export prints it: the path and each
+// NAME=VALUE, TAB-separated and escaped, or with `json` one JSON object
+// {"path":...,"tags":{NAME:VALUE,...}}.
+void file_record(const char* path, std::size_t count, const char* const* names,
+                 const char* const* values, bool json, text* out);
+
 // A bulk context for a command, or none after reporting that the tag file
 // system is not mounted.
 tevul::bulk_ptr open_bulk();

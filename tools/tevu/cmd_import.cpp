@@ -559,26 +559,7 @@ int export_file(void* user, const char* path, size_t count, const char* const* n
                 const char* const* values) {
   const Exporter* e = static_cast<const Exporter*>(user);
   text record;
-  if (e->json) {
-    record.append("{\"path\":");
-    json_string(path, &record);
-    record.append(",\"tags\":{");
-    for (size_t i = 0; i < count; ++i) {
-      if (i > 0) record.push(',');
-      json_string(names[i], &record);
-      record.push(':');
-      json_string(values[i], &record);
-    }
-    record.append("}}");
-  } else {
-    escape_field(path, false, &record);
-    for (size_t i = 0; i < count; ++i) {
-      record.push('\t');
-      escape_field(names[i], true, &record);
-      record.push('=');
-      escape_field(values[i], false, &record);
-    }
-  }
+  file_record(path, count, names, values, e->json, &record);
   emit(record, e->nul);
   return 0;
 }

@@ -17,59 +17,34 @@ struct Finding {
   bool nul = false, long_form = false, json = false, count_only = false, first = false;
   const char* under = nullptr;
   char under_path[PATH_MAX];
-  tevu_reader* reader = nullptr;
   unsigned long count = 0;
-  bool failed = false;
 };
 
-int add_tag(void* user, const char* name, const char* value) {
-  text* record = static_cast<text*>(user);
-  record->push('\t');
-  escape_field(name, true, record);
-  record->push('=');
-  escape_field(value, false, record);
-  return 0;
-}
-
-int add_json_tag(void* user, const char* name, const char* value) {
-  text* record = static_cast<text*>(user);
-  if (record->c_str()[record->size() - 1] != '{') record->push(',');
-  json_string(name, record);
-  record->push(':');
-  json_string(value, record);
-  return 0;
-}
-
-// Prints one found file: its path; with -l its tags too, read through the
-// reader (one connection per volume).
+// Prints one found file's path.
 int print_found(void* user, const char* path) {
   Finding* f = static_cast<Finding*>(user);
   ++f->count;
   if (f->count_only) return 0;
-  text record;
-  int rc = 0;
   if (f->json) {
+    text record;
     record.append("{\"path\":");
     json_string(path, &record);
-    if (f->long_form) {
-      record.append(",\"tags\":{");
-      rc = tevu_reader_file_tags(f->reader, path, add_json_tag, &record);
-      record.push('}');
-    }
     record.push('}');
-  } else if (f->long_form) {
-    escape_field(path, false, &record);
-    rc = tevu_reader_file_tags(f->reader, path, add_tag, &record);
+    emit(record, f->nul);
   } else {
-    record.append(path);
+    emit(path, strlen(path), f->nul);
   }
-  if (rc != 0) {
-    // Found by the search, but its tags could not be read: said, not
-    // printed half.
-    if (!report_unread_volumes()) reportf({path}, "tags not read: %s", errno_reason(rc));
-    f->failed = true;
-    return 0;
-  }
+  return 0;
+}
+
+// Prints one found file with its tags (-l), read with the search itself.
+int print_found_row(void* user, const char* path, size_t count, const char* const* names,
+                    const char* const* values) {
+  Finding* f = static_cast<Finding*>(user);
+  ++f->count;
+  if (f->count_only) return 0;
+  text record;
+  file_record(path, count, names, values, f->json, &record);
   emit(record, f->nul);
   return 0;
 }
@@ -166,12 +141,9 @@ int cmd_find(int argc, char** argv) {
   }
   if (!tag_fs_mounted()) return report_not_mounted();
 
-  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(
-      f.long_form ? tevu_reader_open() : nullptr, tevu_reader_close);
-  f.reader = reader.get();
   int rc;
   text condition;
-  if (operands == 2 && f.under == nullptr) {
+  if (operands == 2 && f.under == nullptr && !f.long_form) {
     rc = tevu_find_files(argv[optind], argv[optind + 1], print_found, &f);
   } else {
     if (operands == 2) {
@@ -182,7 +154,9 @@ int cmd_find(int argc, char** argv) {
       condition.append(argv[optind]);
     }
     std::size_t at = 0;
-    rc = tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
+    rc = f.long_form
+             ? tevu_find_rows_where(condition.c_str(), f.under, print_found_row, &f, &at)
+             : tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
     if (rc == EINVAL && operands == 1) return malformed(argv[0], argv[optind], at);
   }
   if (f.count_only && rc == 0) printf("%lu\n", f.count);
@@ -196,7 +170,6 @@ int cmd_find(int argc, char** argv) {
     }
     return kExitFailed;
   }
-  if (f.failed) return kExitFailed;
   if (f.count == 0) {
     report({argv[optind], operands == 2 ? argv[optind + 1] : nullptr}, "no file matches");
     return kExitNotFound;

@@ -315,18 +315,6 @@ int add_tag(void* user, const char* name, const char* value) {
   return 0;
 }
 
-// Reads the tags of `file` from its volume's database through `reader`;
-// reports a file that cannot be read. Returns false then.
-bool read_tags(tevu_reader* reader, const char* file, FileTags* tags) {
-  tags->clear();
-  const int rc = tevu_reader_file_tags(reader, file, add_tag, tags);
-  if (rc == 0) return tags->arena.ok();
-  if (rc == ENOENT || !report_unread_volumes()) {
-    report({file}, rc == ENOENT ? setpath_reason(file) : errno_reason(rc));
-  }
-  return false;
-}
-
 // Reads tag `name` of `file` through the mount. Returns 0 or an errno.
 int read_through_mount(const char* file, const char* name, FileTags* tags) {
   const int limit = tevu_getmaxvaluelen();
@@ -407,28 +395,13 @@ const option kReadOptions[] = {{"mount", no_argument, nullptr, 'm'},
 void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
                bool with_path, bool one_line) {
   text record;
-  if (o.json) {
-    record.append("{\"path\":");
-    json_string(file, &record);
-    record.append(",\"tags\":{");
+  if (o.json || one_line) {
+    array<const char*> names, values;
     for (std::size_t i = 0; i < tags.count(); ++i) {
-      if (i > 0) record.push(',');
-      json_string(tags.name(i), &record);
-      record.push(':');
-      json_string(tags.value(i), &record);
+      names.push(tags.name(i));
+      values.push(tags.value(i));
     }
-    record.append("}}");
-    emit(record, o.nul);
-    return;
-  }
-  if (one_line) {
-    escape_field(file, false, &record);
-    for (std::size_t i = 0; i < tags.count(); ++i) {
-      record.push('\t');
-      escape_field(tags.name(i), true, &record);
-      record.push('=');
-      escape_field(tags.value(i), false, &record);
-    }
+    file_record(file, tags.count(), names.data(), values.data(), o.json, &record);
     emit(record, o.nul);
     return;
   }
@@ -438,6 +411,102 @@ void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
     record.append(tags.name(i)).push('=').append(tags.value(i));
     emit(record, o.nul);
   }
+}
+
+// What get and list do with every file named: `each` handles one file,
+// with its tags in `tags` when `read` (and reports why not otherwise).
+struct Reading {
+  const ReadOptions* o;
+  char** files;
+  FileTags tags;
+  bool failed = false;
+  void (*each)(Reading* r, const char* file, bool read);
+  // get: the names asked for.
+  char** names = nullptr;
+  int name_count = 0, file_count = 0;
+  bool not_set = false;
+};
+
+int read_one(void* user, size_t index, int error, size_t count, const char* const* names,
+             const char* const* values) {
+  Reading* r = static_cast<Reading*>(user);
+  const char* file = r->files[index];
+  r->tags.clear();
+  for (size_t i = 0; i < count; ++i) r->tags.add(names[i], values[i]);
+  if (error == 0 && !r->tags.arena.ok()) error = ENOMEM;
+  if (error == ENOENT) {
+    report({file}, setpath_reason(file));
+  } else if (error != 0) {
+    reportf({file}, "tag database could not be read: %s", errno_reason(error));
+  }
+  r->each(r, file, error == 0);
+  return 0;
+}
+
+// Hands the `count` files of `r` to r->each, their tags read through one
+// reader (many files per read transaction), or through the mount (`get`
+// reads there each name itself). Returns an exit status for a reader that
+// could not be had, else -1.
+int read_files(Reading* r, int count) {
+  if (r->o->via_mount) {
+    for (int f = 0; f < count; ++f) {
+      r->tags.clear();
+      const bool read = r->names != nullptr || list_through_mount(r->files[f], &r->tags);
+      r->each(r, r->files[f], read);
+    }
+    return -1;
+  }
+  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(tevu_reader_open(),
+                                                              tevu_reader_close);
+  if (!reader) return report_not_mounted();
+  const int rc = tevu_reader_files(reader.get(), r->files, static_cast<size_t>(count),
+                                   read_one, r);
+  if (rc != 0) {
+    reportf({r->files[0]}, "tags not read: %s", errno_reason(rc));
+    r->failed = true;
+  }
+  return -1;
+}
+
+// get's handling of one file: the values of the names asked for.
+void get_one(Reading* r, const char* file, bool read) {
+  if (!read) {
+    r->failed = true;
+    return;
+  }
+  FileTags wanted;
+  for (int n = 0; n < r->name_count; ++n) {
+    const char* name = r->names[n];
+    if (r->o->via_mount) {
+      const int rc = read_through_mount(file, name, &wanted);
+      if (rc != 0 && !(rc == ENOENT && exists(file))) {
+        report({file, name}, tagfile_reason(rc, file));
+        r->failed = true;
+        continue;
+      }
+      if (rc == 0) continue;
+    } else if (const char* value = r->tags.find(name)) {
+      wanted.add(name, value);
+      continue;
+    }
+    report({file, name}, "tag not set");
+    r->not_set = true;
+  }
+  if (wanted.count() == 0) return;
+  if (r->o->json || r->name_count > 1) {
+    emit_file(file, wanted, *r->o, true, true);
+  } else {
+    text record;
+    if (r->file_count > 1) record.append(file).push('\t');
+    record.append(wanted.value(0));
+    emit(record, r->o->nul);
+  }
+}
+
+// list's handling of one file: every tag it carries.
+void list_one(Reading* r, const char* file, bool read) {
+  r->failed |= !read;
+  if (read || r->tags.count() > 0) emit_file(file, r->tags, *r->o, r->file_count > 1, false);
 }
 
 // True when the operand `arg` of `get` names a file: it holds a "/" (no
@@ -478,54 +547,16 @@ int cmd_get(int argc, char** argv) {
     }
   }
   if (!tag_fs_mounted()) return report_not_mounted();
-  const int files = first_name - optind;
-  const int names = argc - first_name;
-  tevu_reader* raw_reader = o.via_mount ? nullptr : tevu_reader_open();
-  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(raw_reader, tevu_reader_close);
-  if (!o.via_mount && !reader) return report_not_mounted();
-  bool failed = false, not_set = false;
-  FileTags all, wanted;
-  for (int f = optind; f < first_name; ++f) {
-    const char* file = argv[f];
-    all.clear();
-    wanted.clear();
-    bool read = true;
-    if (!o.via_mount) read = read_tags(reader.get(), file, &all);
-    if (!read) {
-      failed = true;
-      continue;
-    }
-    for (int n = first_name; n < argc; ++n) {
-      const char* value = nullptr;
-      if (o.via_mount) {
-        const int rc = read_through_mount(file, argv[n], &wanted);
-        if (rc != 0 && !(rc == ENOENT && exists(file))) {
-          report({file, argv[n]}, tagfile_reason(rc, file));
-          failed = true;
-          continue;
-        }
-        if (rc == 0) continue;
-      } else {
-        value = all.find(argv[n]);
-        if (value != nullptr) {
-          wanted.add(argv[n], value);
-          continue;
-        }
-      }
-      report({file, argv[n]}, "tag not set");
-      not_set = true;
-    }
-    if (wanted.count() == 0) continue;
-    if (o.json || names > 1) {
-      emit_file(file, wanted, o, true, true);
-    } else {
-      text record;
-      if (files > 1) record.append(file).push('\t');
-      record.append(wanted.value(0));
-      emit(record, o.nul);
-    }
-  }
-  return failed ? kExitFailed : not_set ? kExitNotFound : kExitOk;
+  Reading r;
+  r.o = &o;
+  r.files = argv + optind;
+  r.each = get_one;
+  r.names = argv + first_name;
+  r.name_count = argc - first_name;
+  r.file_count = first_name - optind;
+  const int status_now = read_files(&r, r.file_count);
+  if (status_now >= 0) return status_now;
+  return r.failed ? kExitFailed : r.not_set ? kExitNotFound : kExitOk;
 }
 
 int cmd_list(int argc, char** argv) {
@@ -537,20 +568,14 @@ int cmd_list(int argc, char** argv) {
     if (argv[i][0] == '\0') return usage_error(argv[0], "empty file name");
   }
   if (!tag_fs_mounted()) return report_not_mounted();
-  std::unique_ptr<tevu_reader, void (*)(tevu_reader*)> reader(
-      o.via_mount ? nullptr : tevu_reader_open(), tevu_reader_close);
-  if (!o.via_mount && !reader) return report_not_mounted();
-  bool failed = false;
-  FileTags tags;
-  const bool several = argc - optind > 1;
-  for (int f = optind; f < argc; ++f) {
-    tags.clear();
-    const bool read = o.via_mount ? list_through_mount(argv[f], &tags)
-                                  : read_tags(reader.get(), argv[f], &tags);
-    failed |= !read;
-    if (read || tags.count() > 0) emit_file(argv[f], tags, o, several, false);
-  }
-  return failed ? kExitFailed : kExitOk;
+  Reading r;
+  r.o = &o;
+  r.files = argv + optind;
+  r.each = list_one;
+  r.file_count = argc - optind;
+  const int status_now = read_files(&r, r.file_count);
+  if (status_now >= 0) return status_now;
+  return r.failed ? kExitFailed : kExitOk;
 }
 
 // ---------------------------------------------------------------------------
