@@ -158,16 +158,22 @@ run_suite() {
   (cd "$dir" && ctest --output-on-failure -j "$JOBS")
 }
 
-# size DIR TRIPLE SYSROOT: the stripped -Os library and tool of one target.
+# size DIR TRIPLE SYSROOT: the stripped -Os library and tool of one target,
+# as MIPS32 code and as MIPS16e code (what OpenWrt builds on its targets
+# with CONFIG_USE_MIPS16, such as ath79 and ramips).
 size() {
-  local dir=$1 triple=$2 sysroot=$3
-  cross_build "$dir" "$triple" "$sysroot" -DCMAKE_BUILD_TYPE=MinSizeRel \
-    -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
-  "$triple-strip" -o "$dir/libtevul.stripped.so" "$dir/libtevul.so"
-  "$triple-strip" -o "$dir/tevu.stripped" "$dir/tools/tevu"
-  echo "$triple: libtevul.so stripped: $(stat -c %s "$dir/libtevul.stripped.so") bytes;" \
-       "tevu stripped: $(stat -c %s "$dir/tevu.stripped") bytes"
-  "$triple-readelf" -d "$dir/libtevul.stripped.so" | grep NEEDED
+  local dir=$1 triple=$2 sysroot=$3 code flags
+  for code in mips32 mips16; do
+    flags=""
+    [[ $code == mips16 ]] && flags="-mips16 -minterlink-compressed"
+    cross_build "$dir-$code" "$triple" "$sysroot" -DCMAKE_BUILD_TYPE=MinSizeRel \
+      -DCMAKE_CXX_FLAGS="$flags" -DTEVUL_BUILD_TESTS=OFF -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
+    "$triple-strip" -o "$dir-$code/libtevul.stripped.so" "$dir-$code/libtevul.so"
+    "$triple-strip" -o "$dir-$code/tevu.stripped" "$dir-$code/tools/tevu"
+    echo "$triple $code: libtevul.so stripped: $(stat -c %s "$dir-$code/libtevul.stripped.so")" \
+         "bytes; tevu stripped: $(stat -c %s "$dir-$code/tevu.stripped") bytes"
+  done
+  "$triple-readelf" -d "$dir-mips32/libtevul.stripped.so" | grep NEEDED
 }
 
 # Puts mutant FROM -> TO into FILE (FROM must occur exactly once; <NL>
