@@ -557,12 +557,13 @@ class tally {
     for (std::size_t i = 0; i < offsets_.size(); ++i) {
       if (!items.push(item{base + offsets_[i].offset, offsets_[i].count})) return ENOMEM;
     }
-    items.sort([](const void* a, const void* b) {
-      const char* x = static_cast<const item*>(a)->text;
-      const char* y = static_cast<const item*>(b)->text;
-      const int folded = strcasecmp(x, y);
-      return folded != 0 ? folded : strcmp(x, y);
-    });
+    // One volume's counts come sorted already (the statement groups by the
+    // column, which compares so): then a pass finds it, and no sort runs.
+    bool sorted = true;
+    for (std::size_t i = 1; i < items.size() && sorted; ++i) {
+      sorted = compare(&items[i - 1], &items[i]) <= 0;
+    }
+    if (!sorted) items.sort(compare);
     for (std::size_t i = 0; i < items.size();) {
       unsigned long count = 0;
       std::size_t j = i;
@@ -584,6 +585,13 @@ class tally {
     const char* text;
     unsigned long count;
   };
+  // Letter case ignored, then byte by byte.
+  static int compare(const void* a, const void* b) {
+    const char* x = static_cast<const item*>(a)->text;
+    const char* y = static_cast<const item*>(b)->text;
+    const int folded = strcasecmp(x, y);
+    return folded != 0 ? folded : strcmp(x, y);
+  }
   text arena_;
   array<entry> offsets_;
   bool failed_ = false;
