@@ -195,6 +195,25 @@ TEST_F(BulkTest, RuntimeRootMatchesWithoutItsFirstByte) {
   EXPECT_EQ(rows("opt", "SELECT Path, Data FROM Meta"), (Rows{{"a", "t=1"}}));
 }
 
+// A context on the volume rooted at /srv/a (the runtime file's, since srv's
+// database link is gone) keeps its database only for paths below "/srv/a/":
+// "/srv/ab" begins with the root's name but lies on no volume.
+TEST_F(BulkTest, ContextKeepsItsDatabaseOnlyBelowTheRoot) {
+  const std::string inside = file("/srv/a/f"), sibling = file("/srv/ab/g");
+  ASSERT_EQ(unlink((Sandbox::meta_backing() + "/srv@@db").c_str()), 0);
+  ASSERT_EQ(tevul_test::create_tag_db("/opt/a.db"), "");
+  ASSERT_EQ(symlink("/opt/a.db", (std::string(Sandbox::kBacking) + "/.tagfiles/srv/a@@db").c_str()),
+            0);
+  Sandbox::write_ini("x:/srv/a:y\n");
+  Bulk bulk(tevu_bulk_init());
+  ASSERT_EQ(tevu_bulk_setpath(bulk.get(), inside.c_str()), 0);
+  ASSERT_EQ(tevu_bulk_settag(bulk.get(), "t", "1"), 0);
+  EXPECT_EQ(tevu_bulk_setpath(bulk.get(), sibling.c_str()), -1);
+  EXPECT_EQ(tevu_bulk_settag(bulk.get(), "t", "2"), -1);
+  bulk.reset();
+  EXPECT_EQ(tevul_test::RawDb("/opt/a.db").rows("SELECT Path, Data FROM Meta"), (Rows{{"f", "t=1"}}));
+}
+
 TEST_F(BulkTest, WithoutTheMountThereIsNoContext) {
   sandbox_.unmount_tag_fs();  // before the process looks the mount up
   EXPECT_EQ(tevu_bulk_init(), nullptr);
