@@ -108,7 +108,8 @@ TEST_F(TagFiles, PlantedLinksLeadNowhere) {
 }
 
 // Wildcards in the file's own path match themselves: the glob over the tags
-// of "[a].jpg" never reaches the tags of "a.jpg".
+// of "[a].jpg" never reaches the tags of "a.jpg", nor that of "b?.jpg" the
+// tags of "bc.jpg".
 TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {
   tevul_test::write_file("/mnt/photos/[a].jpg", "jpeg");
   ASSERT_TRUE(tevul_test::make_dirs(std::string(Sandbox::kBacking) +
@@ -117,6 +118,14 @@ TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {
   ASSERT_EQ(tevu_settag("/mnt/photos/[a].jpg", "rating", "w"), 0);
   EXPECT_EQ(tevu_deltag_glob("/mnt/photos/[a].jpg", "*"), 0);
   EXPECT_EQ(backing("rating"), "v");
+  for (const char* name : {"/mnt/photos/b?.jpg", "/mnt/photos/bc.jpg"}) {
+    tevul_test::write_file(name, "jpeg");
+    ASSERT_TRUE(tevul_test::make_dirs(std::string(Sandbox::kBacking) + "/.tagfiles" + name));
+    ASSERT_EQ(tevu_settag(name, "rating", "x"), 0);
+  }
+  EXPECT_EQ(tevu_deltag_glob("/mnt/photos/b?.jpg", "*"), 0);
+  char kept[8];
+  EXPECT_EQ(tevu_gettag("/mnt/photos/bc.jpg", "rating", kept, sizeof kept), 0);
   const int rc = tevu_deltag_glob("/mnt/photos/a.jpg", "nothing*");
   EXPECT_NE(rc, 0);
   EXPECT_EQ(rc, errno) << "no match: errno as it stands, not glob's code";
