@@ -200,11 +200,7 @@ TEST_F(BulkTest, RuntimeRootMatchesWithoutItsFirstByte) {
 // "/srv/ab" begins with the root's name but lies on no volume.
 TEST_F(BulkTest, ContextKeepsItsDatabaseOnlyBelowTheRoot) {
   const std::string inside = file("/srv/a/f"), sibling = file("/srv/ab/g");
-  ASSERT_EQ(unlink((Sandbox::meta_backing() + "/srv@@db").c_str()), 0);
-  ASSERT_EQ(tevul_test::create_tag_db("/opt/a.db"), "");
-  ASSERT_EQ(symlink("/opt/a.db", (std::string(Sandbox::kBacking) + "/.tagfiles/srv/a@@db").c_str()),
-            0);
-  Sandbox::write_ini("x:/srv/a:y\n");
+  tevul_test::make_runtime_volume("/srv/a", "/opt/a.db");
   Bulk bulk(tevu_bulk_init());
   ASSERT_EQ(tevu_bulk_setpath(bulk.get(), inside.c_str()), 0);
   ASSERT_EQ(tevu_bulk_settag(bulk.get(), "t", "1"), 0);

@@ -64,6 +64,20 @@ TEST_F(Reader, ReadsManyFilesOnEveryVolume) {
 // Files asked for together come back in the order given, each with its
 // own result, across batches and volumes; no lock is held while the
 // callback runs, so a writer commits in between.
+// A volume the reader met serves only the paths below its root's "/": the
+// volume rooted at /srv/a (from the runtime file) never answers for /srv/ab,
+// a directory on no volume.
+TEST_F(Reader, AVolumeMetServesOnlyPathsBelowItsRoot) {
+  tevul_test::make_runtime_volume("/srv/a", "/mnt/a.db");
+  tag_file("/srv/a/f", {{"k", "v"}});
+  ASSERT_TRUE(tevul_test::write_file("/srv/ab/f", ""));
+  tevu_reader* reader = tevu_reader_open();
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(tags(reader, "/srv/a/f"), "k=v\n");
+  EXPECT_EQ(tags(reader, "/srv/ab/f"), "!" + std::to_string(ENOENT));
+  tevu_reader_close(reader);
+}
+
 TEST_F(Reader, ReadsFilesTogether) {
   tag_file("/mnt/f0", {{"k", "m"}});
   tag_file("/srv/f1", {{"k", "s"}});

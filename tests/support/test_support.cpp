@@ -84,4 +84,14 @@ void tag_file(const std::string& file, const Tags& tags) {
   tevu_bulk_fini(bulk);
 }
 
+void make_runtime_volume(const std::string& root, const std::string& db) {
+  const std::string volume = root.substr(1, root.find('/', 1) - 1);
+  ASSERT_EQ(unlink((Sandbox::meta_backing() + "/" + volume + "@@db").c_str()), 0);
+  ASSERT_EQ(create_tag_db(db), "");
+  const std::string link = std::string(Sandbox::kBacking) + "/.tagfiles" + root + "@@db";
+  ASSERT_TRUE(make_dirs(link.substr(0, link.rfind('/'))));
+  ASSERT_EQ(symlink(db.c_str(), link.c_str()), 0);
+  Sandbox::write_ini("x:" + root + ":y\n");
+}
+
 }  // namespace tevul_test

@@ -70,6 +70,12 @@ Rows rows(const std::string& volume, const std::string& sql);
 // it through a bulk context of its own, committed on return.
 void tag_file(const std::string& file, const Tags& tags);
 
+// Makes `root` ("/V/DIR", below the sandbox's volume V) a volume of its own,
+// as the runtime file names one: V's database link is removed, so that the
+// lookup falls back to the runtime file, and a new tag database `db` serves
+// the root.
+void make_runtime_volume(const std::string& root, const std::string& db);
+
 // A library handle closed, and a bulk context released (and committed), at
 // the end of their scope: the library's own owners.
 using TagDbHandle = tevul::tagdb_ptr;
