@@ -92,12 +92,16 @@ __attribute__((format(printf, 3, 4))) inline bool format_whole(
 // Resource owners: every resource the library holds is released by one of
 // these when its owner goes away.
 
-// Memory from malloc() or calloc().
-struct free_deleter {
-  void operator()(void* p) const { std::free(p); }
+// The deleter of an owner whose resource `release` frees (what `release`
+// returns is of no use to an owner going away).
+template <typename T, typename R, R (*release)(T*)>
+struct released_by {
+  void operator()(T* p) const { release(p); }
 };
+
+// Memory from malloc() or calloc().
 template <typename T>
-using c_ptr = std::unique_ptr<T, free_deleter>;
+using c_ptr = std::unique_ptr<T, released_by<void, void, std::free>>;
 
 // An object with a constructor, on the C heap: calloc() and placement new
 // instead of operator new, the destructor and free() at the end.
@@ -119,29 +123,14 @@ object_ptr<T> make_object() {
   return object_ptr<T>(new (memory) T());
 }
 
-struct file_closer {
-  void operator()(FILE* f) const { std::fclose(f); }
-};
 // A stream closed with fclose().
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
-struct mnt_closer {
-  void operator()(FILE* f) const { endmntent(f); }
-};
+using file_ptr = std::unique_ptr<FILE, released_by<FILE, int, std::fclose>>;
 // A mount table stream closed with endmntent().
-using mnt_ptr = std::unique_ptr<FILE, mnt_closer>;
-
-struct glob_releaser {
-  void operator()(glob_t* g) const { globfree(g); }
-};
+using mnt_ptr = std::unique_ptr<FILE, released_by<FILE, int, endmntent>>;
 // The matches of a glob() that filled them, released with globfree().
-using glob_ptr = std::unique_ptr<glob_t, glob_releaser>;
-
-struct dir_closer {
-  void operator()(DIR* d) const { closedir(d); }
-};
+using glob_ptr = std::unique_ptr<glob_t, released_by<glob_t, void, globfree>>;
 // A directory stream closed with closedir().
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+using dir_ptr = std::unique_ptr<DIR, released_by<DIR, int, closedir>>;
 
 // A file descriptor closed when its owner goes away; -1 holds none.
 class unique_fd {
@@ -173,37 +162,21 @@ class unique_fd {
   int fd_ = -1;
 };
 
-struct stmt_finalizer {
-  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
-};
 // A prepared statement finalised when its owner goes away.
-using stmt_ptr = std::unique_ptr<sqlite3_stmt, stmt_finalizer>;
-
-struct db_closer {
-  void operator()(sqlite3* db) const { sqlite3_close(db); }
-};
+using stmt_ptr =
+    std::unique_ptr<sqlite3_stmt, released_by<sqlite3_stmt, int, sqlite3_finalize>>;
 // A connection closed when its owner goes away.
-using db_ptr = std::unique_ptr<sqlite3, db_closer>;
-
-struct sqlite_freer {
-  void operator()(void* p) const { sqlite3_free(p); }
-};
+using db_ptr = std::unique_ptr<sqlite3, released_by<sqlite3, int, sqlite3_close>>;
 // Memory from SQLite's allocator (sqlite3_mprintf(), sqlite3_malloc()).
-using sqlite_text = std::unique_ptr<char, sqlite_freer>;
-
-struct tagdb_closer {
-  void operator()(metadb_tagdb* tagdb) const { metadb_tagdb_close(tagdb); }
-};
+using sqlite_text = std::unique_ptr<char, released_by<void, void, sqlite3_free>>;
 // A tag database handle closed (and so committed, if it ever wrote) when
 // its owner lets go.
-using tagdb_ptr = std::unique_ptr<metadb_tagdb, tagdb_closer>;
-
-struct bulk_finisher {
-  void operator()(tevu_bulk_ctx* ctx) const { tevu_bulk_fini(ctx); }
-};
+using tagdb_ptr =
+    std::unique_ptr<metadb_tagdb, released_by<metadb_tagdb, void, metadb_tagdb_close>>;
 // A bulk context that commits, wakes the daemon if it changed anything and
 // is freed when its owner lets go.
-using bulk_ptr = std::unique_ptr<tevu_bulk_ctx, bulk_finisher>;
+using bulk_ptr =
+    std::unique_ptr<tevu_bulk_ctx, released_by<tevu_bulk_ctx, void, tevu_bulk_fini>>;
 
 // The descriptor of the daemon's FIFO (event_trigger_init()'s result: a
 // descriptor greater than 0, or 0 or -1 for none), closed with

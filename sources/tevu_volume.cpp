@@ -42,7 +42,7 @@ bool reachable_dir(const char* dir) {
 
 // The content of one of the daemon's small text files, as a stream.
 struct small_file {
-  std::unique_ptr<char, tevul::free_deleter> data;
+  tevul::c_ptr<char> data;
   tevul::file_ptr stream;
 };
 
