@@ -233,23 +233,16 @@ void number_function(sqlite3_context* context, int, sqlite3_value** args) {
   sqlite3_result_null(context);
 }
 
-// True when `db` has the column of tag `name` (into `column`, ".name").
-bool has_column(sqlite3* db, const char* name, char (&column)[258]) {
-  return tevul::format_whole(column, sizeof column, ".%s", name) &&
-         sqlite3_table_column_metadata(db, nullptr, "Meta", column, nullptr, nullptr,
-                                       nullptr, nullptr, nullptr) == SQLITE_OK;
-}
-
 // Adds to `out` the equality terms of the "and" chain at node `i` whose tag
 // has a column in `db`.
 void chain_equalities(const condition& c, int i, sqlite3* db, tevul::array<int>* out) {
   const condition::node& n = c[static_cast<std::size_t>(i)];
-  char column[258];
+  char column[tevul::kColumnSize];
   if (n.what == condition::kAnd) {
     chain_equalities(c, n.left, db, out);
     chain_equalities(c, n.right, db, out);
   } else if (n.what == condition::kCompare && n.how == condition::kEq &&
-             has_column(db, c.name(n), column)) {
+             tevul::has_tag_column(db, c.name(n), column)) {
     out->push(i);
   }
 }
@@ -310,8 +303,8 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
     case condition::kCompare:
       break;
   }
-  char column[258];
-  if (!has_column(db, c.name(n), column)) {
+  char column[tevul::kColumnSize];
+  if (!tevul::has_tag_column(db, c.name(n), column)) {
     sql.push('0');
     return true;
   }

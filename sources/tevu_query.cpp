@@ -124,7 +124,9 @@ namespace {
 void append_column(text& out, sqlite3_stmt* stmt, int i) {
   const void* bytes = sqlite3_column_blob(stmt, i);
   const int n = sqlite3_column_bytes(stmt, i);
-  if (bytes != nullptr && n > 0) out.append(static_cast<const char*>(bytes), static_cast<std::size_t>(n));
+  if (bytes != nullptr && n > 0) {
+    out.append(static_cast<const char*>(bytes), static_cast<std::size_t>(n));
+  }
   out.push('\0');
 }
 
@@ -290,6 +292,12 @@ int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
       stop);
 }
 
+bool has_tag_column(sqlite3* db, const char* name, char (&column)[kColumnSize]) {
+  return format_whole(column, sizeof column, ".%s", name) &&
+         sqlite3_table_column_metadata(db, nullptr, "Meta", column, nullptr, nullptr,
+                                       nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
 int wide_table(query_db& db, bool* wide) {
   sqlite3* handle = db.db.get();
   stmt_ptr all;
@@ -414,10 +422,8 @@ int file_tags(const char* path, tevu_tag_cb cb, void* user) {
 // Hands every file of one volume's database that matches to `cb`.
 int find_in(query_db& db, const char* root, const char* name, const char* value,
             tevu_file_cb cb, void* user, int* stop) {
-  char column[256 + 2];
-  if (!tevul::format_whole(column, sizeof column, ".%s", name) ||
-      sqlite3_table_column_metadata(db.db.get(), nullptr, "Meta", column, nullptr,
-                                    nullptr, nullptr, nullptr, nullptr) != SQLITE_OK) {
+  char column[tevul::kColumnSize];
+  if (!tevul::has_tag_column(db.db.get(), name, column)) {
     return 0;  // no file of this volume ever carried the tag
   }
   if (db.rowid == nullptr) return EIO;  // no way to read every row once
@@ -647,10 +653,8 @@ int count_in(sqlite3* db, const char* name, bool values, const char* rel,
 int count_volume(query_db& db, const char* name, const char* rel, tally* counts) {
   sqlite3* handle = db.db.get();
   if (name != nullptr) {
-    char column[256 + 2];
-    if (!tevul::format_whole(column, sizeof column, ".%s", name) ||
-        sqlite3_table_column_metadata(handle, nullptr, "Meta", column, nullptr,
-                                      nullptr, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    char column[tevul::kColumnSize];
+    if (!tevul::has_tag_column(handle, name, column)) {
       return 0;  // no file of this volume ever carried the tag
     }
     return count_in(handle, name, true, rel, counts);

@@ -144,6 +144,13 @@ int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
 int paths_in_batches(sqlite3_stmt* stmt, int after_param, const char* root,
                      tevu_file_cb cb, void* user, int* stop);
 
+// The name of a tag column, "." and a tag name of up to 256 bytes.
+constexpr std::size_t kColumnSize = 256 + 2;
+
+// True when Meta of `db` has the column of tag `name`, whose name
+// (".name") is then in `column`. A name too long for it has none.
+bool has_tag_column(sqlite3* db, const char* name, char (&column)[kColumnSize]);
+
 // Sets *wide when Meta has as many columns as SQLite allows, leaving no
 // room for the row id beside them in one result row. Returns 0 or an errno.
 int wide_table(query_db& db, bool* wide);

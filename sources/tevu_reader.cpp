@@ -5,8 +5,9 @@
 // volumes met so far, and one row read through a statement prepared once
 // per volume. Reading a row in a transaction of its own costs SQLite eight
 // system calls (locks, the hot journal and WAL checks, the change counter),
-// more than the row itself: files asked for together share one per batch. Volumes are looked up in the meta directory only the first
-// time one of their files is asked for. The connections are those of the
+// more than the row itself: files asked for together share one per batch.
+// Volumes are looked up in the meta directory only the first time one of
+// their files is asked for. The connections are those of the
 // queries (tevu_query.h): hot journals rolled back, no write lock, no wait
 // for a lock of the calling thread, rows copied out before the callback.
 #include <errno.h>

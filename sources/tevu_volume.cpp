@@ -185,25 +185,22 @@ int tevul::find_volume_link(const char* meta_dir, int meta_fd, const char* path,
     return reachable_dir(meta_dir) ? 0 : -1;
   }
   struct stat st;
+  int rc = -1;
   if (meta_fd >= 0) {
-    if (fstatat(meta_fd, link + strlen(meta_dir) + 1, &st, AT_SYMLINK_NOFOLLOW) == 0) {
-      if (!S_ISLNK(st.st_mode)) return 0;
-      memcpy(name, path + 1, n);
-      name[n] = '\0';
-      return 1;
-    }
-    if (errno == ENOENT || errno == ENOTDIR) return 0;
+    rc = fstatat(meta_fd, link + strlen(meta_dir) + 1, &st, AT_SYMLINK_NOFOLLOW);
+    // The held directory answers "no such entry" for itself.
+    if (rc != 0 && (errno == ENOENT || errno == ENOTDIR)) return 0;
   }
-  if (lstat(link, &st) == 0) {
-    if (!S_ISLNK(st.st_mode)) return 0;
-    memcpy(name, path + 1, n);
-    name[n] = '\0';
-    return 1;
+  if (rc != 0 && lstat(link, &st) != 0) {
+    // No such entry: no volume, unless the meta directory itself is gone,
+    // which a read of the directory would have told.
+    if (errno == ENOENT || errno == ENOTDIR) return reachable_dir(meta_dir) ? 0 : -1;
+    return -1;
   }
-  // No such entry: no volume, unless the meta directory itself is gone,
-  // which a read of the directory would have told.
-  if (errno == ENOENT || errno == ENOTDIR) return reachable_dir(meta_dir) ? 0 : -1;
-  return -1;
+  if (!S_ISLNK(st.st_mode)) return 0;
+  memcpy(name, path + 1, n);
+  name[n] = '\0';
+  return 1;
 }
 
 bool tevul::each_volume(const char* meta_dir,
