@@ -352,30 +352,6 @@ void json_string(const char* value, text* out) {
   out->push('"');
 }
 
-void file_record(const char* path, std::size_t count, const char* const* names,
-                 const char* const* values, bool json, text* out) {
-  if (json) {
-    out->append("{\"path\":");
-    json_string(path, out);
-    out->append(",\"tags\":{");
-    for (std::size_t i = 0; i < count; ++i) {
-      if (i > 0) out->push(',');
-      json_string(names[i], out);
-      out->push(':');
-      json_string(values[i], out);
-    }
-    out->append("}}");
-    return;
-  }
-  escape_field(path, false, out);
-  for (std::size_t i = 0; i < count; ++i) {
-    out->push('\t');
-    escape_field(names[i], true, out);
-    out->push('=');
-    escape_field(values[i], false, out);
-  }
-}
-
 tevul::bulk_ptr open_bulk() {
   tevul::bulk_ptr ctx(tevu_bulk_init());
   if (!ctx) report_not_mounted();

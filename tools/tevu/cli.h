@@ -189,8 +189,46 @@ void json_string(const char* value, text* out);
 // Appends the record of one file as export prints it: the path and each
 // NAME=VALUE, TAB-separated and escaped, or with `json` one JSON object
 // {"path":...,"tags":{NAME:VALUE,...}}.
-void file_record(const char* path, std::size_t count, const char* const* names,
-                 const char* const* values, bool json, text* out);
+// `tags` has count(), name(i) and value(i): get's and list's own store, or
+// the library's arrays through TagArrays.
+template <typename Tags>
+void file_record(const char* path, const Tags& tags, bool json, text* out) {
+  if (json) {
+    out->append("{\"path\":");
+    json_string(path, out);
+    out->append(",\"tags\":{");
+    for (std::size_t i = 0; i < tags.count(); ++i) {
+      if (i > 0) out->push(',');
+      json_string(tags.name(i), out);
+      out->push(':');
+      json_string(tags.value(i), out);
+    }
+    out->append("}}");
+    return;
+  }
+  escape_field(path, false, out);
+  for (std::size_t i = 0; i < tags.count(); ++i) {
+    out->push('\t');
+    escape_field(tags.name(i), true, out);
+    out->push('=');
+    escape_field(tags.value(i), false, out);
+  }
+}
+
+// The tags a callback of the library hands over, as file_record() reads them.
+class TagArrays {
+ public:
+  TagArrays(std::size_t n, const char* const* names, const char* const* values)
+      : n_(n), names_(names), values_(values) {}
+  std::size_t count() const { return n_; }
+  const char* name(std::size_t i) const { return names_[i]; }
+  const char* value(std::size_t i) const { return values_[i]; }
+
+ private:
+  std::size_t n_;
+  const char* const* names_;
+  const char* const* values_;
+};
 
 // A bulk context for a command, or none after reporting that the tag file
 // system is not mounted.

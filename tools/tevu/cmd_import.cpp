@@ -559,7 +559,7 @@ int export_file(void* user, const char* path, size_t count, const char* const* n
                 const char* const* values) {
   const Exporter* e = static_cast<const Exporter*>(user);
   text record;
-  file_record(path, count, names, values, e->json, &record);
+  file_record(path, TagArrays(count, names, values), e->json, &record);
   emit(record, e->nul);
   return 0;
 }

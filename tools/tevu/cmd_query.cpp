@@ -44,7 +44,7 @@ int print_found_row(void* user, const char* path, size_t count, const char* cons
   ++f->count;
   if (f->count_only) return 0;
   text record;
-  file_record(path, count, names, values, f->json, &record);
+  file_record(path, TagArrays(count, names, values), f->json, &record);
   emit(record, f->nul);
   return 0;
 }

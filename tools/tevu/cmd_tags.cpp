@@ -290,15 +290,19 @@ struct FileTags {
   std::size_t count() const { return offsets.size() / 2; }
   const char* name(std::size_t i) const { return arena.c_str() + offsets[2 * i]; }
   const char* value(std::size_t i) const { return arena.c_str() + offsets[2 * i + 1]; }
+  bool short_of_memory = false;
   void add(const char* name, const char* value) {
-    offsets.push(arena.size());
+    short_of_memory |= !offsets.push(arena.size());
     arena.append(name).push('\0');
-    offsets.push(arena.size());
+    short_of_memory |= !offsets.push(arena.size());
     arena.append(value).push('\0');
   }
+  // False when memory ran short: then the tags are not all there.
+  bool ok() const { return arena.ok() && !short_of_memory; }
   void clear() {
     arena.clear();
     offsets.clear();
+    short_of_memory = false;
   }
   // The value of tag `name` (letter case ignored, as the database names
   // columns), or NULL.
@@ -396,12 +400,7 @@ void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
                bool with_path, bool one_line) {
   text record;
   if (o.json || one_line) {
-    array<const char*> names, values;
-    for (std::size_t i = 0; i < tags.count(); ++i) {
-      names.push(tags.name(i));
-      values.push(tags.value(i));
-    }
-    file_record(file, tags.count(), names.data(), values.data(), o.json, &record);
+    file_record(file, tags, o.json, &record);
     emit(record, o.nul);
     return;
   }
@@ -433,7 +432,7 @@ int read_one(void* user, size_t index, int error, size_t count, const char* cons
   const char* file = r->files[index];
   r->tags.clear();
   for (size_t i = 0; i < count; ++i) r->tags.add(names[i], values[i]);
-  if (error == 0 && !r->tags.arena.ok()) error = ENOMEM;
+  if (error == 0 && !r->tags.ok()) error = ENOMEM;
   if (error == ENOENT) {
     report({file}, setpath_reason(file));
   } else if (error != 0) {
@@ -462,7 +461,9 @@ int read_files(Reading* r, int count) {
   const int rc = tevu_reader_files(reader.get(), r->files, static_cast<size_t>(count),
                                    read_one, r);
   if (rc != 0) {
-    reportf({r->files[0]}, "tags not read: %s", errno_reason(rc));
+    // Not one file's failure (those went through read_one): the rest of
+    // the files are not read.
+    reportf({}, "tags not read: %s", errno_reason(rc));
     r->failed = true;
   }
   return -1;
