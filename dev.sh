@@ -8,7 +8,7 @@
 #                      big-endian under qemu-mips; then run each fuzz target
 #                      for FUZZ_SECONDS (20)
 #   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
-#                      about twenty minutes, not part of the test suite)
+#                      about twenty-five minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped sizes and needed libraries of libtevul.so
 #                      and the tevu tool for both MIPS byte orders (-Os)

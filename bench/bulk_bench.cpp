@@ -376,8 +376,6 @@ double run_hand_read(const std::string& volume, long n, int count) {
   return seconds_since(start) / count;
 }
 
-// Mean seconds of realpath() alone over `count` random files, the part of
-// a reader's call that is not the reader's.
 // `count` random files of the `n` of the volume, named as a user would.
 std::vector<std::string> random_files(const std::string& volume, long n, int count) {
   std::mt19937 random(5);
@@ -388,6 +386,8 @@ std::vector<std::string> random_files(const std::string& volume, long n, int cou
   return paths;
 }
 
+// Mean seconds of realpath() alone over `paths`, the part of a reader's
+// call that is not the reader's.
 double run_realpath(const std::vector<std::string>& paths) {
   const auto start = std::chrono::steady_clock::now();
   for (const std::string& path : paths) {

@@ -61,9 +61,6 @@ TEST_F(Reader, ReadsManyFilesOnEveryVolume) {
   tevu_reader_close(nullptr);
 }
 
-// Files asked for together come back in the order given, each with its
-// own result, across batches and volumes; no lock is held while the
-// callback runs, so a writer commits in between.
 // A volume the reader met serves only the paths below its root's "/": the
 // volume rooted at /srv/a (from the runtime file) never answers for /srv/ab,
 // a directory on no volume.
@@ -78,6 +75,9 @@ TEST_F(Reader, AVolumeMetServesOnlyPathsBelowItsRoot) {
   tevu_reader_close(reader);
 }
 
+// Files asked for together come back in the order given, each with its
+// own result, across batches and volumes; no lock is held while the
+// callback runs, so a writer commits in between.
 TEST_F(Reader, ReadsFilesTogether) {
   tag_file("/mnt/f0", {{"k", "m"}});
   tag_file("/srv/f1", {{"k", "s"}});
