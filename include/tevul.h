@@ -965,6 +965,192 @@ TEVUL_API int tevu_rename_tag(const char *old_name, const char *new_name,
  */
 TEVUL_API int tevu_delete_tag(const char *name, unsigned long *removed);
 
+/* ------------------------------------------------------------------------ */
+/* Extensions: tags that follow files moved by any program                   */
+/* ------------------------------------------------------------------------ */
+
+/*
+ * Fingerprints. While a file is tagged, the repair and the watcher keep its
+ * fingerprint: whether it is a file or a directory, its size (files only)
+ * and its modification time to the nanosecond, which a rename, coreutils
+ * `mv` and Samba keep. They live in a database of their own beside each
+ * volume's tag database (its file name with ".fingerprints" appended); the
+ * tag databases keep exactly the daemon's tables, columns and rows. Inode
+ * numbers are not used: they are not stable on FAT.
+ */
+
+/* What tevu_repair() found for one tagged row whose file is gone. */
+enum {
+  TEVU_REPAIR_MOVED = 1,     /* exactly one candidate: `to`; the tags moved
+                                there (or would, in a dry run) */
+  TEVU_REPAIR_AMBIGUOUS = 2, /* `candidates` files match; left alone */
+  TEVU_REPAIR_UNMATCHED = 3, /* no file matches, or no fingerprint was ever
+                                kept for it; left alone */
+  TEVU_REPAIR_FAILED = 4     /* the move to `to` failed with `error`; every
+                                tag is still at `from` */
+};
+
+/*
+ * One finding of tevu_repair(): `from` is the row's absolute path, `to` the
+ * file it became (NULL unless kind is TEVU_REPAIR_MOVED or
+ * TEVU_REPAIR_FAILED). Strings are valid only during the call. Returns 0
+ * to go on, anything else to stop the repair (which then returns it).
+ */
+typedef int (*tevu_repair_cb)(void *user, int kind, const char *from,
+                              const char *to, unsigned long candidates,
+                              int error);
+
+/* The counts of one tevu_repair(): rows whose file was found in place,
+ * rows moved (or that would move), ambiguous, unmatched, failed. */
+struct tevu_repair_counts {
+  unsigned long in_place;
+  unsigned long moved;
+  unsigned long ambiguous;
+  unsigned long unmatched;
+  unsigned long failed;
+};
+
+/*
+ * Finds where the files of tagged rows went while no watcher ran, and moves
+ * their tags there. For every row below `dir` (an existing directory or
+ * file on a tagged volume, made canonical; NULL: every row of every
+ * volume) whose file is still there, the fingerprint is recorded. For every
+ * row whose file is gone, every file and directory of the same volume (the
+ * volume's own file system only, without following links) is compared with
+ * the fingerprint kept for the row; a file that carries tags of its own is
+ * no candidate. The tags move (tevu_move_checked(), whose rules hold) only
+ * when exactly one candidate matches and no other row matches it too;
+ * ambiguous and unmatched rows are handed to `cb` and never guessed. With
+ * `dry_run` nothing changes anywhere, fingerprints included.
+ * Memory: at most 4096 rows whose file is gone, holding at most 1 MiB of
+ * paths, are matched per walk of the volume; more take more walks.
+ * `cb` and `counts` may be NULL.
+ * Returns 0 when every volume concerned was read and every move that was
+ * found succeeded (ambiguous and unmatched rows are not failures; the
+ * counts say them); the callback's value when it stopped; ENOENT when
+ * nothing is mounted or `dir` lies on no tagged volume or does not exist;
+ * EIO for a tag database that cannot be read (tevu_query_failure() names
+ * the volumes), the errno of the first failed move otherwise, or of a
+ * fingerprint database that cannot be written (tags are never touched
+ * without one).
+ */
+TEVUL_API int tevu_repair(const char *dir, int dry_run, tevu_repair_cb cb,
+                          void *user, struct tevu_repair_counts *counts);
+
+/*
+ * A watcher: follows the tagged volumes through the kernel's inotify
+ * interface and makes the tags follow every move and deletion, whoever
+ * makes it. It starts no thread: the caller polls one descriptor
+ * (tevu_watch_fd(), readable when there is work) in its own event loop and
+ * calls tevu_watch_process(), which does the pending work without waiting
+ * and says how long the caller may sleep before a deferred decision is due.
+ * Between calls the watcher holds no database and no file of a volume open
+ * (a disk can be unmounted), only its inotify watches.
+ *
+ * What it follows, on the volumes' own file systems (a file system mounted
+ * below a volume and the tag file system's mount are not entered):
+ *   - a rename or move within a volume, of a file or a tree, at any depth,
+ *     also into directories created after the start: the rows of the file
+ *     or tree take the new path (tevu_move_checked()), within the call that
+ *     sees the rename;
+ *   - a rename over an existing file: it keeps its tags; a tagged file
+ *     renamed over it brings its tags, merged in as tevu_move_checked()
+ *     merges;
+ *   - a copy onto another place followed by the unlink of the source (`mv`
+ *     across file systems, Samba): the tags go to the copy when it is
+ *     recognised (same name and, when a fingerprint was kept, same size;
+ *     written before the source's unlink; of several, the one whose path
+ *     ends most like the source's, and only when that one is unique);
+ *   - a tagged file or tree deleted (or moved where nothing watches): its
+ *     rows are dropped only when the path has not come back within the
+ *     grace period; a program that unlinks and re-creates a file keeps the
+ *     tags;
+ *   - a volume mounted (its link in the meta directory, its file system in
+ *     the mount table) or removed while watching: taken up or released.
+ *     Nothing of a volume whose disk went away is taken for deleted.
+ * Files without rows cost one read of the database's index and no write.
+ * The tag databases' own files and the fingerprint databases are never
+ * taken for a user's file.
+ *
+ * Nothing is lost in silence: an overflow of the kernel's event queue
+ * rebuilds the watches and repairs every volume (tevu_repair()'s rules); a
+ * directory that cannot be watched (the per-user limit
+ * fs.inotify.max_user_watches) is counted, reported and its volume
+ * repaired every 15 minutes while it stays unwatched; the watcher repairs
+ * every volume when it starts, so that moves made while none ran are found.
+ */
+typedef struct tevu_watch tevu_watch;
+
+/* What a watcher reports to its callback. */
+enum {
+  TEVU_WATCH_MOVED = 1,     /* the tags of `from` (and below) now stand at
+                               `to`; count: 0 after a rename seen, 1 after
+                               a recognised copy, 2 found by a repair */
+  TEVU_WATCH_DELETED,       /* the rows of `from` and below were dropped */
+  TEVU_WATCH_FAILED,        /* following `from` (to `to`, or NULL for a
+                               deletion) failed with `error`; every tag is
+                               still at `from`; a repair finishes it */
+  TEVU_WATCH_VOLUME_ADDED,  /* the volume `from` is watched */
+  TEVU_WATCH_VOLUME_REMOVED,/* the volume `from` is no longer watched */
+  TEVU_WATCH_OVERFLOW,      /* the kernel's queue overflowed: events were
+                               lost; the watches are rebuilt and every
+                               volume repaired */
+  TEVU_WATCH_UNWATCHED,     /* `count` directories cannot be watched
+                               (`error` ENOSPC: raise the limit
+                               fs.inotify.max_user_watches) */
+  TEVU_WATCH_AMBIGUOUS,     /* a repair found `count` candidates for `from` */
+  TEVU_WATCH_UNMATCHED      /* a repair found no file for `from` */
+};
+
+/* One report of a watcher; strings are valid only during the call. */
+typedef void (*tevu_watch_cb)(void *user, int event, const char *from,
+                              const char *to, int error, unsigned long count);
+
+/*
+ * Starts watching every tagged volume (`count` 0) or the `count`
+ * directories `dirs` (each an existing directory on a tagged volume, made
+ * canonical) and everything below them. `grace_ms` is the grace period of
+ * a deletion (0: 5000 ms). `cb` (may be NULL) receives the reports.
+ * Returns the watcher, or NULL with errno set: ENOENT when nothing is
+ * mounted or a directory lies on no tagged volume, ENOTDIR, EMFILE when no
+ * inotify instance can be had, ENOMEM. Call tevu_watch_process() once
+ * right away: it runs the start's repair.
+ */
+TEVUL_API tevu_watch *tevu_watch_open(const char *const *dirs, size_t count,
+                                      unsigned grace_ms, tevu_watch_cb cb,
+                                      void *user);
+
+/* The descriptor to poll for reading (an epoll descriptor; -1 for NULL). */
+TEVUL_API int tevu_watch_fd(const tevu_watch *watch);
+
+/*
+ * Does what is pending: reads the events, follows moves, drops the rows of
+ * deletions whose grace period ended, takes volumes up and releases them,
+ * repairs. Never waits for an event. Sets *timeout_ms (may be NULL) to how
+ * long the caller may sleep before calling again when the descriptor stays
+ * quiet: -1 when nothing is deferred. Returns 0, or the errno of the first
+ * move or deletion that failed in this call (reported to the callback too;
+ * the watcher goes on), EINVAL for NULL.
+ */
+TEVUL_API int tevu_watch_process(tevu_watch *watch, int *timeout_ms);
+
+/* Asks for a repair of every watched volume and a new look at the volumes
+ * in the next tevu_watch_process() (which runs at once: the timeout becomes
+ * 0). Safe to call only from the watcher's thread, not from a signal
+ * handler. */
+TEVUL_API void tevu_watch_repair(tevu_watch *watch);
+
+/* The numbers of directories watched, volumes watched and directories that
+ * could not be watched. Any pointer may be NULL. */
+TEVUL_API void tevu_watch_counts(const tevu_watch *watch, unsigned long *dirs,
+                                 unsigned long *volumes,
+                                 unsigned long *unwatched);
+
+/* Stops watching and frees the watcher; deletions still in their grace
+ * period are not made (their rows stay, and a later repair or cleanup sees
+ * them). NULL is ignored. */
+TEVUL_API void tevu_watch_close(tevu_watch *watch);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

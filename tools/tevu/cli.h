@@ -30,7 +30,8 @@ enum Exit {
   kExitUsage = 2,          // unknown command, bad option or argument
   kExitNotMounted = 3,     // the tag file system is not mounted
   kExitNotFound = 4,       // get: a tag is not set; find, rename, del
-                           // --all, deleted: nothing carries it
+                           // --all, deleted: nothing carries it; repair:
+                           // rows stay whose file was not found
   kExitInterrupted = 130,  // import: stopped by an interrupt (128 + SIGINT)
 };
 
@@ -62,6 +63,8 @@ int cmd_moved(int argc, char** argv);
 int cmd_cleanup(int argc, char** argv);
 int cmd_view(int argc, char** argv);
 int cmd_limits(int argc, char** argv);
+int cmd_watch(int argc, char** argv);
+int cmd_repair(int argc, char** argv);
 // `tevu del --all NAME...`, given the names.
 int delete_everywhere(const char* command, char** names, int count, bool dry_run);
 

@@ -30,7 +30,8 @@ constexpr char kOverviewEnd[] =
     "Exit status: 0 success; 1 a file or tag failed (each failure is reported\n"
     "on standard error as one line 'tevu: FILE: TAG: REASON'); 2 usage error;\n"
     "3 the tag file system is not mounted; 4 not found (get, find, rename,\n"
-    "del --all, deleted); 130 interrupted (import).\n";
+    "del --all, deleted; repair: rows left whose file was not found);\n"
+    "130 interrupted (import).\n";
 
 constexpr char kSetHelp[] =
     "Usage: tevu set [-r [-n [-0]]] [-m] [--strip-backslashes]\n"
@@ -248,6 +249,43 @@ constexpr char kCleanupHelp[] =
     "  -0, --null     end each path with a NUL byte instead of a line feed\n"
     "  --force        remove the tags even when every file is missing\n";
 
+constexpr char kWatchHelp[] =
+    "Usage: tevu watch [-v] [--grace SECONDS] [DIR...]\n"
+    "\n"
+    "Follows every tagged volume (or the DIRs and everything below them)\n"
+    "until SIGTERM or SIGINT, so that tags follow every move and deletion,\n"
+    "whoever makes it: renames at any depth, moves onto another volume (the\n"
+    "copy, same name and size, is recognised when the source is unlinked),\n"
+    "renames over a tagged file (it keeps its tags). A deleted file's tags\n"
+    "are dropped only when it has not come back within the grace period.\n"
+    "Volumes mounted or removed while it runs are taken up or released;\n"
+    "nothing of a disk that went away is taken for deleted. At the start,\n"
+    "after an overflow of the kernel's event queue and on SIGHUP it runs\n"
+    "'tevu repair'. When every watch is in place it prints\n"
+    "'tevu: watch: watching N directories on M volumes' on standard error.\n"
+    "On SIGTERM or SIGINT it finishes pending work and exits 0.\n"
+    "\n"
+    "  -v, --verbose        print each followed move ('moved<TAB>FROM<TAB>TO'),\n"
+    "                       deletion ('deleted<TAB>PATH') and what a repair\n"
+    "                       left alone ('ambiguous<TAB>PATH<TAB>N',\n"
+    "                       'unmatched<TAB>PATH') on standard output\n"
+    "  --grace SECONDS      how long a deleted path may take to come back\n"
+    "                       (default 5)\n";
+
+constexpr char kRepairHelp[] =
+    "Usage: tevu repair [-n] [DIR...]\n"
+    "\n"
+    "Finds where the files of tagged rows went while nothing watched: for\n"
+    "each tagged file below DIR (or on every volume) that is gone, the file\n"
+    "of the same volume with the same fingerprint (kind, size, modification\n"
+    "time; kept while the file was tagged and still there) gets its tags,\n"
+    "when exactly one matches. Each move is printed as FROM<TAB>TO; rows\n"
+    "with several or no matching files are named on standard error and left\n"
+    "alone. Fingerprints of the files that are in place are recorded, so\n"
+    "that later moves can be found. Exit status 4 when rows were left alone.\n"
+    "\n"
+    "  -n, --dry-run  only print the pairs; change nothing\n";
+
 constexpr char kViewHelp[] =
     "Usage: tevu view create NAME\n"
     "       tevu view cond NAME CONDITION\n"
@@ -293,6 +331,8 @@ const Command kCommands[] = {
     {"deleted", "drop the tags of deleted files", kDeletedHelp, cmd_deleted},
     {"moved", "carry tags along after a move", kMovedHelp, cmd_moved},
     {"cleanup", "drop the tags of vanished files", kCleanupHelp, cmd_cleanup},
+    {"watch", "make tags follow every move and deletion", kWatchHelp, cmd_watch},
+    {"repair", "find files moved while nothing watched", kRepairHelp, cmd_repair},
     {"view", "create, configure, show and delete views", kViewHelp, cmd_view},
     {"limits", "print the tag name and value limits", kLimitsHelp, cmd_limits},
 };
