@@ -981,8 +981,9 @@ TEVUL_API int tevu_delete_tag(const char *name, unsigned long *removed);
 
 /* What tevu_repair() found for one tagged row whose file is gone. */
 enum {
-  TEVU_REPAIR_MOVED = 1,     /* exactly one candidate: `to`; the tags moved
-                                there (or would, in a dry run) */
+  TEVU_REPAIR_MOVED = 1,     /* the file it became: `to` (of `candidates`);
+                                the tags moved there (or would, in a dry
+                                run) */
   TEVU_REPAIR_AMBIGUOUS = 2, /* `candidates` files match; left alone */
   TEVU_REPAIR_UNMATCHED = 3, /* no file matches, or no fingerprint was ever
                                 kept for it; left alone */
@@ -1019,8 +1020,11 @@ struct tevu_repair_counts {
  * volume's own file system only, without following links) is compared with
  * the fingerprint kept for the row; a file that carries tags of its own is
  * no candidate. The tags move (tevu_move_checked(), whose rules hold) only
- * when exactly one candidate matches and no other row matches it too;
- * ambiguous and unmatched rows are handed to `cb` and never guessed. With
+ * to a file that is decided: the only candidate, or of several the only one
+ * with the row's own file name (files written together may share a size
+ * and, on coarse clocks and FAT, a time; a moved tree keeps its names), and
+ * that no other row decided on too; ambiguous and unmatched rows are handed
+ * to `cb` and never guessed. With
  * `dry_run` nothing changes anywhere, fingerprints included.
  * Memory: at most 4096 rows whose file is gone, holding at most 1 MiB of
  * paths, are matched per walk of the volume; more take more walks.

@@ -225,8 +225,25 @@ struct lost_row {
   fingerprint fp;
   unsigned long candidates;
   char* to;  // the first candidate (malloc()), or NULL
-  bool conflict;  // another row has the same single candidate
+  unsigned long named;  // candidates with the row's own file name
+  char* named_to;       // the first of them, or NULL
+  bool conflict;  // another row has the same chosen candidate
 };
+
+const char* file_name(const char* path) {
+  const char* slash = strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+// The file a lost row became: its only candidate, or of several the only
+// one that kept its name (a tree moved elsewhere keeps its names; files
+// written together may share a size and, on coarse clocks and FAT, a
+// time). NULL when that does not decide.
+const char* chosen(const lost_row& row) {
+  if (row.candidates == 1) return row.to;
+  if (row.named == 1) return row.named_to;
+  return nullptr;
+}
 
 int compare_lost(const void* a, const void* b) {
   return compare_fingerprints(static_cast<const lost_row*>(a)->fp,
@@ -241,7 +258,7 @@ class lost_batch {
     const std::size_t at = arena_.size();
     arena_.append(rel, strlen(rel) + 1);
     if (!arena_.ok()) return false;
-    return rows_.push(lost_row{at, fp, 0, nullptr, false});
+    return rows_.push(lost_row{at, fp, 0, nullptr, 0, nullptr, false});
   }
   bool full() const { return rows_.size() >= kLostRows || arena_.size() >= kLostBytes; }
   bool empty() const { return rows_.empty(); }
@@ -250,7 +267,10 @@ class lost_batch {
   const char* path(const lost_row& row) const { return arena_.c_str() + row.path; }
   void sort() { rows_.sort(compare_lost); }
   void clear() {
-    for (std::size_t i = 0; i < rows_.size(); ++i) std::free(rows_[i].to);
+    for (std::size_t i = 0; i < rows_.size(); ++i) {
+      std::free(rows_[i].to);
+      std::free(rows_[i].named_to);
+    }
     rows_.clear();
     arena_.clear();
   }
@@ -308,6 +328,10 @@ int visit_candidate(const char* path, const struct stat* st, int type, struct FT
       row.to = strdup(path);
       if (row.to == nullptr) walk.out_of_memory = true;
     }
+    if (strcmp(file_name(path), file_name(batch.path(row))) == 0 && ++row.named == 1) {
+      row.named_to = strdup(path);
+      if (row.named_to == nullptr) walk.out_of_memory = true;
+    }
   }
   return 0;
 }
@@ -315,7 +339,7 @@ int visit_candidate(const char* path, const struct stat* st, int type, struct FT
 int compare_targets(const void* a, const void* b) {
   const lost_row* x = *static_cast<lost_row* const*>(a);
   const lost_row* y = *static_cast<lost_row* const*>(b);
-  return strcmp(x->to, y->to);
+  return strcmp(chosen(*x), chosen(*y));
 }
 
 // One volume's repair in progress.
@@ -399,14 +423,14 @@ int volume_repair::match_and_apply() {
   if (walked != 0) return errno != 0 ? errno : EIO;
   if (walk.out_of_memory) return ENOMEM;
 
-  // Two rows that found the same single file are both left alone.
+  // Two rows that chose the same file are both left alone.
   array<lost_row*> single;
   for (std::size_t i = 0; i < lost_.size(); ++i) {
-    if (lost_[i].candidates == 1 && !single.push(&lost_[i])) return ENOMEM;
+    if (chosen(lost_[i]) != nullptr && !single.push(&lost_[i])) return ENOMEM;
   }
   single.sort(compare_targets);
   for (std::size_t i = 1; i < single.size(); ++i) {
-    if (strcmp(single[i - 1]->to, single[i]->to) == 0) {
+    if (strcmp(chosen(*single[i - 1]), chosen(*single[i])) == 0) {
       single[i - 1]->conflict = single[i]->conflict = true;
     }
   }
@@ -420,25 +444,25 @@ int volume_repair::match_and_apply() {
     if (row.candidates == 0) {
       ++sink_->counts.unmatched;
       tell(TEVU_REPAIR_UNMATCHED, from, nullptr, 0, 0);
-    } else if (row.candidates > 1 || row.conflict) {
+    } else if (chosen(row) == nullptr || row.conflict) {
       ++sink_->counts.ambiguous;
       tell(TEVU_REPAIR_AMBIGUOUS, from, nullptr, row.candidates, 0);
     } else if (dry_run_) {
       ++sink_->counts.moved;
-      tell(TEVU_REPAIR_MOVED, from, row.to, 1, 0);
+      tell(TEVU_REPAIR_MOVED, from, chosen(row), row.candidates, 0);
     } else {
-      const int rc = tevu_move_checked(from, row.to);
+      const char* to = chosen(row);
+      const int rc = tevu_move_checked(from, to);
       if (rc != 0) {
         ++sink_->counts.failed;
         first_failure(rc);
-        tell(TEVU_REPAIR_FAILED, from, row.to, 1, rc);
+        tell(TEVU_REPAIR_FAILED, from, to, row.candidates, rc);
         continue;
       }
       ++sink_->counts.moved;
-      const char* to_rel = row.to + root_len + 1;
       store_.forget(rel);
-      store_.put(to_rel, row.fp);
-      tell(TEVU_REPAIR_MOVED, from, row.to, 1, 0);
+      store_.put(to + root_len + 1, row.fp);
+      tell(TEVU_REPAIR_MOVED, from, to, row.candidates, 0);
     }
   }
   lost_.clear();

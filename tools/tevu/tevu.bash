@@ -36,7 +36,7 @@ _tevu() {
   fi
   COMPREPLY=()
 
-  local commands="set get list del find tags values rename import export deleted moved cleanup view limits"
+  local commands="set get list del find tags values rename import export deleted moved cleanup watch repair view limits"
   if ((cword == 1)); then
     COMPREPLY=($(compgen -W "$commands --help --version" -- "$cur"))
     return
@@ -55,6 +55,8 @@ _tevu() {
     deleted) options="-n --dry-run -0 --null" ;;
     moved) options="-n --dry-run --before" ;;
     cleanup) options="-n --dry-run -0 --null --force" ;;
+    watch) options="-v --verbose --grace" ;;
+    repair) options="-n --dry-run" ;;
     view)
       if ((cword == 2)); then
         COMPREPLY=($(compgen -W "create cond group events path show list delete --help" -- "$cur"))
@@ -81,7 +83,7 @@ _tevu() {
       fi
       return
       ;;
-    -g | --glob) return ;;  # a pattern: nothing to offer
+    -g | --glob | --grace) return ;;  # a pattern, seconds: nothing to offer
     --under) _tevu_files; return ;;
   esac
   if [[ $cur == -* ]]; then
@@ -94,7 +96,7 @@ _tevu() {
   for ((i = 2; i < cword; i++)); do
     case ${words[i]} in
       --all) all=1 ;;
-      -t | --tag | -g | --glob | --under) ((i++)) ;;
+      -t | --tag | -g | --glob | --under | --grace) ((i++)) ;;
       -*) ;;
       *)
         ((operand++))
@@ -121,6 +123,11 @@ _tevu() {
       _tevu_files
       ;;
     set | list | deleted | moved | cleanup | export | tags) _tevu_files ;;
+    watch | repair)
+      local IFS=$'\n'
+      COMPREPLY+=($(compgen -d -- "$cur"))
+      compopt -o filenames 2>/dev/null
+      ;;
   esac
 }
 complete -F _tevu tevu
