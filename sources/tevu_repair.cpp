@@ -64,6 +64,10 @@ constexpr char kPutFingerprintSql[] =
 constexpr char kRenameFingerprintSql[] =
     "UPDATE OR REPLACE Fingerprint SET Path=?3||SUBSTR(Path, LENGTH(?1)+1)"
     " WHERE Path=?1 OR Path GLOB ?2";
+constexpr char kCopyFingerprintSql[] =
+    "INSERT OR REPLACE INTO Fingerprint(Path, Kind, Size, Mtime, MtimeNs)"
+    " SELECT ?3||SUBSTR(Path, LENGTH(?1)+1), Kind, Size, Mtime, MtimeNs"
+    " FROM Fingerprint WHERE Path=?1 OR Path GLOB ?2";
 constexpr char kForgetFingerprintSql[] =
     "DELETE FROM Fingerprint WHERE Path=?1 OR Path GLOB ?2";
 
@@ -123,6 +127,7 @@ void fingerprint_store::close() {
   get_.reset();
   put_.reset();
   rename_.reset();
+  copy_.reset();
   forget_.reset();
   db_.reset();
 }
@@ -131,6 +136,7 @@ int fingerprint_store::prepare_statements() {
   int rc = prepare(db_.get(), kGetFingerprintSql, -1, get_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kPutFingerprintSql, -1, put_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kRenameFingerprintSql, -1, rename_);
+  if (rc == SQLITE_OK) rc = prepare(db_.get(), kCopyFingerprintSql, -1, copy_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kForgetFingerprintSql, -1, forget_);
   return rc;
 }
@@ -166,6 +172,19 @@ int fingerprint_store::rename(const char* from, const char* to) {
   sqlite_text pattern(glob_escape(from, "/*"));
   if (!pattern) return SQLITE_NOMEM;
   sqlite3_stmt* s = rename_.get();
+  sqlite3_bind_text(s, 1, from, -1, SQLITE_STATIC);
+  sqlite3_bind_text(s, 2, pattern.get(), -1, SQLITE_STATIC);
+  sqlite3_bind_text(s, 3, to, -1, SQLITE_STATIC);
+  const int rc = run_once(s);
+  sqlite3_clear_bindings(s);
+  return rc;
+}
+
+int fingerprint_store::copy(const char* from, const char* to) {
+  if (!db_) return SQLITE_MISUSE;
+  sqlite_text pattern(glob_escape(from, "/*"));
+  if (!pattern) return SQLITE_NOMEM;
+  sqlite3_stmt* s = copy_.get();
   sqlite3_bind_text(s, 1, from, -1, SQLITE_STATIC);
   sqlite3_bind_text(s, 2, pattern.get(), -1, SQLITE_STATIC);
   sqlite3_bind_text(s, 3, to, -1, SQLITE_STATIC);
@@ -452,6 +471,9 @@ int volume_repair::match_and_apply() {
       tell(TEVU_REPAIR_MOVED, from, chosen(row), row.candidates, 0);
     } else {
       const char* to = chosen(row);
+      // The fingerprint stands at the new place before the tags do: an
+      // interruption leaves it at both.
+      store_.put(to + root_len + 1, row.fp);
       const int rc = tevu_move_checked(from, to);
       if (rc != 0) {
         ++sink_->counts.failed;
@@ -461,7 +483,6 @@ int volume_repair::match_and_apply() {
       }
       ++sink_->counts.moved;
       store_.forget(rel);
-      store_.put(to + root_len + 1, row.fp);
       tell(TEVU_REPAIR_MOVED, from, to, row.candidates, 0);
     }
   }

@@ -66,6 +66,10 @@ class fingerprint_store {
   // Gives the fingerprints of `from` and below the paths under `to` (a move
   // that was followed). Returns 0 or an SQLite code.
   int rename(const char* from, const char* to);
+  // Records the fingerprints of `from` and below also under `to` (before a
+  // move, so that an interruption leaves them at both places). Returns 0
+  // or an SQLite code.
+  int copy(const char* from, const char* to);
   // Forgets the fingerprints of `rel` and below. Returns 0 or an SQLite code.
   int forget(const char* rel);
   // Transactions around many puts (one sync instead of one per put).
@@ -81,6 +85,7 @@ class fingerprint_store {
   stmt_ptr get_;
   stmt_ptr put_;
   stmt_ptr rename_;
+  stmt_ptr copy_;
   stmt_ptr forget_;
 };
 

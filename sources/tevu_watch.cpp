@@ -910,27 +910,33 @@ const char* tevu_watch::recognised_copy(const char* lost, bool dir, const finger
 // Makes the tags of `from` follow to `to` and reports it; `how` is the
 // count of TEVU_WATCH_MOVED. Returns true when they stand at `to`.
 bool tevu_watch::follow(const char* from, const char* to, int from_volume, unsigned long how) {
+  // Within the volume the fingerprints are copied to the new place and
+  // committed before the tags move, and forgotten at the old one after:
+  // an interruption anywhere leaves them where the rows may stand.
+  fingerprint_store* store = fingerprints(from_volume);
+  volume_state& v = *volumes[from_volume];
+  const std::size_t n = strlen(v.root);
+  const bool within = strncmp(to, v.root, n) == 0 && to[n] == '/';
+  if (store != nullptr && within) {
+    store->copy(from + n + 1, to + n + 1);
+    if (v.fps_in_transaction) {
+      store->commit();
+      v.fps_in_transaction = store->begin() == SQLITE_OK;
+    }
+  }
   const int rc = tevu_move_checked(from, to);
   if (rc != 0) {
     failed(from, to, rc);
     return false;
   }
-  // The fingerprints follow within the volume; elsewhere the destination's
-  // are recorded anew.
-  fingerprint_store* store = fingerprints(from_volume);
-  const volume_state& v = *volumes[from_volume];
-  const std::size_t n = strlen(v.root);
-  if (store != nullptr) {
-    if (strncmp(to, v.root, n) == 0 && to[n] == '/') {
-      store->rename(from + n + 1, to + n + 1);
-    } else {
-      store->forget(from + n + 1);
-      for (std::size_t i = 0; i < volumes.size(); ++i) {
-        const std::size_t m = strlen(volumes[i]->root);
-        if (volumes[i]->active && strncmp(to, volumes[i]->root, m) == 0 && to[m] == '/') {
-          refresh_fingerprint(static_cast<int>(i), to);
-          earliest(&volumes[i]->sync_due, now_ms() + kSyncDelayMs);
-        }
+  if (store != nullptr) store->forget(from + n + 1);
+  if (!within) {
+    // Elsewhere the destination's fingerprints are recorded anew.
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+      const std::size_t m = strlen(volumes[i]->root);
+      if (volumes[i]->active && strncmp(to, volumes[i]->root, m) == 0 && to[m] == '/') {
+        refresh_fingerprint(static_cast<int>(i), to);
+        earliest(&volumes[i]->sync_due, now_ms() + kSyncDelayMs);
       }
     }
   }

@@ -130,19 +130,25 @@ TEST_F(WatchLoad, AnOverflowIsMadeGoodByTheRepair) {
   // The queue's limit is taken when an inotify instance is made: lowered
   // only for the watcher's start (2000 renames queue 4000 events).
   const std::string limit = tevul_test::read_file(kQueueLimit);
-  if (small) ASSERT_TRUE(tevul_test::write_file(kQueueLimit, "1024"));
+  if (small) {
+    ASSERT_TRUE(tevul_test::write_file(kQueueLimit, "1024"));
+  }
   watcher.start();
-  if (small) ASSERT_TRUE(tevul_test::write_file(kQueueLimit, limit));
+  if (small) {
+    ASSERT_TRUE(tevul_test::write_file(kQueueLimit, limit));
+  }
   kill(watcher.pid, SIGSTOP);
   for (int i = 0; i < files; ++i) {
     ASSERT_EQ(rename(name("f", i).c_str(), name("g", i).c_str()), 0);
   }
   kill(watcher.pid, SIGCONT);
+  EXPECT_TRUE(eventually([&] {
+    watcher.drain();
+    return watcher.said.find("overflowed") != std::string::npos;
+  }, 200)) << watcher.said;
   EXPECT_TRUE(eventually([&] { return rows_at("d/g") == files; }, 200))
       << rows_at("d/g") << " of " << files << " followed";
   EXPECT_EQ(rows_at("d/f"), 0);
-  watcher.drain();
-  EXPECT_NE(watcher.said.find("overflowed"), std::string::npos) << watcher.said;
   EXPECT_EQ(watcher.stop(SIGTERM), 0);
 }
 

@@ -248,6 +248,9 @@ int cmd_watch(int argc, char** argv) {
                                       : errno_reason(error));
     return error == ENOENT || error == ENOTDIR ? kExitUsage : kExitFailed;
   }
+  // The first call runs the start's repair; then the watcher follows.
+  int timeout = 0;
+  tevu_watch_process(watch, &timeout);
   unsigned long dirs = 0, volumes = 0, unwatched = 0;
   tevu_watch_counts(watch, &dirs, &volumes, &unwatched);
   text line;
@@ -258,15 +261,13 @@ int cmd_watch(int argc, char** argv) {
   if (unwatched > 0) line.appendf(" (%lu directories unwatched)", unwatched);
   fprintf(stderr, "%s\n", line.c_str());
 
-  int timeout = 0;
   const int fd = tevu_watch_fd(watch);
   while (!g_stop) {
     if (g_repair) {
       g_repair = 0;
       tevu_watch_repair(watch);
+      timeout = 0;
     }
-    tevu_watch_process(watch, &timeout);
-    if (g_stop) break;
     pollfd p = {fd, POLLIN, 0};
     struct timespec ts;
     struct timespec* wait = nullptr;
@@ -276,6 +277,9 @@ int cmd_watch(int argc, char** argv) {
       wait = &ts;
     }
     ppoll(&p, 1, wait, &waiting);
+    if (g_stop) break;
+    if (g_repair) continue;
+    tevu_watch_process(watch, &timeout);
   }
   // Pending work is finished: the events queued are followed and the
   // deletions still in their grace period decided when it ends.
