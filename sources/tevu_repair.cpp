@@ -167,42 +167,34 @@ int fingerprint_store::put(const char* rel, const fingerprint& fp) {
   return run_once(s);
 }
 
-int fingerprint_store::rename(const char* from, const char* to) {
-  if (!db_) return SQLITE_MISUSE;
+namespace {
+
+// Runs a statement over the fingerprints of `from` and below: ?1 the path,
+// ?2 its literal subtree pattern, ?3 `to` (when not NULL).
+int run_subtree(sqlite3* db, sqlite3_stmt* s, const char* from, const char* to) {
+  if (db == nullptr) return SQLITE_MISUSE;
   sqlite_text pattern(glob_escape(from, "/*"));
   if (!pattern) return SQLITE_NOMEM;
-  sqlite3_stmt* s = rename_.get();
   sqlite3_bind_text(s, 1, from, -1, SQLITE_STATIC);
   sqlite3_bind_text(s, 2, pattern.get(), -1, SQLITE_STATIC);
-  sqlite3_bind_text(s, 3, to, -1, SQLITE_STATIC);
+  if (to != nullptr) sqlite3_bind_text(s, 3, to, -1, SQLITE_STATIC);
   const int rc = run_once(s);
   sqlite3_clear_bindings(s);
   return rc;
+}
+
+}  // namespace
+
+int fingerprint_store::rename(const char* from, const char* to) {
+  return run_subtree(db_.get(), rename_.get(), from, to);
 }
 
 int fingerprint_store::copy(const char* from, const char* to) {
-  if (!db_) return SQLITE_MISUSE;
-  sqlite_text pattern(glob_escape(from, "/*"));
-  if (!pattern) return SQLITE_NOMEM;
-  sqlite3_stmt* s = copy_.get();
-  sqlite3_bind_text(s, 1, from, -1, SQLITE_STATIC);
-  sqlite3_bind_text(s, 2, pattern.get(), -1, SQLITE_STATIC);
-  sqlite3_bind_text(s, 3, to, -1, SQLITE_STATIC);
-  const int rc = run_once(s);
-  sqlite3_clear_bindings(s);
-  return rc;
+  return run_subtree(db_.get(), copy_.get(), from, to);
 }
 
 int fingerprint_store::forget(const char* rel) {
-  if (!db_) return SQLITE_MISUSE;
-  sqlite_text pattern(glob_escape(rel, "/*"));
-  if (!pattern) return SQLITE_NOMEM;
-  sqlite3_stmt* s = forget_.get();
-  sqlite3_bind_text(s, 1, rel, -1, SQLITE_STATIC);
-  sqlite3_bind_text(s, 2, pattern.get(), -1, SQLITE_STATIC);
-  const int rc = run_once(s);
-  sqlite3_clear_bindings(s);
-  return rc;
+  return run_subtree(db_.get(), forget_.get(), rel, nullptr);
 }
 
 int fingerprint_store::begin() {
