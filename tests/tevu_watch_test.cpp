@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -319,6 +320,58 @@ TEST_F(Watch, TheStartRepairsMovesMadeWhileNoneRan) {
   start({}, 200);
   EXPECT_EQ(paths("mnt"), (Rows{{"y/photo.jpg"}})) << events();
   EXPECT_TRUE(saw(TEVU_WATCH_MOVED, "/mnt/x/photo.jpg")) << events();
+}
+
+}  // namespace
+
+namespace {
+
+// The watch limit (per user namespace since Linux 5.11) lowered for a
+// watcher of its own: the directories beyond it are counted and reported,
+// the others followed. Runs in a child that enters a user namespace of its
+// own, so that the machine's limit stays as it is.
+TEST_F(Watch, DirectoriesBeyondTheWatchLimitAreCountedAndReported) {
+  for (int i = 0; i < 30; ++i) tevul_test::make_dirs("/mnt/many/d" + std::to_string(i));
+  tevul_test::tag_file("/mnt/a", {{"kind", "doc"}});
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto write = [](const char* file, const std::string& text) {
+      return tevul_test::write_file(file, text);
+    };
+    if (unshare(CLONE_NEWUSER) != 0) _exit(77);
+    if (!write("/proc/self/setgroups", "deny") || !write("/proc/self/uid_map", "0 0 1") ||
+        !write("/proc/self/gid_map", "0 0 1")) {
+      _exit(77);
+    }
+    // The namespace's own limit (fs.inotify.max_user_watches is the whole
+    // machine's and is never touched here).
+    if (!write("/proc/sys/user/max_inotify_watches", "12")) _exit(77);
+    unsigned long reported = 0;
+    struct sink {
+      static void on(void* user, int event, const char*, const char*, int, unsigned long count) {
+        if (event == TEVU_WATCH_UNWATCHED) *static_cast<unsigned long*>(user) = count;
+      }
+    };
+    tevu_watch* w = tevu_watch_open(nullptr, 0, 200, sink::on, &reported);
+    if (w == nullptr) _exit(2);
+    unsigned long dirs = 0, unwatched = 0;
+    tevu_watch_counts(w, &dirs, nullptr, &unwatched);
+    tevu_watch_process(w, nullptr);
+    const bool counted = dirs + unwatched >= 33 && unwatched > 0 && reported == unwatched;
+    // What is watched is still followed.
+    rename("/mnt/a", "/mnt/b");
+    int timeout = 0;
+    for (int i = 0; i < 50; ++i) {
+      tevu_watch_process(w, &timeout);
+      usleep(20000);
+    }
+    tevu_watch_close(w);
+    _exit(counted ? 0 : 3);
+  }
+  const int status = tevul_test::exit_status(child);
+  if (status == 77) GTEST_SKIP() << "no user namespace with its own watch limit here";
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(paths("mnt"), (Rows{{"b"}}));
 }
 
 }  // namespace
