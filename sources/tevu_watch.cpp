@@ -49,7 +49,9 @@ constexpr uint32_t kDirMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_T
                               IN_CLOSE_WRITE | IN_ATTRIB | IN_ONLYDIR | IN_DONT_FOLLOW |
                               IN_EXCL_UNLINK;
 // A tag database changed: rows may have been tagged since the last look.
-constexpr uint32_t kDbMask = IN_MODIFY | IN_CLOSE_WRITE | IN_DONT_FOLLOW;
+// Only writes count: a connection that opens the file read-write and reads
+// (the watcher's own, every call) must not wake it again.
+constexpr uint32_t kDbMask = IN_MODIFY | IN_DONT_FOLLOW;
 
 constexpr unsigned kDefaultGraceMs = 5000;
 // How long the first half of a rename waits for its second.
@@ -1073,7 +1075,9 @@ void tevu_watch::on_event(const inotify_event* e) {
     char* copy = strdup(path);
     if (copy == nullptr) return;
     const int child = dir ? find_child(node, e->name) : -1;
-    if (!halves.push(half_move{e->cookie, copy, volume, child, dir, now_ms() + kPairMs})) {
+    // Its time to wait starts when the queue is seen empty (read_events()):
+    // following other moves may take longer than the wait itself.
+    if (!halves.push(half_move{e->cookie, copy, volume, child, dir, kNever})) {
       std::free(copy);
     }
     return;
@@ -1123,7 +1127,12 @@ void tevu_watch::read_events() {
     const ssize_t n = read(inotify.get(), buffer.get(), kEventBuffer);
     if (n < 0) {
       if (errno == EINTR) continue;
-      return;  // EAGAIN: all read
+      // EAGAIN: all read. A first half still alone now waits for its second.
+      const int64_t due = now_ms() + kPairMs;
+      for (std::size_t i = 0; i < halves.size(); ++i) {
+        if (halves[i].due == kNever) halves[i].due = due;
+      }
+      return;
     }
     if (n == 0) return;
     for (ssize_t at = 0; at < n;) {
@@ -1138,7 +1147,7 @@ void tevu_watch::read_events() {
 // of sight, which counts as lost.
 void tevu_watch::settle_halves(int64_t now, bool all) {
   for (std::size_t i = 0; i < halves.size();) {
-    if (!all && halves[i].due > now) {
+    if (!all && (halves[i].due == kNever || halves[i].due > now)) {
       ++i;
       continue;
     }
