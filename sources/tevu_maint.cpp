@@ -13,6 +13,7 @@
 #include "metadb_path.h"
 #include "metadb_tagdb.h"
 #include "tevu_bulk.h"
+#include "tevu_maint.h"
 #include "tevu_query.h"
 #include "tevu_volume.h"
 
@@ -221,6 +222,36 @@ int move_checked(const char* src, const char* dst) {
   return move_across(source, old_rel, dest, new_rel, wake);
 }
 
+// One rename of a batch within the open transaction of `db` on `volume`:
+// as move_within() without the transaction. Returns 0 or an errno.
+int move_in_transaction(writer& db, const tevu_volume& volume, const char* src,
+                        const char* dst, unsigned long* rows) {
+  char from[tevul::kPathSize];
+  char to[tevul::kPathSize];
+  if (const int rc = tevul::plain_path(src, from)) return rc;
+  if (const int rc = tevul::plain_path(dst, to)) return rc;
+  const std::size_t n = static_cast<std::size_t>(volume.prefix_len);
+  if (strncmp(from, volume.prefix, n) != 0 || strncmp(to, volume.prefix, n) != 0) return EXDEV;
+  const char* old_rel = tevul::volume_relative(&volume, from);
+  const char* new_rel = tevul::volume_relative(&volume, to);
+  if (old_rel[0] == '\0' || new_rel[0] == '\0') return EINVAL;
+  if (strcmp(old_rel, new_rel) == 0) return 0;
+  if (strictly_below(new_rel, old_rel) || strictly_below(old_rel, new_rel)) return EINVAL;
+  int code = SQLITE_OK;
+  const int occupied = tevul::subtree_has_rows(db.get(), new_rel, &code);
+  if (occupied < 0) return move_errno(code);
+  if (occupied == 0) {
+    if (metadb_tagdb_rename_path(db.get(), old_rel, new_rel) != 0) {
+      return move_errno(failure_code(db.get()));
+    }
+    *rows += static_cast<unsigned long>(sqlite3_changes(db.get()->db.get()));
+    return 0;
+  }
+  code = tevul::merge_rows(db.get(), old_rel, db.get(), new_rel, rows);
+  if (code == SQLITE_OK) code = tevul::delete_subtree(db.get(), old_rel, rows);
+  return code == SQLITE_OK ? 0 : move_errno(code);
+}
+
 int delete_path_checked(const char* path) {
   char plain[tevul::kPathSize];
   if (const int rc = tevul::plain_path(path, plain)) return rc;
@@ -371,6 +402,33 @@ int retag_everywhere(const char* from, const char* to, bool merge,
 }
 
 }  // namespace
+
+int tevul::move_many_within(const char* const* from, const char* const* to,
+                            std::size_t count) {
+  if (count == 0) return 0;
+  char first[tevul::kPathSize];
+  if (const int rc = tevul::plain_path(from[0], first)) return rc;
+  const char* mount = tevu_find_mount();
+  if (mount == nullptr) return ENOENT;
+  tevu_volume volume;
+  if (tevu_locate_volume(&volume, first) != 1) return ENOENT;
+  const tevul::trigger_fd wake(event_trigger_init(mount));
+  writer db(volume);
+  if (!db.open()) return EIO;
+  int rc = db.begin();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  unsigned long rows = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    if (const int failed = move_in_transaction(db, volume, from[i], to[i], &rows)) {
+      db.abandon(failed);
+      return failed;
+    }
+  }
+  rc = db.commit();
+  if (rc != SQLITE_OK) return move_errno(rc);
+  if (rows > 0) wake.wake();
+  return 0;
+}
 
 extern "C" int tevu_move_checked(const char* src, const char* dst) {
   return move_checked(src, dst);

@@ -45,8 +45,9 @@ int compare_fingerprints(const fingerprint& a, const fingerprint& b) {
 
 namespace {
 
+// A small page cache: the store is read and written a row at a time.
 constexpr char kCreateFingerprintSql[] =
-    "PRAGMA synchronous=NORMAL;"
+    "PRAGMA synchronous=NORMAL; PRAGMA cache_size=-128;"
     "CREATE TABLE IF NOT EXISTS Fingerprint(Path TEXT PRIMARY KEY,"
     " Kind INTEGER NOT NULL, Size INTEGER NOT NULL, Mtime INTEGER NOT NULL,"
     " MtimeNs INTEGER NOT NULL) WITHOUT ROWID";
@@ -106,7 +107,7 @@ int fingerprint_store::open(const char* tag_db, bool read_only) {
     db_.reset(raw);
     if (rc == SQLITE_OK) {
       sqlite3_busy_timeout(raw, 5000);
-      rc = read_only ? SQLITE_OK
+      rc = read_only ? sqlite3_exec(raw, "PRAGMA cache_size=-128", nullptr, nullptr, nullptr)
                      : sqlite3_exec(raw, kCreateFingerprintSql, nullptr, nullptr, nullptr);
     }
     if (rc == SQLITE_OK) rc = prepare_statements();
@@ -487,6 +488,8 @@ int volume_repair::run(const char* scope) {
   if (stat(root_, &st) != 0 || !S_ISDIR(st.st_mode)) return ENOENT;
   int rc = open_query_db(tag_db_, &tags_);
   if (rc != 0) return rc;
+  // The rows are read once, in order: a small page cache will do.
+  sqlite3_exec(tags_.db.get(), "PRAGMA cache_size=-128", nullptr, nullptr, nullptr);
   if (tags_.rowid == nullptr) return EIO;  // no row id that can be trusted
   rc = store_.open(tag_db_, dry_run_);
   if (rc == ENOENT && dry_run_) {

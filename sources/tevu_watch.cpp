@@ -36,6 +36,7 @@
 
 #include "common.h"
 #include "metadb_bulk.h"
+#include "tevu_maint.h"
 #include "tevu_query.h"
 #include "tevu_repair.h"
 #include "tevu_volume.h"
@@ -108,7 +109,7 @@ class wd_map {
     }
   }
   bool put(int wd, int node) {
-    if ((used_ + 1) * 2 > capacity_ && !grow()) return false;
+    if ((used_ + 1) * 4 > capacity_ * 3 && !grow()) return false;
     std::size_t i = hash(wd);
     for (;; i = (i + 1) & (capacity_ - 1)) {
       if (slots_[i].wd == wd) {
@@ -220,6 +221,17 @@ struct half_move {
   int64_t due;
 };
 
+// A rename whose tags are still to follow: renames seen together follow in
+// one transaction per volume.
+struct queued_move {
+  char* from;
+  char* to;
+  int from_volume;
+  int to_volume;
+};
+// The most renames that follow in one transaction.
+constexpr std::size_t kMovesPerTransaction = 1000;
+
 // A file or directory that appeared: a copy, perhaps, of one deleted next.
 struct arrival {
   char* path;
@@ -250,6 +262,7 @@ struct tevu_watch {
   unsigned long unwatched_reported = 0;
   array<pending_deletion> pending;
   array<half_move> halves;
+  array<queued_move> moves;
   // Arrivals, a ring of kArrivals: the oldest is at `ring_head`.
   c_ptr<arrival> ring;
   std::size_t ring_head = 0;
@@ -312,6 +325,9 @@ struct tevu_watch {
   void add_arrival(const char* path, int volume, bool dir);
   const char* recognised_copy(const char* lost, bool dir, const fingerprint* fp) const;
   bool follow(const char* from, const char* to, int from_volume, unsigned long how);
+  void queue_move(const char* from, const char* to, int from_volume, int to_volume);
+  void follow_many(std::size_t first, std::size_t end);
+  void flush_moves();
   void settle_halves(int64_t now, bool all);
   void decide_deletions(int64_t now);
   void rebuild();
@@ -323,6 +339,10 @@ tevu_watch::~tevu_watch() {
   for (std::size_t i = 0; i < volumes.size(); ++i) object_deleter<volume_state>()(volumes[i]);
   for (std::size_t i = 0; i < pending.size(); ++i) std::free(pending[i].path);
   for (std::size_t i = 0; i < halves.size(); ++i) std::free(halves[i].path);
+  for (std::size_t i = 0; i < moves.size(); ++i) {
+    std::free(moves[i].from);
+    std::free(moves[i].to);
+  }
   for (std::size_t i = 0; i < ring_count; ++i) std::free(ring.get()[(ring_head + i) % kArrivals].path);
 }
 
@@ -558,6 +578,7 @@ bool tevu_watch::take_up(int index) {
 }
 
 void tevu_watch::release(int index, bool report) {
+  flush_moves();
   volume_state& v = *volumes[index];
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     if (nodes[i].wd >= 0 && nodes[i].volume == index) drop_node(static_cast<int>(i), true);
@@ -651,6 +672,9 @@ void tevu_watch::look_at_volumes() {
 // ---------------------------------------------------------------------------
 // Databases, opened for one call.
 
+// A call looks rows up one by one: a small page cache will do, and keeps
+// the watcher's memory small on a router.
+constexpr char kSmallCacheSql[] = "PRAGMA cache_size=-128";
 constexpr char kAnyRowSql[] = "SELECT 1 FROM Meta WHERE Path=?1 OR Path GLOB ?2 LIMIT 1";
 constexpr char kThisRowSql[] = "SELECT 1 FROM Meta WHERE Path=?1";
 // New rows since the last look (row id order; "%s" the row id's name).
@@ -663,7 +687,8 @@ volume_state* tevu_watch::db_ready(int index) {
   if (!v.read_tried) {
     v.read_tried = true;
     if (open_query_db(v.db, &v.read) == 0 &&
-        (prepare(v.read.db.get(), kAnyRowSql, -1, v.any_row) != SQLITE_OK ||
+        (sqlite3_exec(v.read.db.get(), kSmallCacheSql, nullptr, nullptr, nullptr) != SQLITE_OK ||
+         prepare(v.read.db.get(), kAnyRowSql, -1, v.any_row) != SQLITE_OK ||
          prepare(v.read.db.get(), kThisRowSql, -1, v.this_row) != SQLITE_OK)) {
       v.read.db.reset();
     }
@@ -946,6 +971,78 @@ bool tevu_watch::follow(const char* from, const char* to, int from_volume, unsig
   return true;
 }
 
+void tevu_watch::queue_move(const char* from, const char* to, int from_volume, int to_volume) {
+  char* a = strdup(from);
+  char* b = strdup(to);
+  if (a == nullptr || b == nullptr || !moves.push(queued_move{a, b, from_volume, to_volume})) {
+    std::free(a);
+    std::free(b);
+    flush_moves();
+    follow(from, to, from_volume, 0);  // memory is short: one at a time
+    return;
+  }
+  if (moves.size() >= kMovesPerTransaction) flush_moves();
+}
+
+// The queued renames [first, end), all within one volume, in one
+// transaction; the fingerprints are copied and committed first, as
+// follow() does. When the transaction fails, each follows alone, so that
+// every failure is told with its own paths.
+void tevu_watch::follow_many(std::size_t first, std::size_t end) {
+  const int index = moves[first].from_volume;
+  volume_state& v = *volumes[index];
+  const std::size_t n = strlen(v.root);
+  fingerprint_store* store = fingerprints(index);
+  array<const char*> from;
+  array<const char*> to;
+  for (std::size_t i = first; i < end; ++i) {
+    if (!from.push(moves[i].from) || !to.push(moves[i].to)) break;
+  }
+  if (from.size() != end - first) {
+    for (std::size_t i = first; i < end; ++i) follow(moves[i].from, moves[i].to, index, 0);
+    return;
+  }
+  if (store != nullptr) {
+    for (std::size_t i = first; i < end; ++i) store->copy(moves[i].from + n + 1, moves[i].to + n + 1);
+    if (v.fps_in_transaction) {
+      store->commit();
+      v.fps_in_transaction = store->begin() == SQLITE_OK;
+    }
+  }
+  if (move_many_within(from.data(), to.data(), from.size()) != 0) {
+    for (std::size_t i = first; i < end; ++i) follow(moves[i].from, moves[i].to, index, 0);
+    return;
+  }
+  for (std::size_t i = first; i < end; ++i) {
+    if (store != nullptr) store->forget(moves[i].from + n + 1);
+    tell(TEVU_WATCH_MOVED, moves[i].from, moves[i].to, 0, 0);
+  }
+}
+
+void tevu_watch::flush_moves() {
+  std::size_t i = 0;
+  while (i < moves.size()) {
+    const int volume = moves[i].from_volume;
+    std::size_t end = i;
+    while (end < moves.size() && moves[end].from_volume == volume &&
+           moves[end].to_volume == volume) {
+      ++end;
+    }
+    if (end - i >= 2) {
+      follow_many(i, end);
+    } else {
+      end = i + 1;
+      follow(moves[i].from, moves[i].to, moves[i].from_volume, 0);
+    }
+    i = end;
+  }
+  for (std::size_t k = 0; k < moves.size(); ++k) {
+    std::free(moves[k].from);
+    std::free(moves[k].to);
+  }
+  moves.clear();
+}
+
 void tevu_watch::came_back(const char* path) {
   for (std::size_t i = 0; i < pending.size();) {
     if (strcmp(pending[i].path, path) == 0) {
@@ -1026,9 +1123,15 @@ void tevu_watch::on_moved(half_move& half, int to_parent, const char* to_name, c
     pending[i].volume = volume;
   }
   came_back(to);
-  const int tagged = has_rows(half.volume, half.path, true);
+  // A source below a queued rename's destination is tagged once that one
+  // has followed.
+  bool chained = false;
+  for (std::size_t i = 0; i < moves.size() && !chained; ++i) {
+    chained = at_or_below(half.path, moves[i].to);
+  }
+  const int tagged = chained ? 1 : has_rows(half.volume, half.path, true);
   if (tagged == 1) {
-    follow(half.path, to, half.volume, 0);
+    queue_move(half.path, to, half.volume, volume);
   } else if (tagged < 0) {
     failed(half.path, to, EIO);  // a repair finds it later
   } else if (!half.dir) {
@@ -1038,6 +1141,7 @@ void tevu_watch::on_moved(half_move& half, int to_parent, const char* to_name, c
 
 void tevu_watch::on_event(const inotify_event* e) {
   if (e->mask & IN_Q_OVERFLOW) {
+    flush_moves();
     overflow = true;
     return;
   }
@@ -1085,6 +1189,7 @@ void tevu_watch::on_event(const inotify_event* e) {
   if (e->mask & IN_MOVED_TO) {
     for (std::size_t i = 0; i < halves.size(); ++i) {
       if (halves[i].cookie != e->cookie) continue;
+      // Renames seen together follow together (flush_moves()).
       half_move half = halves[i];
       for (std::size_t j = i; j + 1 < halves.size(); ++j) halves[j] = halves[j + 1];
       halves.truncate(halves.size() - 1);
@@ -1093,6 +1198,7 @@ void tevu_watch::on_event(const inotify_event* e) {
       return;
     }
     // Moved in from where nothing watches.
+    flush_moves();
     came_back(path);
     if (dir) {
       const int child = watch_dir(path, node, volume, e->name);
@@ -1101,6 +1207,9 @@ void tevu_watch::on_event(const inotify_event* e) {
     add_arrival(path, volume, dir);
     return;
   }
+  // Anything else reads or writes the databases: the renames seen before
+  // it follow first.
+  flush_moves();
   if (e->mask & IN_CREATE) {
     came_back(path);
     if (dir) {
@@ -1127,7 +1236,9 @@ void tevu_watch::read_events() {
     const ssize_t n = read(inotify.get(), buffer.get(), kEventBuffer);
     if (n < 0) {
       if (errno == EINTR) continue;
-      // EAGAIN: all read. A first half still alone now waits for its second.
+      // EAGAIN: all read. The renames seen follow; a first half still
+      // alone now waits for its second.
+      flush_moves();
       const int64_t due = now_ms() + kPairMs;
       for (std::size_t i = 0; i < halves.size(); ++i) {
         if (halves[i].due == kNever) halves[i].due = due;
@@ -1196,6 +1307,7 @@ void tevu_watch::decide_deletions(int64_t now) {
 // After an overflow nothing of the tree of nodes can be trusted: every
 // watch is made anew and every volume repaired.
 void tevu_watch::rebuild() {
+  flush_moves();
   overflow = false;
   tell(TEVU_WATCH_OVERFLOW, nullptr, nullptr, 0, 0);
   settle_halves(0, true);

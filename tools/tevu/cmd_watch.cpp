@@ -237,6 +237,9 @@ int cmd_watch(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   action.sa_handler = on_hangup;
   sigaction(SIGHUP, &action, nullptr);
+  // A log reader that went away (a closed pipe) must not end the watcher:
+  // its writes fail instead.
+  signal(SIGPIPE, SIG_IGN);
 
   const unsigned grace_ms = static_cast<unsigned>(o.grace * 1000 + 0.5);
   tevu_watch* watch = tevu_watch_open(const_cast<const char* const*>(argv + optind),
