@@ -188,6 +188,12 @@ int main(int argc, char** argv) {
                 "move alone %.0f ms | <= checked move + 100 ms |\n",
                 followed, checked);
   }
+  {  // The base: the same start-up before /srv holds any directory.
+    Watcher watcher;
+    std::printf("| start-up over the volumes alone (20,000 tagged files, a few directories) | %.0f "
+                "ms; peak RSS %ld KiB (anonymous %ld KiB) | (the base) |\n",
+                watcher.started_ms, watcher.status_kb("VmHWM:"), watcher.status_kb("RssAnon:"));
+  }
   {  // Start-up over 20,000 directories; then idle.
     for (int i = 0; i < 200; ++i) {
       for (int j = 0; j < 100; ++j) {
@@ -198,8 +204,8 @@ int main(int argc, char** argv) {
     Watcher watcher;
     const long slab_after = watch_slab_bytes();
     std::printf("| start-up over 20,000 directories (and those of /mnt) | %.0f ms; peak RSS %ld "
-                "KiB (now %ld KiB); kernel: %ld KiB more unreclaimable slab | <= 2000 ms, <= 4 MB |\n",
-                watcher.started_ms, watcher.status_kb("VmHWM:"), watcher.status_kb("VmRSS:"),
+                "KiB (anonymous %ld KiB); kernel: %ld KiB more unreclaimable slab | <= 2000 ms, <= 4 MB |\n",
+                watcher.started_ms, watcher.status_kb("VmHWM:"), watcher.status_kb("RssAnon:"),
                 slab_before >= 0 ? (slab_after - slab_before) / 1024 : -1);
     const long switches_before =
         watcher.status_kb("voluntary_ctxt_switches:") + watcher.status_kb("nonvoluntary_ctxt_switches:");
