@@ -701,3 +701,69 @@ TEST_F(Tool, CompletionOffersFilesWithBlanksAndTagNames) {
 }
 
 }  // namespace
+
+namespace {
+
+// tevu repair: the pairs, a dry run that changes nothing, what is left
+// alone on standard error, and an exit status that says so.
+TEST_F(Tool, RepairFindsFilesMovedWhileNothingWatched) {
+  ASSERT_TRUE(write_file("/mnt/photos/b.jpg", "other size"));
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg"}).status, 0);
+  Result r = run({"repair"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "tevu: repair: 0 files moved, 0 ambiguous, 0 not found, 0 failures\n");
+  ASSERT_EQ(rename("/mnt/photos/a.jpg", "/mnt/docs/a-renamed.jpg"), 0);
+  ASSERT_EQ(unlink("/mnt/photos/b.jpg"), 0);
+  const std::string before = databases();
+  r = run({"repair", "-n", "/mnt/photos"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.out, "/mnt/photos/a.jpg\t/mnt/docs/a-renamed.jpg\n");
+  EXPECT_EQ(r.err,
+            "tevu: repair: /mnt/photos/b.jpg: no file matches (or none was ever "
+            "fingerprinted); left alone\n"
+            "tevu: repair: 1 files would move, 0 ambiguous, 1 not found, 0 failures (dry run: "
+            "nothing changed)\n");
+  EXPECT_EQ(databases(), before);
+  r = run({"repair", "/mnt/photos"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.out, "/mnt/photos/a.jpg\t/mnt/docs/a-renamed.jpg\n");
+  EXPECT_EQ(run({"get", "/mnt/docs/a-renamed.jpg", "k"}).out, "v\n");
+  r = run({"repair", "/tmp"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("/tmp: not on a tagged volume"), std::string::npos) << r.err;
+}
+
+// tevu watch as a service runs it: the line that says it watches, one line
+// per followed move with -v, and exit status 0 after SIGTERM.
+TEST_F(Tool, WatchFollowsAndStopsCleanly) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(open("/tmp/watch.out", O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    dup2(open("/tmp/watch.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    exec_tool({"watch", "-v", "--grace", "0.5"});
+  }
+  const auto said = [](const char* file, const std::string& what) {
+    for (int i = 0; i < 600; ++i) {
+      if (tevul_test::read_file(file).find(what) != std::string::npos) return true;
+      usleep(50000);
+    }
+    return false;
+  };
+  ASSERT_TRUE(said("/tmp/watch.err", "tevu: watch: watching "));
+  EXPECT_NE(tevul_test::read_file("/tmp/watch.err").find(" directories on 2 volumes\n"),
+            std::string::npos)
+      << tevul_test::read_file("/tmp/watch.err");
+  ASSERT_EQ(rename("/mnt/photos/a.jpg", "/mnt/photos/c.jpg"), 0);
+  EXPECT_TRUE(said("/tmp/watch.out", "moved\t/mnt/photos/a.jpg\t/mnt/photos/c.jpg\n"))
+      << tevul_test::read_file("/tmp/watch.out");
+  ASSERT_EQ(unlink("/mnt/photos/c.jpg"), 0);
+  kill(pid, SIGTERM);  // the deletion's grace period is waited out first
+  EXPECT_EQ(exit_status(pid), 0);
+  EXPECT_NE(tevul_test::read_file("/tmp/watch.out").find("deleted\t/mnt/photos/c.jpg\n"),
+            std::string::npos);
+  EXPECT_EQ(run({"get", "/mnt/photos/b.jpg", "k"}).status, 4);
+  EXPECT_EQ(rows("mnt", "SELECT count(*) FROM Meta"), (tevul_test::Rows{{"0"}}));
+}
+
+}  // namespace
