@@ -143,10 +143,16 @@ TEST_F(Watch, AMoveOntoAnotherVolumeTakesTheTagsToTheCopy) {
   tevul_test::tag_file("/mnt/p/b.jpg", {{"kind", "scan"}});
   ASSERT_TRUE(tevul_test::write_file("/mnt/p/untagged.txt", "abc"));
   tevul_test::tag_file("/mnt/solo.jpg", {{"kind", "photo"}});
+  tevul_test::tag_file("/mnt/other.jpg", {{"kind", "photo"}});
   start({}, 60000);  // a grace period the test never reaches
   ASSERT_EQ(run("mv /mnt/p /srv/p && mv /mnt/solo.jpg /srv/"), 0);
+  // A file of the same name but another size is no copy of it.
+  ASSERT_TRUE(tevul_test::write_file("/srv/elsewhere/other.jpg", "not the same bytes"));
+  ASSERT_EQ(unlink("/mnt/other.jpg"), 0);
   ASSERT_TRUE(rows_become("srv", {{"p/a.jpg"}, {"p/b.jpg"}, {"solo.jpg"}})) << events();
-  EXPECT_TRUE(paths("mnt").empty());
+  pump_for(200);
+  EXPECT_EQ(paths("mnt"), (Rows{{"other.jpg"}})) << "waiting for its grace period";
+  EXPECT_EQ(paths("srv"), (Rows{{"p/a.jpg"}, {"p/b.jpg"}, {"solo.jpg"}}));
   EXPECT_EQ(tags_of("srv", "p/a.jpg", {"kind", "year"}), (Rows{{"photo", "2019"}}));
   EXPECT_EQ(tags_of("srv", "p/b.jpg", {"kind"}), (Rows{{"scan"}}));
 }
@@ -310,6 +316,35 @@ TEST_F(Repair, MovesOnlyWhatOneFileMatches) {
   EXPECT_EQ(tevul_test::rows("mnt", "SELECT name FROM sqlite_master WHERE type='table'"),
             (Rows{{"Meta"}}));
   EXPECT_EQ(tevu_repair("/tmp", 0, nullptr, nullptr, nullptr), ENOENT);
+}
+
+// Of files with the same fingerprint, one that carries tags of its own is
+// no candidate, and of several the one that kept the row's name decides,
+// only when it is the only one.
+TEST_F(Repair, TaggedFilesAndNamesDecideAmongEqualFingerprints) {
+  ASSERT_TRUE(tevul_test::write_file("/mnt/a.bin", "aaaa"));
+  tevul_test::tag_file("/mnt/a.bin", {{"kind", "a"}});
+  ASSERT_TRUE(tevul_test::write_file("/mnt/b.bin", "bbbbbb"));
+  tevul_test::tag_file("/mnt/b.bin", {{"kind", "b"}});
+  ASSERT_TRUE(tevul_test::write_file("/mnt/c.bin", "cccccccc"));
+  tevul_test::tag_file("/mnt/c.bin", {{"kind", "c"}});
+  ASSERT_EQ(tevu_repair(nullptr, 0, nullptr, nullptr, nullptr), 0);
+  // a.bin: its only look-alike is tagged itself. b.bin: two look-alikes,
+  // one kept the name. c.bin: two look-alikes that both kept the name.
+  ASSERT_EQ(run("cp -p /mnt/a.bin /mnt/a-copy.bin && mkdir -p /mnt/d1 /mnt/d2 && "
+                "cp -p /mnt/b.bin /mnt/d1/b.bin && cp -p /mnt/b.bin /mnt/d2/renamed.bin && "
+                "cp -p /mnt/c.bin /mnt/d1/c.bin && cp -p /mnt/c.bin /mnt/d2/c.bin && "
+                "rm /mnt/a.bin /mnt/b.bin /mnt/c.bin"),
+            0);
+  tevul_test::tag_file("/mnt/a-copy.bin", {{"kind", "copy"}});
+  tevu_repair_counts counts = {};
+  ASSERT_EQ(tevu_repair("/mnt", 0, found, &findings_, &counts), 0);
+  std::sort(findings_.begin(), findings_.end());
+  EXPECT_EQ(findings_, (std::vector<std::string>{"1 /mnt/b.bin /mnt/d1/b.bin 2",
+                                                 "2 /mnt/c.bin - 2",
+                                                 "3 /mnt/a.bin - 0"}));
+  EXPECT_EQ(tags_of("mnt", "a-copy.bin", {"kind"}), (Rows{{"copy"}}));
+  EXPECT_EQ(tags_of("mnt", "d1/b.bin", {"kind"}), (Rows{{"b"}}));
 }
 
 // The watcher repairs at its start what moved while none ran.
