@@ -916,8 +916,9 @@ TEVUL_API int tevu_query_failure(unsigned index, char *volume, size_t size);
  * already stand at `dst` too): ENOSPC for a full file system, EDEADLK when
  * a database is locked by the calling thread itself, EIO for a tag whose
  * column cannot be made at the destination or a database that cannot be
- * opened, ENOENT when no tag file system is mounted or `src` lies on no
- * tagged volume, EINVAL for a path that is NULL, relative or holds a "." or
+ * opened, EBADF for a database file that is no SQLite database, ENOENT
+ * when no tag file system is mounted or `src` lies on no tagged volume,
+ * EINVAL for a path that is NULL, relative or holds a "." or
  * ".." component (make it canonical first), for a volume root as either
  * path, and for a tree moved into itself; ENAMETOOLONG for a path of 4096
  * bytes or more. Running it again after any failure or interruption
@@ -932,7 +933,8 @@ TEVUL_API int tevu_move_checked(const char *src, const char *dst);
  * changed. Returns 0, or a positive errno with nothing deleted: ENOSPC for
  * a full file system, EINVAL and ENAMETOOLONG for a path it does not take,
  * ENOENT when nothing is mounted or the path lies on no tagged volume, EIO
- * when the database cannot be opened.
+ * when the database cannot be opened, EBADF when its file is no SQLite
+ * database.
  */
 TEVUL_API int tevu_delete_checked(const char *path);
 

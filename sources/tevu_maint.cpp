@@ -119,7 +119,8 @@ class writer {
   tevul::tagdb_ptr tagdb_;
 };
 
-// The errno of an SQLite result code of the checked move.
+// The errno of an SQLite result code of the checked operations (EBADF for
+// a file that is no database, as the queries say it).
 int move_errno(int code) { return tevul::sqlite_errno(code); }
 
 // The code a failed statement left on `tagdb`'s connection; SQLITE_ERROR

@@ -619,29 +619,19 @@ void tevu_watch::look_at_volumes() {
     array<volume_link> links;
     forget_failures();
     if (list_volumes(&links) != 0) return;  // the tag file system is away: keep what is
+    for (std::size_t i = 0; i < volumes.size(); ++i) volumes[i]->in_roots = false;
     for (std::size_t i = 0; i < links.size(); ++i) {
       if (links[i].error != 0) continue;
       char root[kPathSize];
       format_cut(root, sizeof root, "%s", links[i].root);
       const std::size_t n = strlen(root);
-      if (n > 1) root[n - 1] = '\0';
+      if (n > 1) root[n - 1] = '\0';  // "/N/" -> "/N"
       int v = volume_of_root(root);
       if (v < 0) v = add_volume(root, links[i].db);
       if (v >= 0) {
         volumes[v]->in_roots = true;
         format_cut(volumes[v]->db, sizeof volumes[v]->db, "%s", links[i].db);
       }
-    }
-    for (std::size_t i = 0; i < volumes.size(); ++i) {
-      bool listed = false;
-      for (std::size_t j = 0; j < links.size() && !listed; ++j) {
-        char root[kPathSize];
-        format_cut(root, sizeof root, "%s", links[j].root);
-        const std::size_t n = strlen(root);
-        if (n > 1) root[n - 1] = '\0';
-        listed = links[j].error == 0 && strcmp(root, volumes[i]->root) == 0;
-      }
-      volumes[i]->in_roots = listed;
     }
   } else {
     for (std::size_t i = 0; i < volumes.size(); ++i) {

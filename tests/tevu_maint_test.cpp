@@ -126,6 +126,10 @@ TEST_F(Maintenance, CheckedMoveMergesAndSaysWhyNot) {
   EXPECT_EQ(tevu_move_checked("/tmp/x", "/mnt/x"), ENOENT);
   EXPECT_EQ(tevu_move_checked("/mnt/f", "/tmp/outside"), 0);
   EXPECT_EQ(rows("mnt"), (Rows{{"h", "g", "t=g|x=1"}}));
+  // A file that is no database: EBADF, as the queries say it.
+  ASSERT_TRUE(tevul_test::write_file(Sandbox::db_path("srv"), std::string(4096, 'g')));
+  EXPECT_EQ(tevu_delete_checked("/srv/d"), EBADF);
+  EXPECT_EQ(tevu_move_checked("/srv/d", "/srv/e"), EBADF);
 }
 
 // Leaves about `bytes` free on the tmpfs of `volume`.

@@ -767,3 +767,23 @@ TEST_F(Tool, WatchFollowsAndStopsCleanly) {
 }
 
 }  // namespace
+
+namespace {
+
+// A tagged file whose folder went with it is still a path the disk means:
+// its deepest existing ancestor is canonical, and nothing missing can be a
+// link.
+TEST_F(Tool, DeletedTakesAFileWhoseFolderWentWithIt) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/docs/old/x.txt", "/mnt/docs/z.txt"}).status, 0);
+  ASSERT_EQ(std::system("rm -r /mnt/docs/old"), 0);
+  Result r = run({"deleted", "/mnt//docs/old/x.txt"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta"), (tevul_test::Rows{{"docs/z.txt"}}));
+  r = run({"deleted", "/mnt/docs/gone/../z.txt"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /mnt/docs/gone/../z.txt: not a path that names a file (make it "
+                   "canonical)\n"
+                   "tevu: deleted: 0 files, 0 tags, 1 failure\n");
+}
+
+}  // namespace

@@ -258,22 +258,54 @@ int disk_path(const char* arg, char* out) {
   if (arg[0] == '\0') return EINVAL;
   if (realpath(arg, out) != nullptr) return 0;
   if (errno != ENOENT) return errno;
-  // Gone (or not yet there): the parent made canonical, the name kept.
+  // Gone (or not yet there), perhaps with directories above it: the
+  // deepest ancestor that exists made canonical, the missing components
+  // kept. What does not exist cannot be a link, so this is the canonical
+  // form; "." and ".." among the missing components would need the disk to
+  // mean anything and are refused.
   char copy[PATH_MAX];
   if (!tevul::format_whole(copy, sizeof copy, "%s", arg)) return ENAMETOOLONG;
-  std::size_t len = strlen(copy);
-  while (len > 1 && copy[len - 1] == '/') copy[--len] = '\0';
-  char* slash = strrchr(copy, '/');
-  const char* name = slash != nullptr ? slash + 1 : copy;
-  if (name[0] == '\0' || strcmp(name, ".") == 0 || strcmp(name, "..") == 0) return EINVAL;
-  const char* parent = slash == nullptr ? "." : slash == copy ? "/" : copy;
-  if (slash != nullptr && slash != copy) *slash = '\0';
-  char real_parent[PATH_MAX];
-  if (realpath(parent, real_parent) == nullptr) return errno;
-  const bool root = strcmp(real_parent, "/") == 0;
-  return tevul::format_whole(out, tevul::kPathSize, "%s/%s", root ? "" : real_parent, name)
-             ? 0
-             : ENAMETOOLONG;
+  std::size_t tail = strlen(copy);  // copy[tail..] is what is missing
+  char real[PATH_MAX];
+  for (;;) {
+    while (tail > 1 && copy[tail - 1] == '/') --tail;
+    std::size_t start = tail;  // the last component of what is left
+    while (start > 0 && copy[start - 1] != '/') --start;
+    const std::size_t n = tail - start;
+    if (n == 0 || (n == 1 && copy[start] == '.') ||
+        (n == 2 && copy[start] == '.' && copy[start + 1] == '.')) {
+      return EINVAL;
+    }
+    std::size_t parent_end = start;
+    while (parent_end > 1 && copy[parent_end - 1] == '/') --parent_end;
+    char parent[PATH_MAX];
+    if (start == 0) {
+      tevul::format_cut(parent, sizeof parent, ".");
+    } else {
+      tevul::format_cut(parent, sizeof parent, "%.*s", static_cast<int>(parent_end), copy);
+    }
+    if (realpath(parent, real) != nullptr) {
+      tail = start;
+      break;
+    }
+    if (errno != ENOENT || start == 0 || parent_end <= 1) return errno;
+    tail = parent_end;
+  }
+  // The canonical ancestor and each missing component, one slash apart.
+  text result;
+  result.append(strcmp(real, "/") == 0 ? "" : real);
+  for (const char* p = copy + tail; *p != '\0';) {
+    while (*p == '/') ++p;
+    const char* end_of = p;
+    while (*end_of != '\0' && *end_of != '/') ++end_of;
+    const std::size_t n = static_cast<std::size_t>(end_of - p);
+    if (n == 0) break;
+    if ((n == 1 && p[0] == '.') || (n == 2 && p[0] == '.' && p[1] == '.')) return EINVAL;
+    result.push('/').append(p, n);
+    p = end_of;
+  }
+  if (!result.ok()) return ENOMEM;
+  return tevul::format_whole(out, tevul::kPathSize, "%s", result.c_str()) ? 0 : ENAMETOOLONG;
 }
 
 bool exists(const char* path) {

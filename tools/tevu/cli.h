@@ -164,9 +164,10 @@ constexpr int kStripOption = 0x100;
 
 // `arg` made canonical against the disk into `out` (tevul::kPathSize
 // bytes): realpath() for a path that exists; for one that does not, its
-// existing parent made canonical and the last component kept, so that
-// ".." and "." never reach past what the disk shows. Returns 0, or an errno
-// (EINVAL for an empty path, or a missing path ending in "." or "..").
+// deepest existing ancestor made canonical and the missing components kept
+// (what does not exist cannot be a link), so that ".." and "." never reach
+// past what the disk shows. Returns 0, or an errno (EINVAL for an empty
+// path, or a missing component "." or "..").
 int disk_path(const char* arg, char* out);
 
 // True when `path` exists (a dangling link counts: lstat()).
