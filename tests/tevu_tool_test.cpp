@@ -787,3 +787,29 @@ TEST_F(Tool, DeletedTakesAFileWhoseFolderWentWithIt) {
 }
 
 }  // namespace
+
+namespace {
+
+// A dry run of cleanup prints and counts exactly what the run drops, a
+// vanished file whose row lost its last tag included.
+TEST_F(Tool, CleanupDryRunSaysWhatTheRunDoes) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg", "/mnt/photos/b.jpg",
+                 "/mnt/docs/z.txt"}).status, 0);
+  ASSERT_EQ(run({"del", "-t", "k", "/mnt/photos/b.jpg"}).status, 0);
+  ASSERT_EQ(unlink("/mnt/photos/a.jpg"), 0);
+  ASSERT_EQ(unlink("/mnt/photos/b.jpg"), 0);
+  const std::string before = databases();
+  Result dry = run({"cleanup", "-n", "/mnt/photos"});
+  EXPECT_EQ(dry.status, 0) << dry.err;
+  EXPECT_EQ(databases(), before);
+  Result r = run({"cleanup", "/mnt/photos"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(sorted_lines(dry.out), sorted_lines(r.out));
+  EXPECT_EQ(sorted_lines(r.out),
+            (std::vector<std::string>{"/mnt/photos/a.jpg", "/mnt/photos/b.jpg"}));
+  EXPECT_EQ(dry.err, "tevu: cleanup: 2 files, 1 tag, 0 failures (dry run: nothing changed)\n");
+  EXPECT_EQ(r.err, "tevu: cleanup: 2 files, 1 tag, 0 failures\n");
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta"), (Rows{{"docs/z.txt"}}));
+}
+
+}  // namespace

@@ -279,6 +279,13 @@ int vanished_filter(const char* path, int) {
   return 1;
 }
 
+// The dry run's filter: prints and counts what vanished_filter() would
+// drop, row for row (a row without tags included), and drops nothing.
+int vanished_dry_filter(const char* path, int unused) {
+  vanished_filter(path, unused);
+  return 0;
+}
+
 }  // namespace
 
 int cmd_cleanup(int argc, char** argv) {
@@ -306,7 +313,6 @@ int cmd_cleanup(int argc, char** argv) {
   tevul::format_cut(root, sizeof root, "%.*s",
                     static_cast<int>(1 + strcspn(g_cleanup.dir + 1, "/")), g_cleanup.dir);
   Survey s;
-  s.print = o.dry_run;
   s.nul = o.nul;
   int rc = tevu_tagged_files(root, survey_file, &s);
   if (rc != 0) {
@@ -320,8 +326,14 @@ int cmd_cleanup(int argc, char** argv) {
                   "nothing removed ('--force' removes their tags)");
     return kExitFailed;
   }
-  if (o.dry_run || s.below == 0) {
-    summary("cleanup", s.below, s.tags_below, 0, o.dry_run);
+  if (o.dry_run) {
+    // The same walk as the run's, with a filter that drops nothing, so that
+    // the dry run prints and counts exactly the rows the run drops.
+    if (tevu_cleanup_attached(root, &g_cancel, vanished_dry_filter) == -1) {
+      report({arg}, "the tag database could not be read");
+      return kExitFailed;
+    }
+    summary("cleanup", g_cleanup.files, s.tags_below, 0, true);
     return kExitOk;
   }
   struct sigaction action;
