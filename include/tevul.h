@@ -895,6 +895,14 @@ TEVUL_API int tevu_find_rows_where(const char *condition, const char *under,
 TEVUL_API int tevu_query_failure(unsigned index, char *volume, size_t size);
 
 /*
+ * How many volumes (or listings) the calling thread's last query or change
+ * everywhere could not read or change, also beyond the 8 that
+ * tevu_query_failure() keeps; a volume that failed twice in one call counts
+ * once.
+ */
+TEVUL_API unsigned tevu_query_failure_count(void);
+
+/*
  * Makes the tags of `src` and of everything below it follow a move to `dst`
  * (absolute paths; repeated and trailing slashes are ignored), and says
  * whether it happened. Unlike tevu_move(), it never reports success while a

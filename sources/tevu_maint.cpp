@@ -350,23 +350,35 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   if (const int rc = tevul::list_volumes(&volumes)) return rc;
   // First every volume is read: a volume that cannot be read, or a file
   // that carries both names without `merge`, changes nothing anywhere.
+  // Every volume that cannot be read is named, not only the first.
   tevul::array<unsigned long> carriers;
+  int unread = 0;
   for (std::size_t i = 0; i < volumes.size(); ++i) {
     const tevul::volume_link& v = volumes[i];
-    if (v.error != 0) return tevul::note_volume_failure(v.error, v.root);
-    tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
-    if (!db) return tevul::note_volume_failure(ENOENT, v.root);
-    // The schema is read first: a file that is no tag database fails here,
-    // not as a volume without the tag.
-    int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr, nullptr,
-                                           nullptr, nullptr, nullptr, nullptr);
+    int error = v.error;
     unsigned long rows = 0, both = 0;
-    if (rc == SQLITE_OK) rc = count_carriers(db.get(), from, nullptr, &rows);
-    if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
-    if (rc != SQLITE_OK) return tevul::note_volume_failure(move_errno(rc), v.root);
+    if (error == 0) {
+      tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
+      if (!db) {
+        error = ENOENT;
+      } else {
+        // The schema is read first: a file that is no tag database fails
+        // here, not as a volume without the tag.
+        int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
+                                               nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) rc = count_carriers(db.get(), from, nullptr, &rows);
+        if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
+        if (rc != SQLITE_OK) error = move_errno(rc);
+      }
+    }
+    if (error != 0) {
+      tevul::note_volume_failure(error, v.root);
+      if (unread == 0) unread = error;
+    }
     if (!carriers.push(rows)) return ENOMEM;
     *kept += both;
   }
+  if (unread != 0) return unread;
   if (to != nullptr && *kept > 0 && !merge) return EEXIST;
   // Then each volume in a transaction of its own; files that carry both
   // names keep both. A volume that fails is named, the others go on, and

@@ -27,7 +27,8 @@ constexpr int kNoMount = ENOENT;
 // What the calling thread's last query could not read.
 constexpr unsigned kFailuresKept = 8;
 struct failure_record {
-  unsigned count;
+  unsigned count;  // kept
+  unsigned total;  // kept or not
   int error[kFailuresKept];
   char where[kFailuresKept][256];
 };
@@ -47,10 +48,16 @@ bool reads_rowid(sqlite3* db, const char* name) {
 
 namespace tevul {
 
-void forget_failures() { t_failures.count = 0; }
+void forget_failures() { t_failures.count = t_failures.total = 0; }
 
 int note_failure(int error, const char* where) {
   const unsigned i = t_failures.count;
+  // A volume that failed twice in one call (its database opened again) is
+  // one failure.
+  for (unsigned k = 0; k < i; ++k) {
+    if (t_failures.error[k] == error && strcmp(t_failures.where[k], where) == 0) return error;
+  }
+  ++t_failures.total;
   if (i < kFailuresKept) {
     t_failures.error[i] = error;
     format_cut(t_failures.where[i], sizeof t_failures.where[i], "%s", where);
@@ -532,6 +539,8 @@ extern "C" int tevu_find_files(const char* name, const char* value,
                                tevu_file_cb cb, void* user) {
   return find_files(name, value, cb, user);
 }
+
+extern "C" unsigned tevu_query_failure_count(void) { return t_failures.total; }
 
 extern "C" int tevu_query_failure(unsigned index, char* volume, size_t size) {
   if (index >= t_failures.count) return 0;

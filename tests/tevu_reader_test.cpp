@@ -154,6 +154,23 @@ TEST_F(Reader, ReadsFilesTogether) {
             42);
   EXPECT_EQ(calls, 3);
   tevu_reader_close(reader);
+
+  // A volume that cannot be read is named once, however many of its files
+  // were asked for.
+  ASSERT_TRUE(tevul_test::write_file(Sandbox::db_path("srv"), std::string(4096, 'g')));
+  reader = tevu_reader_open();
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(tevu_reader_files(reader, paths.data(), paths.size(),
+                              [](void*, size_t, int, size_t, const char* const*,
+                                 const char* const*) { return 0; },
+                              nullptr),
+            0);
+  char volume[64];
+  EXPECT_EQ(tevu_query_failure(0, volume, sizeof volume), EBADF);
+  EXPECT_STREQ(volume, "/srv");
+  EXPECT_EQ(tevu_query_failure(1, volume, sizeof volume), 0);
+  EXPECT_EQ(tevu_query_failure_count(), 1u);
+  tevu_reader_close(reader);
 }
 
 }  // namespace

@@ -813,3 +813,32 @@ TEST_F(Tool, CleanupDryRunSaysWhatTheRunDoes) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every volume that cannot be read is named, or, past the first eight,
+// counted; a change everywhere names them all and changes nothing.
+TEST_F(Tool, EveryUnreadableVolumeIsNamedOrCounted) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/srv/music/s.mp3"}).status, 0);
+  for (int i = 0; i < 10; ++i) {
+    const std::string name = "v" + std::to_string(i);
+    ASSERT_EQ(symlink(("../.tagfiles/" + name).c_str(), (Sandbox::meta_backing() + "/" + name).c_str()), 0);
+    ASSERT_EQ(symlink(("/tmp/missing-" + name + ".db").c_str(),
+                      (Sandbox::meta_backing() + "/" + name + "@@db").c_str()), 0);
+  }
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"export"}, {"find", "k"}, {"rename", "k", "j"}}) {
+    const Result r = run(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    const auto lines = sorted_lines(r.err);
+    std::size_t named = 0;
+    for (const auto& line : lines) {
+      if (line.find(": tag database could not be read: no such file") != std::string::npos) ++named;
+    }
+    EXPECT_EQ(named, 8u) << r.err;
+    EXPECT_NE(r.err.find("tevu: 2 more volumes could not be read\n"), std::string::npos) << r.err;
+  }
+  EXPECT_EQ(rows("srv", "SELECT Data FROM Meta"), (Rows{{"k=v"}}));
+}
+
+}  // namespace

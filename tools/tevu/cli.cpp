@@ -179,6 +179,9 @@ bool report_unread_volumes() {
   for (int error; (error = tevu_query_failure(i, volume, sizeof volume)) != 0; ++i) {
     reportf({volume}, "tag database could not be read: %s", errno_reason(error));
   }
+  // Only the first ones are named; the others are counted.
+  const unsigned total = tevu_query_failure_count();
+  if (total > i) reportf({}, "%u more volumes could not be read", total - i);
   return i > 0;
 }
 
