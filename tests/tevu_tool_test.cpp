@@ -842,3 +842,41 @@ TEST_F(Tool, EveryUnreadableVolumeIsNamedOrCounted) {
 }
 
 }  // namespace
+
+namespace {
+
+// A dry run says what the run does, operand duplicates and all, and a file
+// is counted once whatever it loses.
+TEST_F(Tool, DryRunsCountAsTheRunDoes) {
+  ASSERT_EQ(run({"set", "-t", "old=1", "-t", "p=1", "-t", "q=1", "/mnt/photos/a.jpg",
+                 "/mnt/photos/b.jpg"}).status, 0);
+  for (const bool dry : {true, false}) {
+    std::vector<std::string> args = {"del", "--all"};
+    if (dry) args.push_back("-n");
+    args.insert(args.end(), {"old", "OLD", "old"});
+    Result r = run(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, std::string("tevu: del: 2 files, 2 tags, 0 failures") +
+                         (dry ? " (dry run: nothing changed)" : "") + "\n");
+    EXPECT_EQ(sorted_lines(r.out), dry ? (std::vector<std::string>{"/mnt/photos/a.jpg",
+                                                                   "/mnt/photos/b.jpg"})
+                                       : std::vector<std::string>{});
+  }
+  Result r = run({"del", "--all", "p", "q"});
+  EXPECT_EQ(r.err, "tevu: del: 2 files, 4 tags, 0 failures\n");
+
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/docs/old/x.txt", "/mnt/docs/old/y.txt"}).status, 0);
+  ASSERT_EQ(std::system("rm -r /mnt/docs/old"), 0);
+  for (const bool dry : {true, false}) {
+    std::vector<std::string> args = {"deleted"};
+    if (dry) args.push_back("-n");
+    args.insert(args.end(), {"/mnt/docs/old/x.txt", "/mnt/docs/old", "/mnt/docs/old"});
+    r = run(args);
+    EXPECT_EQ(r.status, 4) << r.err;
+    EXPECT_EQ(r.err, std::string("tevu: /mnt/docs/old: no tags here\n"
+                                 "tevu: deleted: 2 files, 2 tags, 0 failures") +
+                         (dry ? " (dry run: nothing changed)" : "") + "\n");
+  }
+}
+
+}  // namespace

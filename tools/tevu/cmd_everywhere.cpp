@@ -67,37 +67,46 @@ bool everywhere_option(void* user, int c, const char*) {
 
 int delete_everywhere(const char* command, char** names, int count, bool dry_run) {
   if (!tag_fs_mounted()) return report_not_mounted();
-  unsigned long files = 0, failures = 0;
+  unsigned long tags = 0, failures = 0;
   bool nothing = false;
+  // Each file is counted (and, in a dry run, printed) once, whatever names
+  // it loses; a name given twice, or in another letter case (one column),
+  // is one name: the run finds nothing the second time, nor does the dry
+  // run.
+  Carriers files;
   for (int i = 0; i < count; ++i) {
     const char* name = names[i];
-    unsigned long removed = 0;
-    if (dry_run) {
-      Carriers carriers;
-      if (!find_carriers(name, &carriers)) {
-        ++failures;
-        continue;
-      }
-      for (std::size_t k = 0; k < carriers.offsets.size(); ++k) {
-        const char* path = carriers.arena.c_str() + carriers.offsets[k];
-        emit(path, strlen(path), false);
-      }
-      removed = carriers.offsets.size();
-    } else if (const int rc = tevu_delete_tag(name, &removed)) {
-      if (!report_unread_volumes()) reportf({name}, "not removed: %s", errno_reason(rc));
+    bool again = false;
+    for (int k = 0; k < i && !again; ++k) again = strcasecmp(names[k], name) == 0;
+    if (again) continue;
+    Carriers carriers;
+    if (!find_carriers(name, &carriers)) {
       ++failures;
-      files += removed;
       continue;
     }
-    if (removed == 0) {
+    if (carriers.offsets.empty()) {
       report({name}, "no file has this tag");
       nothing = true;
+      continue;
     }
-    files += removed;
+    unsigned long removed = carriers.offsets.size();
+    if (!dry_run) {
+      if (const int rc = tevu_delete_tag(name, &removed)) {
+        if (!report_unread_volumes()) reportf({name}, "not removed: %s", errno_reason(rc));
+        ++failures;
+      }
+    }
+    tags += removed;
+    files.sort();
+    for (std::size_t k = 0; k < carriers.offsets.size(); ++k) {
+      const char* path = carriers.arena.c_str() + carriers.offsets[k];
+      if (files.has(path)) continue;
+      if (dry_run) emit(path, strlen(path), false);
+      Carriers::add(&files, path);
+    }
   }
   (void)command;
-  // A file is counted once per name it lost; each is one tag.
-  summary("del", files, files, failures, dry_run);
+  summary("del", files.offsets.size(), tags, failures, dry_run);
   return failures > 0 ? kExitFailed : nothing ? kExitNotFound : kExitOk;
 }
 

@@ -19,11 +19,26 @@ namespace {
 struct Tally {
   unsigned long files = 0, tags = 0;
   bool print = false, nul = false;
+  // Paths whose rows an earlier operand already took (each terminated):
+  // a dry run counts what the run will find, operand duplicates and all.
+  const text* taken = nullptr;
 };
+
+// True when `path` is one of `paths` (each terminated) or lies below one.
+bool at_or_below_any(const char* path, const text& paths) {
+  for (std::size_t at = 0; at < paths.size();) {
+    const char* p = paths.c_str() + at;
+    const std::size_t n = strlen(p);
+    at += n + 1;
+    if (strncmp(path, p, n) == 0 && (path[n] == '\0' || path[n] == '/')) return true;
+  }
+  return false;
+}
 
 int tally_file(void* user, const char* path, size_t count, const char* const*,
                const char* const*) {
   Tally* t = static_cast<Tally*>(user);
+  if (t->taken != nullptr && at_or_below_any(path, *t->taken)) return 0;
   ++t->files;
   t->tags += count;
   if (t->print) emit(path, strlen(path), t->nul);
@@ -72,6 +87,7 @@ int cmd_deleted(int argc, char** argv) {
   if (!tag_fs_mounted()) return report_not_mounted();
   unsigned long files = 0, tags = 0, failures = 0;
   bool nothing = false;
+  text taken;  // the paths whose rows are gone (or would be, in a dry run)
   for (int i = optind; i < argc; ++i) {
     const char* arg = argv[i];
     char path[PATH_MAX];
@@ -89,6 +105,7 @@ int cmd_deleted(int argc, char** argv) {
     Tally t;
     t.print = o.dry_run;
     t.nul = o.nul;
+    t.taken = &taken;
     if (tally_below(path, &t) != 0) {
       ++failures;
       continue;
@@ -108,6 +125,7 @@ int cmd_deleted(int argc, char** argv) {
         continue;
       }
     }
+    taken.append(path, strlen(path) + 1);
     files += t.files;
     tags += t.tags;
   }
