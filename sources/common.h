@@ -178,6 +178,10 @@ using tagdb_ptr =
 using bulk_ptr =
     std::unique_ptr<tevu_bulk_ctx, released_by<tevu_bulk_ctx, void, tevu_bulk_fini>>;
 
+// A reader closed when its owner lets go.
+using reader_ptr =
+    std::unique_ptr<tevu_reader, released_by<tevu_reader, void, tevu_reader_close>>;
+
 // The descriptor of the daemon's FIFO (event_trigger_init()'s result: a
 // descriptor greater than 0, or 0 or -1 for none), closed with
 // event_trigger_fini() when its owner goes away.

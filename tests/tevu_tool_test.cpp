@@ -880,3 +880,40 @@ TEST_F(Tool, DryRunsCountAsTheRunDoes) {
 }
 
 }  // namespace
+
+namespace {
+
+// import -n finds what the run finds: a path on no volume and a dangling
+// link fail in both.
+TEST_F(Tool, ImportDryRunFailsWhereTheRunFails) {
+  ASSERT_EQ(symlink("/mnt/nowhere", "/mnt/photos/dangling"), 0);
+  const std::string input =
+      "/mnt/photos/a.jpg\tk=v\n/tmp/untagged.txt\tk=v\n/mnt/photos/dangling\tk=v\n";
+  const Result dry = run({"import", "-n"}, input);
+  const Result r = run({"import"}, input);
+  EXPECT_EQ(dry.status, 1);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(dry.err, "tevu: import: line 2: /tmp/untagged.txt: file is not on a tagged volume\n"
+                     "tevu: import: line 3: /mnt/photos/dangling: no such file\n"
+                     "tevu: import: 1 file, 1 tag, 2 failures (dry run: nothing changed)\n");
+  EXPECT_EQ(r.err, "tevu: import: line 2: /tmp/untagged.txt: file is not on a tagged volume\n"
+                   "tevu: import: line 3: /mnt/photos/dangling: no such file\n"
+                   "tevu: import: 1 file, 1 tag, 2 failures\n");
+}
+
+// A volume whose database file is gone is a tagged volume that cannot be
+// read, not a place outside the volumes.
+TEST_F(Tool, AMissingDatabaseIsNotAMissingVolume) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
+  ASSERT_EQ(unlink(Sandbox::db_path("mnt").c_str()), 0);
+  for (const char* command : {"get", "list"}) {
+    std::vector<std::string> args = {command, "/mnt/photos/a.jpg"};
+    if (std::string(command) == "get") args.push_back("k");
+    const Result r = run(args);
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: tag database could not be read: no such file\n")
+        << command;
+  }
+}
+
+}  // namespace

@@ -430,6 +430,20 @@ const char* setpath_reason(const char* path) {
   return "file is not on a tagged volume";
 }
 
+int failed_volume_of(const char* path) {
+  char canonical[PATH_MAX];
+  if (realpath(path, canonical) == nullptr) return 0;
+  char volume[PATH_MAX];
+  for (unsigned i = 0;; ++i) {
+    const int error = tevu_query_failure(i, volume, sizeof volume);
+    if (error == 0) return 0;
+    const std::size_t n = strlen(volume);
+    if (strncmp(canonical, volume, n) == 0 && (canonical[n] == '/' || canonical[n] == '\0')) {
+      return error;
+    }
+  }
+}
+
 double now_seconds() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);

@@ -251,6 +251,11 @@ const char* bulk_reason(int result, const char* name, text* scratch);
 // The reason for a failed tevu_bulk_setpath() on `path`.
 const char* setpath_reason(const char* path);
 
+// The errno for which the library's last query could not read the volume
+// that holds `path` (tevu_query_failure()), or 0: a file on a volume whose
+// database is missing is on a tagged volume all the same.
+int failed_volume_of(const char* path);
+
 // Seconds since an arbitrary fixed point, from the monotonic clock.
 double now_seconds();
 

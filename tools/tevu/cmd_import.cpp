@@ -185,6 +185,9 @@ struct Record {
 struct Import {
   bool nul = false, quiet = false, dry_run = false, json = false, strip = false;
   tevul::bulk_ptr ctx;
+  // A dry run asks through a reader what the run's bulk context would
+  // find: the file, its volume, the volume's database.
+  tevul::reader_ptr reader;
   Progress* progress = nullptr;
   PathSet seen;
   unsigned long line = 0, files = 0, tags = 0, failures = 0;
@@ -407,6 +410,8 @@ bool decode_json(Import* im, const char* line, std::size_t len, Record* r) {
   return false;
 }
 
+int ignore_tag(void*, const char*, const char*) { return 0; }
+
 // Imports one record. A record with a malformed field sets nothing; a tag
 // that cannot be stored is reported and the others are stored. The file
 // is committed at once, so that its tags are counted only once stored.
@@ -431,7 +436,18 @@ void import_record(Import* im, const char* line, std::size_t len) {
     }
   }
   if (im->dry_run) {
-    if (!exists(path)) {
+    if (!im->reader) im->reader.reset(tevu_reader_open());
+    const int rc = im->reader
+                       ? tevu_reader_file_tags(im->reader.get(), path, ignore_tag, nullptr)
+                       : ENOMEM;
+    const int unread = rc == ENOENT ? failed_volume_of(path) : rc;
+    if (unread != 0) {
+      text reason;
+      reason.appendf("tag database could not be read: %s", errno_reason(unread));
+      im->fail(path, nullptr, reason.c_str());
+      return;
+    }
+    if (rc == ENOENT) {
       im->fail(path, nullptr, setpath_reason(path));
       return;
     }

@@ -433,10 +433,12 @@ int read_one(void* user, size_t index, int error, size_t count, const char* cons
   r->tags.clear();
   for (size_t i = 0; i < count; ++i) r->tags.add(names[i], values[i]);
   if (error == 0 && !r->tags.ok()) error = ENOMEM;
-  if (error == ENOENT) {
+  // A file on a volume whose database is missing is on a tagged volume.
+  const int unread = error == ENOENT ? failed_volume_of(file) : error;
+  if (unread != 0) {
+    reportf({file}, "tag database could not be read: %s", errno_reason(unread));
+  } else if (error == ENOENT) {
     report({file}, setpath_reason(file));
-  } else if (error != 0) {
-    reportf({file}, "tag database could not be read: %s", errno_reason(error));
   }
   r->each(r, file, error == 0);
   return 0;
