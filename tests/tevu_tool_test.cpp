@@ -6,6 +6,7 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -914,6 +915,38 @@ TEST_F(Tool, AMissingDatabaseIsNotAMissingVolume) {
     EXPECT_EQ(r.err, "tevu: /mnt/photos/a.jpg: tag database could not be read: no such file\n")
         << command;
   }
+}
+
+}  // namespace
+
+namespace {
+
+// What failed is said as it is: a volume list the daemon no longer shows
+// is no database, and a full disk fails a change, not a read.
+TEST_F(Tool, FailuresAreNamedForWhatTheyAre) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
+  // Fill /mnt to the last page: the rename's COMMIT cannot be written.
+  struct statfs fs;
+  ASSERT_EQ(statfs("/mnt", &fs), 0);
+  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT,
+                  ("size=" + std::to_string(used + 4096)).c_str()), 0);
+  std::system("cat /dev/zero > /mnt/filler 2>/dev/null");
+  Result r = run({"rename", "k", "renamed-with-a-long-name-to-need-room"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("tevu: /mnt: tag database could not be changed: no space left on the "
+                       "device\n"),
+            std::string::npos)
+      << r.err;
+  unlink("/mnt/filler");
+
+  const std::string meta = Sandbox::meta_backing();
+  ASSERT_EQ(rename(meta.c_str(), (meta + ".away").c_str()), 0);
+  r = run({"export"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, std::string("tevu: ") + Sandbox::kMount +
+                       "/meta: the tag file system's volumes cannot be listed: no such file "
+                       "(is its daemon running?)\n");
 }
 
 }  // namespace

@@ -175,9 +175,21 @@ bool tag_fs_mounted() { return tevu_mount_point() != nullptr; }
 
 bool report_unread_volumes() {
   char volume[PATH_MAX];
+  char meta[PATH_MAX];
+  const char* mount = tevu_mount_point();
+  tevul::format_cut(meta, sizeof meta, "%s/meta", mount != nullptr ? mount : "");
   unsigned i = 0;
   for (int error; (error = tevu_query_failure(i, volume, sizeof volume)) != 0; ++i) {
-    reportf({volume}, "tag database could not be read: %s", errno_reason(error));
+    if (strcmp(volume, meta) == 0) {
+      // Not a database: the daemon's list of volumes (it stopped, say).
+      reportf({volume}, "the tag file system's volumes cannot be listed: %s (is its daemon "
+                        "running?)", errno_reason(error));
+    } else if (error == ENOSPC || error == EDQUOT || error == EFBIG) {
+      // Only a write fails so.
+      reportf({volume}, "tag database could not be changed: %s", errno_reason(error));
+    } else {
+      reportf({volume}, "tag database could not be read: %s", errno_reason(error));
+    }
   }
   // Only the first ones are named; the others are counted.
   const unsigned total = tevu_query_failure_count();
