@@ -93,7 +93,9 @@ int inside_config(const char* dir) {
   for (;;) {
     struct stat st;
     if (lstat(existing, &st) == 0) break;
-    if (errno != ENOENT) return errno;
+    // A file where a directory of the path should be: the path does not
+    // exist, and making it fails later as any directory that cannot be made.
+    if (errno != ENOENT && errno != ENOTDIR) return errno;
     char* slash = std::strrchr(existing, '/');
     if (slash == nullptr || slash == existing) return ENOENT;
     *slash = '\0';
@@ -156,7 +158,15 @@ extern "C" int tevu_view_create(const char* name) {
   }
   // Mode 0 is deliberate: it never exceeds the existing bits, so no
   // permission change follows.
-  return fsutil_mkdir(path, 0, 1);
+  const int rc = fsutil_mkdir(path, 0, 1);
+  if (rc == -1) {
+    // The result is fsutil_mkdir()'s; errno says why when a file stands
+    // where a directory of the path must be.
+    const int saved = errno;
+    struct stat st;
+    if (stat(path, &st) == 0 || errno != ENOTDIR) errno = saved;
+  }
+  return rc;
 }
 
 extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {

@@ -42,6 +42,13 @@ TEST_F(Views, ConfigurationFilesAreWrittenWholeAndDeleted) {
   EXPECT_EQ(tevu_view_delete("photos"), 0);
   EXPECT_FALSE(exists("photos"));
   EXPECT_EQ(tevu_view_delete("photos"), ENOENT);
+  // A file where a view's directory must be: the directory cannot be made,
+  // which the family says with fsutil_mkdir()'s -1.
+  ASSERT_TRUE(tevul_test::write_file(dir("f"), "a file"));
+  EXPECT_EQ(tevu_view_create("f/x"), -1);
+  EXPECT_EQ(tevu_view_set_cond("f/x", "c"), -1);
+  EXPECT_EQ(tevu_view_set_group("f/x", "g"), -1);
+  EXPECT_EQ(tevul_test::read_file(dir("f")), "a file");
 }
 
 TEST_F(Views, PathOfTheViewsContents) {
