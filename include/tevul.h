@@ -861,10 +861,14 @@ TEVUL_API int tevu_tag_values(const char *name, const char *under,
  * there, so "not NAME" holds for every file of that volume. The condition
  * is parsed once; every name is checked against each volume's columns and
  * every value is bound, never put into a statement's text.
+ * A condition holds at most 128 terms (NAME, NAME op VALUE) and at most 16
+ * levels of parentheses and "not"; the search runs within a 128 KiB thread
+ * stack at both bounds.
  * Results as tevu_find_files(), and EINVAL for a condition that does not
  * parse, with the byte offset of the fault in *error_offset (the offset of
- * its end when it stops too early; error_offset may be NULL). A name holding
- * a double quote is such a fault.
+ * its end when it stops too early, of the term or level too many past a
+ * bound; error_offset may be NULL). A name holding a double quote is such a
+ * fault.
  */
 TEVUL_API int tevu_find_where(const char *condition, const char *under,
                               tevu_file_cb cb, void *user,

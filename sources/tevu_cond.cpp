@@ -20,9 +20,13 @@ namespace tevul {
 
 namespace {
 
-// The deepest nesting of parentheses and "not" a condition may have: deeper
-// ones are no condition a person writes, and would only eat the stack.
-constexpr int kMaxDepth = 64;
+// The deepest nesting of parentheses and "not" a condition may have, and
+// the most terms (NAME, NAME op VALUE) it may hold: more is no condition a
+// person writes. The bounds keep the statement within what SQLite parses
+// (its parser's stack overflows at some twenty levels of parentheses), the
+// expression within a small thread's stack, and the call's time short.
+constexpr int kMaxDepth = 16;
+constexpr int kMaxTerms = 128;
 
 }  // namespace
 
@@ -37,6 +41,7 @@ struct condition::cursor {
   op how = kEq;           // for kOperator
   text word;              // for kWord and kQuoted, unescaped
   int depth = 0;
+  int terms = 0;
   bool failed = false;
   std::size_t fault = 0;
 
@@ -168,7 +173,7 @@ int condition::parse_primary(cursor& c) {
   // A name: a bare word that is no keyword, or a quoted text.
   const bool bare_keyword = c.is("and") || c.is("or") || c.is("not");
   if ((c.type != cursor::kWord && c.type != cursor::kQuoted) || bare_keyword ||
-      c.word.empty() || strchr(c.word.c_str(), '"') != nullptr) {
+      c.word.empty() || strchr(c.word.c_str(), '"') != nullptr || ++c.terms > kMaxTerms) {
     return c.fail(c.start);
   }
   node n{kHas, kEq, -1, -1, texts_.size(), 0};
@@ -233,17 +238,40 @@ void number_function(sqlite3_context* context, int, sqlite3_value** args) {
   sqlite3_result_null(context);
 }
 
+// The operands of the chain of `kind` ("or", "and") at node `i`, in their
+// order, into `out`: the chain's left spine is walked without recursion, so
+// that a chain of any length costs no stack. A chain in parentheses on the
+// right is one operand.
+bool chain_operands(const condition& c, int i, condition::kind kind, tevul::array<int>* out) {
+  out->clear();
+  int at = i;
+  while (c[static_cast<std::size_t>(at)].what == kind) {
+    if (!out->push(c[static_cast<std::size_t>(at)].right)) return false;
+    at = c[static_cast<std::size_t>(at)].left;
+  }
+  if (!out->push(at)) return false;
+  for (std::size_t a = 0, b = out->size() - 1; a < b; ++a, --b) {
+    const int t = (*out)[a];
+    (*out)[a] = (*out)[b];
+    (*out)[b] = t;
+  }
+  return true;
+}
+
 // Adds to `out` the equality terms of the "and" chain at node `i` whose tag
 // has a column in `db`.
 void chain_equalities(const condition& c, int i, sqlite3* db, tevul::array<int>* out) {
-  const condition::node& n = c[static_cast<std::size_t>(i)];
+  tevul::array<int> operands;
+  if (!chain_operands(c, i, condition::kAnd, &operands)) return;
   char column[tevul::kColumnSize];
-  if (n.what == condition::kAnd) {
-    chain_equalities(c, n.left, db, out);
-    chain_equalities(c, n.right, db, out);
-  } else if (n.what == condition::kCompare && n.how == condition::kEq &&
-             tevul::has_tag_column(db, c.name(n), column)) {
-    out->push(i);
+  for (std::size_t k = 0; k < operands.size(); ++k) {
+    const condition::node& n = c[static_cast<std::size_t>(operands[k])];
+    if (n.what == condition::kAnd) {
+      chain_equalities(c, operands[k], db, out);  // in parentheses: bounded by kMaxDepth
+    } else if (n.what == condition::kCompare && n.how == condition::kEq &&
+               tevul::has_tag_column(db, c.name(n), column)) {
+      out->push(operands[k]);
+    }
   }
 }
 
@@ -286,18 +314,25 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   const condition::node& n = c[static_cast<std::size_t>(i)];
   switch (n.what) {
     case condition::kOr:
-    case condition::kAnd:
+    case condition::kAnd: {
+      // One flat chain, each operand in parentheses: one level of nesting
+      // whatever the chain's length.
+      tevul::array<int> operands;
+      if (!chain_operands(c, i, n.what, &operands)) return false;
+      for (std::size_t k = 0; k < operands.size(); ++k) {
+        if (k > 0) sql.append(n.what == condition::kOr ? " OR " : " AND ");
+        sql.push('(');
+        if (!build(c, operands[k], db, sql, params, off)) return false;
+        sql.push(')');
+      }
+      return true;
+    }
+    case condition::kNot:
+      // A term is 1, 0 or NULL (a file without the tag); "not" is true for
+      // all but 1: NOT COALESCE(x,0), with one level of nesting.
       sql.push('(');
       if (!build(c, n.left, db, sql, params, off)) return false;
-      sql.append(n.what == condition::kOr ? ") OR (" : ") AND (");
-      if (!build(c, n.right, db, sql, params, off)) return false;
-      sql.push(')');
-      return true;
-    case condition::kNot:
-      // A file without the tag makes a term NULL; "not" makes it true.
-      sql.append("NOT COALESCE((");
-      if (!build(c, n.left, db, sql, params, off)) return false;
-      sql.append("),0)");
+      sql.append(") IS NOT 1");
       return true;
     case condition::kHas:
     case condition::kCompare:

@@ -3,6 +3,8 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -26,7 +28,7 @@ TEST(Condition, FaultsAreFoundWhereTheyAre) {
       {"a and", 5},    {"(a or b", 7},    {"a)", 1},        {"a b", 2},
       {"\"abc", 0},    {"a ! b", 2},      {"and", 0},       {"na\"me=1", 2},
       {"not", 3},      {"a or or b", 5},  {"'' = x", 0},    {"a = (b)", 4},
-      {"\"a\\\"b\"", 0}, {std::string(70, '(') + "a" + std::string(70, ')'), 64}};
+      {"\"a\\\"b\"", 0}, {std::string(70, '(') + "a" + std::string(70, ')'), 16}};
   for (const auto& [source, offset] : faults) {
     tevul::condition c;
     std::size_t at = 999;
@@ -96,6 +98,70 @@ TEST_F(Conditions, FindWhatTheConditionSays) {
                             &at),
             EINVAL);
   EXPECT_EQ(at, 7u);
+}
+
+// The longest and the deepest conditions the language takes give their
+// answer, on a thread with a router's small stack (musl's default, 128
+// KiB); one term or one level more is EINVAL at the term or level too many,
+// never a crash or a volume that seems unreadable.
+TEST_F(Conditions, TheLongestAndDeepestConditionsAreAnswered) {
+  std::string longest = "nosuch";
+  for (int i = 1; i < 128; ++i) longest += i % 2 ? " or rating>'9'" : " and not year=2019";
+  // Sixteen levels: each "not (...)" is two, each "(...)" one.
+  std::string deepest = "kind";
+  for (const char level : std::string("NOAANOAONOAAO")) {
+    if (level == 'N') deepest = "not (" + deepest + ")";
+    if (level == 'O') deepest = "(" + deepest + " or rating>=6)";
+    if (level == 'A') deepest = "(" + deepest + " and year<2020)";
+  }
+  struct Run {
+    explicit Run(std::string text) : condition(std::move(text)) {}
+    std::string condition;
+    std::vector<std::string> files;
+    int rc = -1;
+    std::size_t at = 0;
+  };
+  const auto on_small_stack = [](Run* run) {
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setstacksize(&attr, 128 * 1024);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attr,
+                             [](void* arg) -> void* {
+                               Run* r = static_cast<Run*>(arg);
+                               r->rc = tevu_find_where(
+                                   r->condition.c_str(), nullptr,
+                                   [](void* user, const char* path) {
+                                     static_cast<std::vector<std::string>*>(user)->push_back(path);
+                                     return 0;
+                                   },
+                                   &r->files, &r->at);
+                               return nullptr;
+                             },
+                             run),
+              0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attr);
+    std::sort(run->files.begin(), run->files.end());
+  };
+  Run longest_run(longest);
+  on_small_stack(&longest_run);
+  EXPECT_EQ(longest_run.rc, 0);
+  EXPECT_EQ(longest_run.files, (Files{"/mnt/b.jpg", "/mnt/c.txt"}))
+      << "rating>'9' (10 as a number, abc as text) or not year=2019";
+  Run deepest_run(deepest);
+  on_small_stack(&deepest_run);
+  EXPECT_EQ(deepest_run.rc, 0);
+  EXPECT_EQ(deepest_run.files, (Files{"/mnt/b.jpg", "/mnt/c.txt"}));
+  EXPECT_EQ(tevu_query_failure(0, nullptr, 0), 0) << "no volume failed";
+
+  Run too_long(longest + " or kind");
+  on_small_stack(&too_long);
+  EXPECT_EQ(too_long.rc, EINVAL);
+  EXPECT_EQ(too_long.at, longest.size() + 4) << "the term too many";
+  Run too_deep("(" + deepest + ")");
+  on_small_stack(&too_deep);
+  EXPECT_EQ(too_deep.rc, EINVAL);
 }
 
 // With the rows, each file comes with every tag it carries, and a row that

@@ -311,7 +311,8 @@ TEST_F(Tool, FindTagsAndValues) {
   EXPECT_EQ(r.err, "tevu find: malformed condition at character 22:\n"
                    "  who=ann and (rating>4\n"
                    "  " + std::string(21, ' ') + "^\n"
-                   "tevu find: (see 'tevu find --help' for conditions)\n");
+                   "tevu find: (see 'tevu find --help' for conditions; at most 128 terms and 16 "
+                   "levels of parentheses and 'not')\n");
   // The daemon's single-file lookup stays reachable.
   r = run({"find", "--first", "id", "abc-1"});
   EXPECT_EQ(r.out, "id=Abc-1\nwho=ann\nrating=10\n");

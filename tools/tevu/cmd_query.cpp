@@ -95,7 +95,10 @@ int find_first(const char* name, const char* value, bool nul) {
 int malformed(const char* command, const char* condition, std::size_t at) {
   fprintf(stderr, "%s: malformed condition at character %zu:\n  %s\n  %*s^\n", command,
           at + 1, condition, static_cast<int>(at), "");
-  fprintf(stderr, "%s: (see '%s --help' for conditions)\n", command, command);
+  fprintf(stderr,
+          "%s: (see '%s --help' for conditions; at most 128 terms and 16 levels of "
+          "parentheses and 'not')\n",
+          command, command);
   return kExitUsage;
 }
 

@@ -116,6 +116,7 @@ constexpr char kFindHelp[] =
     "                  otherwise as text\n"
     "  not C, C and C, C or C, (C)   in this order of binding\n"
     "Words are quoted with '...' or \"...\" when they hold blanks or ( ) = ! < >.\n"
+    "A condition holds at most 128 terms and 16 levels of parentheses and not.\n"
     "Example: tevu find 'kind=photo and not year=2019 and rating>=4'\n"
     "\n"
     "  -l, --long      follow each path with the file's tags, TAB-separated\n"
