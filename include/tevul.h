@@ -849,8 +849,10 @@ TEVUL_API int tevu_tag_values(const char *name, const char *under,
  *   NAME != VALUE     it carries NAME with another value
  *   NAME < VALUE      also <=, >, >=: as numbers when VALUE and the stored
  *                     value are both numbers (decimal, optionally signed,
- *                     with a fraction or an exponent), otherwise as the tag
- *                     column compares text
+ *                     with a fraction or an exponent; compared exactly, of
+ *                     any size: 9223372036854775808 > 9223372036854775807,
+ *                     1e309 > 1e308), otherwise as the tag column compares
+ *                     text
  *   not C, C and C, C or C, ( C )
  *                     "not" binds tightest, then "and", then "or"; the
  *                     keywords may be written in any letter case

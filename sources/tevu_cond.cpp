@@ -190,21 +190,124 @@ int condition::parse_primary(cursor& c) {
   return add(n);
 }
 
-bool is_number(const char* text, double* number) {
-  // Decimal digits, one sign in front, a point, an exponent: no blanks, no
-  // hexadecimal, no "inf" or "nan".
-  bool digit = false;
-  for (const char* p = text; *p != '\0'; ++p) {
-    if (isdigit(static_cast<unsigned char>(*p))) {
-      digit = true;
-    } else if (strchr("+-.eE", *p) == nullptr) {
-      return false;
+namespace {
+
+// A decimal number read from its text: its sign, and its digits as
+// 0.D1D2... x 10^exponent with D1 the first digit that is not 0. The digits
+// stay in the text: the integer part's and the fraction's runs.
+struct decimal {
+  int sign = 0;  // -1, 1, or 0 for zero
+  long long exponent = 0;
+  const char* runs[2][2] = {{nullptr, nullptr}, {nullptr, nullptr}};
+  int first_run = 0;           // where the first significant digit is
+  const char* first = nullptr;
+};
+
+// Reads `text` as a decimal. False for anything that is no number.
+bool parse_decimal(const char* text, decimal* d) {
+  const char* p = text;
+  int sign = 1;
+  if (*p == '+' || *p == '-') sign = *p++ == '-' ? -1 : 1;
+  const char* int_begin = p;
+  while (isdigit(static_cast<unsigned char>(*p))) ++p;
+  const char* int_end = p;
+  const char* frac_begin = p;
+  const char* frac_end = p;
+  if (*p == '.') {
+    frac_begin = ++p;
+    while (isdigit(static_cast<unsigned char>(*p))) ++p;
+    frac_end = p;
+  }
+  if (int_begin == int_end && frac_begin == frac_end) return false;
+  long long exp = 0;
+  if (*p == 'e' || *p == 'E') {
+    ++p;
+    int exp_sign = 1;
+    if (*p == '+' || *p == '-') exp_sign = *p++ == '-' ? -1 : 1;
+    if (!isdigit(static_cast<unsigned char>(*p))) return false;
+    for (; isdigit(static_cast<unsigned char>(*p)); ++p) {
+      // Beyond this no two numbers a person writes differ.
+      if (exp < 1000000000000LL) exp = exp * 10 + (*p - '0');
+    }
+    exp *= exp_sign;
+  }
+  if (*p != '\0') return false;
+  d->runs[0][0] = int_begin;
+  d->runs[0][1] = int_end;
+  d->runs[1][0] = frac_begin;
+  d->runs[1][1] = frac_end;
+  for (const char* q = int_begin; q < int_end; ++q) {
+    if (*q != '0') {
+      d->sign = sign;
+      d->first_run = 0;
+      d->first = q;
+      d->exponent = (int_end - q) + exp;
+      return true;
     }
   }
-  if (!digit) return false;
-  char* end = nullptr;
-  *number = strtod(text, &end);
-  return end != text && *end == '\0' && isfinite(*number);
+  for (const char* q = frac_begin; q < frac_end; ++q) {
+    if (*q != '0') {
+      d->sign = sign;
+      d->first_run = 1;
+      d->first = q;
+      d->exponent = -(q - frac_begin) + exp;
+      return true;
+    }
+  }
+  d->sign = 0;  // zero, whatever its sign and exponent
+  return true;
+}
+
+// The significant digits of a decimal one by one, then zeros for ever.
+struct digits {
+  const decimal& d;
+  int run;
+  const char* p;
+  explicit digits(const decimal& number)
+      : d(number), run(number.first_run), p(number.first) {}
+  bool more() const { return p != nullptr; }
+  char next() {
+    if (p == nullptr) return '0';
+    const char c = *p++;
+    while (p != nullptr && p == d.runs[run][1]) {
+      if (run == 1) {
+        p = nullptr;
+      } else {
+        run = 1;
+        p = d.runs[1][0];
+      }
+    }
+    return c;
+  }
+};
+
+int compare_decimals(const decimal& a, const decimal& b) {
+  if (a.sign != b.sign) return a.sign < b.sign ? -1 : 1;
+  if (a.sign == 0) return 0;
+  int magnitude = 0;
+  if (a.exponent != b.exponent) {
+    magnitude = a.exponent < b.exponent ? -1 : 1;
+  } else {
+    digits x(a), y(b);
+    while (magnitude == 0 && (x.more() || y.more())) {
+      const char dx = x.next(), dy = y.next();
+      if (dx != dy) magnitude = dx < dy ? -1 : 1;
+    }
+  }
+  return a.sign * magnitude;
+}
+
+}  // namespace
+
+bool is_number(const char* text) {
+  decimal d;
+  return parse_decimal(text, &d);
+}
+
+int compare_numbers(const char* a, const char* b) {
+  decimal x, y;
+  if (!parse_decimal(a, &x) || !parse_decimal(b, &y)) return 0;
+  return compare_decimals(x, y);
 }
 
 }  // namespace tevul
@@ -215,25 +318,18 @@ using tevul::condition;
 using tevul::text;
 using param = tevul::condition_param;
 
-// tevu_num(x): x as a number when it is one (an integer or real value, or
-// a text that is_number() takes), else NULL.
-void number_function(sqlite3_context* context, int, sqlite3_value** args) {
-  switch (sqlite3_value_type(args[0])) {
-    case SQLITE_INTEGER:
-    case SQLITE_FLOAT:
-      sqlite3_result_double(context, sqlite3_value_double(args[0]));
+// tevu_cmp(x, n): how the stored value x compares with the number n (a
+// text that is_number() takes): -1, 0 or 1 as exact decimals, or NULL when
+// x is no number (a word, an empty value, a missing tag).
+void compare_function(sqlite3_context* context, int, sqlite3_value** args) {
+  const int type = sqlite3_value_type(args[0]);
+  if (type != SQLITE_NULL && type != SQLITE_BLOB) {
+    const char* stored = reinterpret_cast<const char*>(sqlite3_value_text(args[0]));
+    const char* number = reinterpret_cast<const char*>(sqlite3_value_text(args[1]));
+    if (stored != nullptr && number != nullptr && tevul::is_number(stored)) {
+      sqlite3_result_int(context, tevul::compare_numbers(stored, number));
       return;
-    case SQLITE_TEXT: {
-      double number;
-      if (tevul::is_number(reinterpret_cast<const char*>(sqlite3_value_text(args[0])),
-                           &number)) {
-        sqlite3_result_double(context, number);
-        return;
-      }
-      break;
     }
-    default:
-      break;
   }
   sqlite3_result_null(context);
 }
@@ -350,7 +446,6 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   static const char* const kOps[] = {"=", "<>", "<", "<=", ">", ">="};
   const char* op = kOps[n.how];
   const char* value = c.value(n);
-  double number = 0;
   if (n.how == condition::kEq) {
     bool indexed = true;
     for (std::size_t k = 0; k < off.size(); ++k) indexed &= off[k] != i;
@@ -358,16 +453,18 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   } else if (n.how == condition::kNe) {
     sql.appendf("(\"%s\" IS NOT NULL AND \"%s\"<>?%zu)", column, column,
                 params.size() + 1);
-  } else if (tevul::is_number(value, &number)) {
-    // Numbers compare as numbers where the stored value is one too.
-    if (!params.push(param{value, number, true})) return false;
-    sql.appendf("(CASE WHEN tevu_num(\"%s\") IS NOT NULL THEN tevu_num(\"%s\")%s?%zu "
+  } else if (tevul::is_number(value)) {
+    // Numbers compare as numbers, exactly, where the stored value is one
+    // too; otherwise as the column compares text.
+    if (!params.push(param{value, true})) return false;
+    sql.appendf("(CASE WHEN tevu_cmp(\"%s\",?%zu) IS NOT NULL THEN tevu_cmp(\"%s\",?%zu)%s0 "
                 "ELSE \"%s\"%s?%zu END)",
-                column, column, op, params.size(), column, op, params.size() + 1);
+                column, params.size(), column, params.size(), op, column, op,
+                params.size() + 1);
   } else {
     sql.appendf("\"%s\"%s?%zu", column, op, params.size() + 1);
   }
-  return params.push(param{value, 0, false});
+  return params.push(param{value, false});
 }
 
 }  // namespace
@@ -406,8 +503,8 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
   if (to.rows != nullptr) {
     if (const int rc = tevul::wide_table(db, &wide)) return rc;
   }
-  sqlite3_create_function(handle, "tevu_num", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
-                          nullptr, number_function, nullptr, nullptr);
+  sqlite3_create_function(handle, "tevu_cmp", 2, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                          nullptr, compare_function, nullptr, nullptr);
   text sql;
   tevul::array<param> params;
   std::size_t after = 0;
@@ -422,11 +519,7 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
   if (prepared != SQLITE_OK) return tevul::query_errno(handle, prepared);
   for (std::size_t i = 0; i < n; ++i) {
     const int index = static_cast<int>(i) + 1;
-    if (params[i].is_number) {
-      sqlite3_bind_double(stmt.get(), index, params[i].number);
-    } else {
-      sqlite3_bind_text(stmt.get(), index, params[i].text, -1, SQLITE_STATIC);
-    }
+    sqlite3_bind_text(stmt.get(), index, params[i].text, -1, SQLITE_STATIC);
   }
   tevul::sqlite_text pattern;
   if (rel[0] != '\0') {

@@ -51,13 +51,21 @@ class condition {
 };
 
 // True when `text` is a number as the language compares numbers: decimal,
-// optionally signed, with an optional fraction and exponent, nothing else.
-bool is_number(const char* text, double* number);
+// optionally signed, with an optional fraction and exponent, nothing else
+// (no blanks, no hexadecimal, no "inf" or "nan"); of any size: 1e400 is a
+// number.
+bool is_number(const char* text);
 
-// A value bound to the statement of a condition: text, or a number.
+// Compares the numbers `a` and `b` (is_number() texts) exactly, as
+// decimals, however many digits and whatever exponent they have: -1, 0 or
+// 1. (9223372036854775808 is above 9223372036854775807, 1e309 above 1e308,
+// 1e2 equal to 100.)
+int compare_numbers(const char* a, const char* b);
+
+// A value bound to the statement of a condition, and whether it is a
+// number (compared through compare_numbers()).
 struct condition_param {
   const char* text;
-  double number;
   bool is_number;
 };
 

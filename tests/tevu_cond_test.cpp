@@ -164,6 +164,41 @@ TEST_F(Conditions, TheLongestAndDeepestConditionsAreAnswered) {
   EXPECT_EQ(too_deep.rc, EINVAL);
 }
 
+// Numbers compare exactly, as decimals of any size: past 2^63, past what a
+// double holds, with exponents and fractions.
+TEST(Condition, NumbersCompareExactly) {
+  const std::vector<std::pair<std::pair<const char*, const char*>, int>> cases = {
+      {{"9223372036854775808", "9223372036854775807"}, 1},
+      {{"1e309", "1e308"}, 1},
+      {{"1e400", "99999999999999999999999999999999"}, 1},
+      {{"1e2", "100"}, 0},
+      {{"100.000", "1e+2"}, 0},
+      {{"-0.0", "0"}, 0},
+      {{"-1e400", "-1e399"}, -1},
+      {{"0.00012", "1.2e-4"}, 0},
+      {{"12.5", "12.49999999999999999999"}, 1},
+      {{".5", "0.5"}, 0},
+      {{"-3", "2"}, -1}};
+  for (const auto& [pair, want] : cases) {
+    EXPECT_EQ(tevul::compare_numbers(pair.first, pair.second), want)
+        << pair.first << " " << pair.second;
+    EXPECT_EQ(tevul::compare_numbers(pair.second, pair.first), -want)
+        << pair.second << " " << pair.first;
+  }
+  for (const char* word : {"", "abc", "1e", "--1", "1.2.3", " 1", "0x10", "inf", "nan", "."}) {
+    EXPECT_FALSE(tevul::is_number(word)) << word;
+  }
+}
+
+TEST_F(Conditions, BigNumbersAreFoundExactly) {
+  tag_file("/srv/n1", {{"n", "9223372036854775808"}});
+  tag_file("/srv/n2", {{"n", "9223372036854775807"}});
+  tag_file("/srv/n3", {{"n", "1e309"}});
+  EXPECT_EQ(find("n>9223372036854775807"), (Files{"/srv/n1", "/srv/n3"}));
+  EXPECT_EQ(find("n>=1e309"), (Files{"/srv/n3"}));
+  EXPECT_EQ(find("n<1e19 and n>=9223372036854775807"), (Files{"/srv/n1", "/srv/n2"}));
+}
+
 // With the rows, each file comes with every tag it carries, and a row that
 // holds no tag (its last tag deleted) still satisfies "not NAME".
 TEST_F(Conditions, RowsComeWithEveryTag) {

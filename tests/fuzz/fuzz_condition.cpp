@@ -32,10 +32,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       case tevul::condition::kNot:
         if (n.left < 0 || static_cast<std::size_t>(n.left) >= i) abort();
         break;
-      case tevul::condition::kCompare: {
-        double number;
-        tevul::is_number(c.value(n), &number);
-      }
+      case tevul::condition::kCompare:
+        // A number equals itself, however long, and compares both ways
+        // alike with the names' text taken as a number too.
+        if (tevul::is_number(c.value(n))) {
+          if (tevul::compare_numbers(c.value(n), c.value(n)) != 0) abort();
+          if (tevul::is_number(c.name(n)) &&
+              tevul::compare_numbers(c.value(n), c.name(n)) !=
+                  -tevul::compare_numbers(c.name(n), c.value(n))) {
+            abort();
+          }
+        }
         [[fallthrough]];
       case tevul::condition::kHas:
         if (c.name(n)[0] == '\0' || strchr(c.name(n), '"') != nullptr) abort();
