@@ -825,7 +825,9 @@ typedef int (*tevu_count_cb)(void *user, const char *text,
  * Names that differ only in the case of ASCII letters are one name (one
  * column), counted together and given in the spelling that sorts first.
  * The names come sorted, letter case ignored. Each count is read through
- * the tag column's index. Results as the other queries.
+ * the tag column's index; tags without one (a crafted or an old table) are
+ * counted together, in one read of the table per 500 of them. Results as
+ * the other queries.
  */
 TEVUL_API int tevu_tag_names(const char *under, tevu_count_cb cb, void *user);
 

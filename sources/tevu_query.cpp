@@ -657,6 +657,72 @@ int count_in(sqlite3* db, const char* name, bool values, const char* rel,
   return counts->ok() ? 0 : ENOMEM;
 }
 
+// The columns of Meta in `db` that an index begins with, each terminated,
+// in `indexed`. Returns 0 or an errno.
+constexpr char kIndexedColumnsSql[] =
+    "SELECT DISTINCT ii.name FROM pragma_index_list('Meta') AS il,"
+    " pragma_index_info(il.name) AS ii WHERE ii.seqno = 0";
+int indexed_columns(sqlite3* db, text* indexed) {
+  stmt_ptr stmt;
+  int rc = tevul::prepare(db, kIndexedColumnsSql, -1, stmt);
+  if (rc != SQLITE_OK) return query_errno(db, rc);
+  while ((rc = metadb_step(stmt.get())) == SQLITE_ROW) {
+    const char* name = reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0));
+    if (name != nullptr) indexed->append(name).push('\0');
+  }
+  if (rc != SQLITE_DONE) return query_errno(db, rc);
+  return indexed->ok() ? 0 : ENOMEM;
+}
+
+bool listed(const text& names, const char* name) {
+  for (std::size_t at = 0; at < names.size();) {
+    const char* n = names.c_str() + at;
+    if (strcmp(n, name) == 0) return true;
+    at += strlen(n) + 1;
+  }
+  return false;
+}
+
+// Counts the tags `columns` (names without their ".") that no index serves
+// in one read of the table, at most 500 in one statement: a table whose
+// tags have no index (a crafted or an old one) is read a few times, not
+// once per tag. Below stored path `rel` when it is not empty.
+int count_unindexed(sqlite3* db, const array<const char*>& columns, const char* rel,
+                    tally* counts) {
+  constexpr std::size_t kPerStatement = 500;
+  for (std::size_t first = 0; first < columns.size(); first += kPerStatement) {
+    const std::size_t end = first + kPerStatement < columns.size() ? first + kPerStatement
+                                                                   : columns.size();
+    text sql;
+    sql.append("SELECT ");
+    for (std::size_t i = first; i < end; ++i) {
+      // A name that could name other columns never gets here (tag_sql_safe()).
+      sql.appendf("%scount(\".%s\")", i > first ? "," : "", columns[i]);
+    }
+    sql.append(" FROM Meta");
+    if (rel[0] != '\0') sql.append(" WHERE Path=?1 OR Path GLOB ?2");
+    if (!sql.ok()) return ENOMEM;
+    stmt_ptr stmt;
+    int rc = tevul::prepare(db, sql.c_str(), -1, stmt);
+    if (rc != SQLITE_OK) return query_errno(db, rc);
+    tevul::sqlite_text pattern;
+    if (rel[0] != '\0') {
+      pattern.reset(tevul::glob_escape(rel, "/*"));
+      if (!pattern) return ENOMEM;
+      sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
+      sqlite3_bind_text(stmt.get(), 2, pattern.get(), -1, SQLITE_STATIC);
+    }
+    rc = metadb_step(stmt.get());
+    if (rc != SQLITE_ROW) return query_errno(db, rc);
+    for (std::size_t i = first; i < end; ++i) {
+      const sqlite3_int64 n = sqlite3_column_int64(stmt.get(), static_cast<int>(i - first));
+      if (n > 0) counts->add(columns[i], static_cast<unsigned long>(n));
+    }
+    if (!counts->ok()) return ENOMEM;
+  }
+  return 0;
+}
+
 // Counts in one volume's database: every tag name (`name` NULL) or every
 // value of tag `name`.
 int count_volume(query_db& db, const char* name, const char* rel, tally* counts) {
@@ -671,11 +737,21 @@ int count_volume(query_db& db, const char* name, const char* rel, tally* counts)
   text names;
   std::size_t n = 0;
   if (const int rc = tag_columns(handle, &names, &n)) return rc;
+  text indexed;
+  if (const int rc = indexed_columns(handle, &indexed)) return rc;
+  // A tag with an index is counted through it; the others together.
+  array<const char*> unindexed;
   const char* column = names.c_str();
   for (std::size_t i = 0; i < n; ++i, column += strlen(column) + 1) {
-    if (const int rc = count_in(handle, column, false, rel, counts)) return rc;
+    char full[tevul::kColumnSize];
+    if (!tevul::tag_sql_safe(column)) return EIO;
+    if (tevul::format_whole(full, sizeof full, ".%s", column) && listed(indexed, full)) {
+      if (const int rc = count_in(handle, column, false, rel, counts)) return rc;
+    } else if (!unindexed.push(column)) {
+      return ENOMEM;
+    }
   }
-  return 0;
+  return count_unindexed(handle, unindexed, rel, counts);
 }
 
 int count_tags(const char* name, const char* under, tevu_count_cb cb, void* user) {

@@ -330,4 +330,36 @@ TEST_F(Query, NamesAndValuesWithTheirCounts) {
   }
 }
 
+// Tags without an index (a crafted or an old table: some 2,000 of them made
+// the counts read the table once per tag) are counted together, in one
+// read of the table per 500 of them, and below a path too.
+TEST_F(Query, TagsWithoutAnIndexAreCountedTogether) {
+  tag_file("/srv/e.jpg", {{"kind", "photo"}});
+  RawDb db(Sandbox::db_path("srv"));
+  db.exec("BEGIN");
+  for (int c = 0; c < 600; ++c) db.exec("ALTER TABLE Meta ADD \".c" + std::to_string(c) + "\" TEXT");
+  for (int r = 0; r < 200; ++r) {
+    const std::string path = (r % 2 ? "a/" : "b/") + std::to_string(r);
+    db.exec("INSERT INTO Meta (Path, \".c" + std::to_string(r % 600) + "\", \".c599\") VALUES ('" +
+            path + "', 'x', 'y')");
+  }
+  db.exec("COMMIT");
+  std::vector<std::string> all, below;
+  const auto collect = [](void* user, const char* text, unsigned long count) {
+    static_cast<std::vector<std::string>*>(user)->push_back(std::string(text) + " " +
+                                                           std::to_string(count));
+    return 0;
+  };
+  ASSERT_EQ(tevu_tag_names("/srv", collect, &all), 0);
+  ASSERT_EQ(tevu_tag_names("/srv/a", collect, &below), 0);
+  EXPECT_EQ(all.size(), 202u) << "c0..c199, c599 and kind";
+  EXPECT_NE(std::find(all.begin(), all.end(), "c599 200"), all.end());
+  EXPECT_NE(std::find(all.begin(), all.end(), "c7 1"), all.end());
+  EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                          [](const std::string& n) { return n.rfind("kind ", 0) == 0; }),
+            1) << "the indexed tag beside them";
+  EXPECT_EQ(below.size(), 101u) << "the odd rows' tags and c599";
+  EXPECT_NE(std::find(below.begin(), below.end(), "c599 100"), below.end());
+}
+
 }  // namespace
