@@ -938,7 +938,9 @@ TEVUL_API unsigned tevu_query_failure_count(void);
  * ".." component (make it canonical first), for a volume root as either
  * path, and for a tree moved into itself; ENAMETOOLONG for a path of 4096
  * bytes or more. Running it again after any failure or interruption
- * converges: the tags already copied are merged once more.
+ * converges: the tags already copied are merged once more, so that a tag
+ * of the tree changed at `dst` in between takes the value it has at `src`
+ * again (the source's tags win, as in every merge).
  */
 TEVUL_API int tevu_move_checked(const char *src, const char *dst);
 

@@ -951,3 +951,34 @@ TEST_F(Tool, FailuresAreNamedForWhatTheyAre) {
 }
 
 }  // namespace
+
+namespace {
+
+// A move whose source disk is full says where the tags stand, and the run
+// after it finishes the move.
+TEST_F(Tool, AFailedMoveSaysWhereTheTagsStand) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
+  ASSERT_EQ(std::system("mkdir -p /srv/photos && mv /mnt/photos/a.jpg /srv/photos/"), 0);
+  struct statfs fs;
+  ASSERT_EQ(statfs("/mnt", &fs), 0);
+  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT,
+                  ("size=" + std::to_string(used + 4096)).c_str()), 0);
+  std::system("cat /dev/zero > /mnt/filler 2>/dev/null");
+  Result r = run({"moved", "/mnt/photos/a.jpg", "/srv/photos/a.jpg"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("/mnt/photos/a.jpg: tags not moved: no space left on the device; every "
+                       "tag is still here, and some may stand at the destination too until "
+                       "'tevu moved' runs again"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(rows("mnt", "SELECT Path FROM Meta"), (Rows{{"photos/a.jpg"}}));
+  unlink("/mnt/filler");
+  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT, "size=16m"), 0);
+  r = run({"moved", "/mnt/photos/a.jpg", "/srv/photos/a.jpg"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(rows("mnt", "SELECT count(*) FROM Meta"), (Rows{{"0"}}));
+  EXPECT_EQ(run({"get", "/srv/photos/a.jpg", "k"}).out, "v\n");
+}
+
+}  // namespace

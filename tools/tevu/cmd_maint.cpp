@@ -225,7 +225,11 @@ int cmd_moved(int argc, char** argv) {
       // Every tag reaches the target, or the reason is said and every tag
       // is still at the source; running it again finishes the move.
       if (const int rc = tevu_move_checked(src, target)) {
-        reportf({arg}, "tags not moved: %s", errno_reason(rc));
+        reportf({arg},
+                "tags not moved: %s; every tag is still here, and some may stand at the "
+                "destination too until 'tevu moved' runs again (the run copies these tags "
+                "over the destination's once more)",
+                errno_reason(rc));
         ++failures;
         continue;
       }
