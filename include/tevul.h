@@ -24,10 +24,14 @@
  * what they could not read per thread (tevu_query_failure()).
  *
  * Fork: a process must not fork while another of its threads is inside the
- * library: SQLite's own locks may be held at that moment, and the child
- * would wait on them for ever. A child forked at such a moment may only
- * call exec() or _exit(). Fork before the threads start, or from a thread
- * when no other thread is inside the library.
+ * library, or holds a bulk context with an open transaction (from
+ * tevu_bulk_setpath() until the file's commit: the next tevu_bulk_setpath(),
+ * tevu_bulk_commit() or tevu_bulk_fini()), even while that thread runs
+ * outside the library: SQLite's own locks and the database's file lock may
+ * be held at that moment, and the child would wait on them for ever. A
+ * child forked at such a moment may only call exec() or _exit(). Fork
+ * before the threads start, or when no other thread is inside the library
+ * or in the middle of a bulk context's file.
  *
  * Error numbers in results are the platform's errno values (EIO, ENOSPC, ...);
  * compare them with the names from <errno.h>, never with literal numbers.
