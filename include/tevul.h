@@ -13,7 +13,10 @@
  *
  * Threads: the library starts none. A handle (a tag database, a bulk
  * context) is used by one thread at a time; different handles may be used by
- * different threads at once. The process-wide state the library keeps is
+ * different threads at once. A handle may pass to another thread, also in
+ * the middle of a transaction: its locks belong to the thread that used it
+ * last, so that this thread's own queries say EDEADLK at once and other
+ * threads' queries wait for its commit. The process-wide state the library keeps is
  * filled on first use and never changes after: the mount point and the meta
  * directory path (found once per process; a tag file system mounted
  * elsewhere later is not noticed), SQLite's shared cache (switched on by

@@ -158,6 +158,10 @@ void owner_claim(lock_owner* owner) {
   owner->thread = pthread_self();
 }
 
+void claim(metadb_tagdb* tagdb) {
+  if (tagdb != nullptr && tagdb->db) owner_claim(&tagdb->owner);
+}
+
 void owner_unregister(lock_owner* owner) {
   const mutex_hold hold(&g_owner_mutex);
   if (owner->db == nullptr) return;
@@ -380,7 +384,9 @@ int metadb_transaction_op(metadb_tagdb* tagdb, int op) {
     sqlite3_reset(slot.get());
     return -1;
   }
-  if (op == metadb_txn_begin) tevul::owner_claim(&tagdb->owner);
+  // The thread that uses a handle owns its locks: a handle handed to
+  // another thread in the middle of a transaction takes them along.
+  tevul::owner_claim(&tagdb->owner);
   // The result stays 0 whatever the statement gave: the daemon's callers
   // have always been told success, also for a COMMIT that a full disk
   // refused, and a bulk context issues a COMMIT with no transaction open

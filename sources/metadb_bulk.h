@@ -233,8 +233,13 @@ struct lock_owner {
 
 // Registers `owner` for connection `db`, owned by the calling thread.
 void owner_register(lock_owner* owner, sqlite3* db);
-// Records the calling thread as the owner of `owner`'s connection.
+// Records the calling thread as the owner of `owner`'s connection: every
+// operation on a handle does, so that the locks of a handle handed to
+// another thread in the middle of a transaction follow it (a wait of that
+// thread for them never ends; another thread's wait ends with its commit).
 void owner_claim(lock_owner* owner);
+// owner_claim() for the connection of `tagdb` (NULL is ignored).
+void claim(metadb_tagdb* tagdb);
 // Removes `owner`; harmless for an owner that was never registered.
 void owner_unregister(lock_owner* owner);
 

@@ -72,6 +72,7 @@ int cancel_value(const int* cancel) {
 }  // namespace
 
 extern "C" int metadb_tagdb_delete_path(metadb_tagdb* tagdb, const char* path) {
+  tevul::claim(tagdb);
   if (!usable(tagdb) || path == nullptr) return 1;
   sqlite3* db = tagdb->db.get();
   const int rc =
@@ -88,6 +89,7 @@ extern "C" int metadb_tagdb_delete_path(metadb_tagdb* tagdb, const char* path) {
 extern "C" int metadb_tagdb_rename_path(metadb_tagdb* tagdb,
                                         const char* old_path,
                                         const char* new_path) {
+  tevul::claim(tagdb);
   if (!usable(tagdb) || tevul::is_empty(old_path) || tevul::is_empty(new_path)) {
     return 1;
   }
@@ -100,6 +102,8 @@ extern "C" int metadb_tagdb_rename_path(metadb_tagdb* tagdb,
 
 extern "C" int metadb_tagdb_move_path(metadb_tagdb* src, const char* old_path,
                                       metadb_tagdb* dst, const char* new_path) {
+  tevul::claim(src);
+  tevul::claim(dst);
   if (!usable(src) || !usable(dst) || tevul::is_empty(old_path) ||
       tevul::is_empty(new_path)) {
     return tevul::metadb_failed();

@@ -108,6 +108,7 @@ int sync_row(metadb_tagdb* tagdb, const char* path) {
 }  // namespace
 
 extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
+  tevul::claim(tagdb);
   if (tagdb == nullptr || !tagdb->db) return -1;
   if (!tagdb->modified) return 0;
   if (path == nullptr) return 0;  // no row can have it
@@ -118,6 +119,7 @@ extern "C" int metadb_tagdb_sync(metadb_tagdb* tagdb, const char* path) {
 }
 
 extern "C" int metadb_tagdb_sync_all(metadb_tagdb* tagdb) {
+  tevul::claim(tagdb);
   if (tagdb == nullptr || !tagdb->db) return -1;
   if (!tagdb->modified) return 0;
   if (tevul::prepare_once(tagdb->db.get(), kUnsynced, sizeof kUnsynced,

@@ -170,6 +170,7 @@ int64_t metadb_insert_path(metadb_tagdb* tagdb, const char* path) {
 
 extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
                                    const char* tag, const char* value) {
+  tevul::claim(tagdb);
   if (tagdb == nullptr || !tagdb->db || is_empty(path) || is_empty(tag)) {
     return 1;
   }
@@ -203,6 +204,7 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
 
 extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
                                    const char* tag, char* buf, size_t size) {
+  tevul::claim(tagdb);
   if (buf == nullptr || size == 0 || is_empty(path) || is_empty(tag) ||
       tagdb == nullptr || !tagdb->db) {
     return -1;
@@ -221,6 +223,7 @@ extern "C" int metadb_tagdb_gettag(metadb_tagdb* tagdb, const char* path,
 
 extern "C" int metadb_tagdb_deltag(metadb_tagdb* tagdb, const char* path,
                                    const char* tag) {
+  tevul::claim(tagdb);
   if (tagdb == nullptr || !tagdb->db || is_empty(path) || is_empty(tag)) {
     return 1;
   }
@@ -238,6 +241,7 @@ extern "C" int metadb_tagdb_deltag(metadb_tagdb* tagdb, const char* path,
 extern "C" int metadb_tagdb_settag_recursive(metadb_tagdb* tagdb,
                                              const char* path, const char* tag,
                                              const char* value) {
+  tevul::claim(tagdb);
   if (tagdb == nullptr || !tagdb->db || path == nullptr) return 1;
   if (metadb_add_tag_column(tagdb, tag) != 1) {
     return tevul::metadb_failed();

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <map>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -213,6 +216,47 @@ TEST_F(BulkTest, ContextKeepsItsDatabaseOnlyBelowTheRoot) {
 TEST_F(BulkTest, WithoutTheMountThereIsNoContext) {
   sandbox_.unmount_tag_fs();  // before the process looks the mount up
   EXPECT_EQ(tevu_bulk_init(), nullptr);
+}
+
+// A context handed to another thread in the middle of its transaction
+// takes its locks along: that thread's own query says EDEADLK at once
+// instead of waiting for itself for ever, and the first thread's query
+// waits for the commit instead of giving up.
+TEST_F(BulkTest, ALocksOwnerIsTheThreadThatUsesTheContext) {
+  // A transaction too large for SQLite's page cache holds the database's
+  // write lock, which readers wait for.
+  tevul_test::RawDb(Sandbox::db_path("mnt"))
+      .exec("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i+1 FROM n WHERE i<19999) "
+            "INSERT INTO Meta (Path) SELECT 'f'||i FROM n");
+  const auto query = [] {
+    return tevu_tagged_files(nullptr, [](void*, const char*, size_t, const char* const*,
+                                         const char* const*) { return 0; },
+                             nullptr);
+  };
+  tevu_bulk_ctx* ctx = tevu_bulk_init();  // this thread begins the transaction
+  ASSERT_NE(ctx, nullptr);
+  ASSERT_EQ(tevu_bulk_setpath(ctx, "/mnt"), 0);
+  std::promise<int> own_query;
+  std::thread other([&] {
+    EXPECT_EQ(tevu_bulk_settag_recursive(ctx, "big", std::string(150, 'b').c_str()), 0);
+    own_query.set_value(query());
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    tevu_bulk_commit(ctx);
+  });
+  auto result = own_query.get_future();
+  ASSERT_EQ(result.wait_for(std::chrono::seconds(20)), std::future_status::ready)
+      << "the thread that holds the context's locks waited for itself";
+  EXPECT_EQ(result.get(), EDEADLK);
+  // The other thread owns the locks now: this thread's query waits for its
+  // commit instead of giving up.
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(query(), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300))
+      << "gave up at once on a lock that another thread releases";
+  other.join();
+  tevu_bulk_fini(ctx);
+  EXPECT_EQ(rows("mnt", "SELECT count(*) FROM Meta WHERE \".big\" IS NOT NULL"),
+            (Rows{{"20000"}}));
 }
 
 }  // namespace
