@@ -982,3 +982,41 @@ TEST_F(Tool, AFailedMoveSaysWhereTheTagsStand) {
 }
 
 }  // namespace
+
+namespace {
+
+// A reader who may not write the database, facing a change a writer left
+// in the middle (a hot journal), is told that a writer must roll it back.
+TEST_F(Tool, AReaderFacingAnInterruptedChangeIsToldWhatToDo) {
+  ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
+  const pid_t writer = fork();
+  if (writer == 0) {
+    sqlite3* db = nullptr;
+    sqlite3_open(Sandbox::db_path("mnt").c_str(), &db);
+    // Pages spill to the file mid-transaction; the process ends without a
+    // commit or a rollback, and the journal stays hot.
+    sqlite3_exec(db,
+                 "PRAGMA cache_size=1; BEGIN; WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL "
+                 "SELECT i+1 FROM n WHERE i<2000) INSERT INTO Meta (Path) SELECT "
+                 "printf('%.500d', i) FROM n",
+                 nullptr, nullptr, nullptr);
+    _exit(0);
+  }
+  ASSERT_EQ(exit_status(writer), 0);
+  ASSERT_EQ(access((Sandbox::db_path("mnt") + "-journal").c_str(), F_OK), 0);
+  const pid_t reader = fork();
+  if (reader == 0) {
+    dup2(open("/tmp/reader.err", O_WRONLY | O_CREAT | O_TRUNC, 0666), 2);
+    if (setgid(65534) != 0 || setuid(65534) != 0) _exit(99);
+    exec_tool({"get", "/mnt/photos/a.jpg", "k"});
+  }
+  EXPECT_EQ(exit_status(reader), 1);
+  EXPECT_EQ(tevul_test::read_file("/tmp/reader.err"),
+            "tevu: /mnt/photos/a.jpg: tag database could not be read: an interrupted change "
+            "must be rolled back first, by a user who may write the database (any tevu "
+            "command that changes tags)\n");
+  // A writer's command rolls it back; then everyone reads.
+  EXPECT_EQ(run({"get", "/mnt/photos/a.jpg", "k"}).out, "v\n");
+}
+
+}  // namespace

@@ -188,13 +188,23 @@ bool report_unread_volumes() {
       // Only a write fails so.
       reportf({volume}, "tag database could not be changed: %s", errno_reason(error));
     } else {
-      reportf({volume}, "tag database could not be read: %s", errno_reason(error));
+      reportf({volume}, "tag database could not be read: %s", read_reason(error));
     }
   }
   // Only the first ones are named; the others are counted.
   const unsigned total = tevu_query_failure_count();
   if (total > i) reportf({}, "%u more volumes could not be read", total - i);
   return i > 0;
+}
+
+const char* read_reason(int error) {
+  // A reader that may not write meets a change interrupted in the middle
+  // (a hot journal): only a writer can roll it back.
+  if (error == EROFS) {
+    return "an interrupted change must be rolled back first, by a user who may write "
+           "the database (any tevu command that changes tags)";
+  }
+  return errno_reason(error);
 }
 
 const char* errno_reason(int error) {

@@ -137,6 +137,10 @@ bool report_unread_volumes();
 
 // The reason in words for a positive errno value.
 const char* errno_reason(int error);
+// The reason in words why a tag database could not be read: as
+// errno_reason(), but EROFS (a reader without write access facing an
+// interrupted change) says that a writer must roll the change back.
+const char* read_reason(int error);
 
 // ---------------------------------------------------------------------------
 // Tag names, values, paths.

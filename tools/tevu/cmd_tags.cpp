@@ -436,7 +436,7 @@ int read_one(void* user, size_t index, int error, size_t count, const char* cons
   // A file on a volume whose database is missing is on a tagged volume.
   const int unread = error == ENOENT ? failed_volume_of(file) : error;
   if (unread != 0) {
-    reportf({file}, "tag database could not be read: %s", errno_reason(unread));
+    reportf({file}, "tag database could not be read: %s", read_reason(unread));
   } else if (error == ENOENT) {
     report({file}, setpath_reason(file));
   }
