@@ -629,6 +629,22 @@ int tag_columns(sqlite3* db, text* names, std::size_t* count) {
   return names->ok() ? 0 : ENOMEM;
 }
 
+// Prepares the count statement `sql` into `stmt` and, when `rel` is not
+// empty, binds the stored path and its literal pattern (kept in `pattern`)
+// as ?1 and ?2. Returns 0 or an errno.
+int prepare_below(sqlite3* db, const char* sql, const char* rel, stmt_ptr& stmt,
+                  tevul::sqlite_text& pattern) {
+  const int rc = tevul::prepare(db, sql, -1, stmt);
+  if (rc != SQLITE_OK) return query_errno(db, rc);
+  if (rel[0] != '\0') {
+    pattern.reset(tevul::glob_escape(rel, "/*"));
+    if (!pattern) return ENOMEM;
+    sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
+    sqlite3_bind_text(stmt.get(), 2, pattern.get(), -1, SQLITE_STATIC);
+  }
+  return 0;
+}
+
 // Runs a count statement of tag `name` on `db` (count_sql()) and adds what
 // it counts to `counts`, below stored path `rel` when it is not empty.
 int count_in(sqlite3* db, const char* name, bool values, const char* rel,
@@ -638,15 +654,9 @@ int count_in(sqlite3* db, const char* name, bool values, const char* rel,
   // the library never makes such a column, only a crafted table has one.
   if (!tevul::count_sql(name, values, rel[0] != '\0', sql, sizeof sql)) return EIO;
   stmt_ptr stmt;
-  int rc = tevul::prepare(db, sql, -1, stmt);
-  if (rc != SQLITE_OK) return query_errno(db, rc);
   tevul::sqlite_text pattern;
-  if (rel[0] != '\0') {
-    pattern.reset(tevul::glob_escape(rel, "/*"));
-    if (!pattern) return ENOMEM;
-    sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
-    sqlite3_bind_text(stmt.get(), 2, pattern.get(), -1, SQLITE_STATIC);
-  }
+  int rc = prepare_below(db, sql, rel, stmt, pattern);
+  if (rc != 0) return rc;
   while ((rc = metadb_step(stmt.get())) == SQLITE_ROW) {
     const sqlite3_int64 n = sqlite3_column_int64(stmt.get(), values ? 1 : 0);
     const char* text = values ? reinterpret_cast<const char*>(sqlite3_column_text(stmt.get(), 0))
@@ -703,15 +713,9 @@ int count_unindexed(sqlite3* db, const array<const char*>& columns, const char* 
     if (rel[0] != '\0') sql.append(" WHERE Path=?1 OR Path GLOB ?2");
     if (!sql.ok()) return ENOMEM;
     stmt_ptr stmt;
-    int rc = tevul::prepare(db, sql.c_str(), -1, stmt);
-    if (rc != SQLITE_OK) return query_errno(db, rc);
     tevul::sqlite_text pattern;
-    if (rel[0] != '\0') {
-      pattern.reset(tevul::glob_escape(rel, "/*"));
-      if (!pattern) return ENOMEM;
-      sqlite3_bind_text(stmt.get(), 1, rel, -1, SQLITE_STATIC);
-      sqlite3_bind_text(stmt.get(), 2, pattern.get(), -1, SQLITE_STATIC);
-    }
+    int rc = prepare_below(db, sql.c_str(), rel, stmt, pattern);
+    if (rc != 0) return rc;
     rc = metadb_step(stmt.get());
     if (rc != SQLITE_ROW) return query_errno(db, rc);
     for (std::size_t i = first; i < end; ++i) {

@@ -922,17 +922,23 @@ TEST_F(Tool, AMissingDatabaseIsNotAMissingVolume) {
 
 namespace {
 
+// Fills the tmpfs `volume` to its last page (its size set to what it holds
+// and a page, the page filled by /<volume>/filler).
+void fill(const std::string& volume) {
+  struct statfs fs;
+  ASSERT_EQ(statfs(volume.c_str(), &fs), 0);
+  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
+  ASSERT_EQ(mount("tmpfs", volume.c_str(), "tmpfs", MS_REMOUNT,
+                  ("size=" + std::to_string(used + 4096)).c_str()), 0);
+  std::system(("cat /dev/zero > " + volume + "/filler 2>/dev/null").c_str());
+}
+
 // What failed is said as it is: a volume list the daemon no longer shows
 // is no database, and a full disk fails a change, not a read.
 TEST_F(Tool, FailuresAreNamedForWhatTheyAre) {
   ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
   // Fill /mnt to the last page: the rename's COMMIT cannot be written.
-  struct statfs fs;
-  ASSERT_EQ(statfs("/mnt", &fs), 0);
-  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
-  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT,
-                  ("size=" + std::to_string(used + 4096)).c_str()), 0);
-  std::system("cat /dev/zero > /mnt/filler 2>/dev/null");
+  fill("/mnt");
   Result r = run({"rename", "k", "renamed-with-a-long-name-to-need-room"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("tevu: /mnt: tag database could not be changed: no space left on the "
@@ -959,12 +965,7 @@ namespace {
 TEST_F(Tool, AFailedMoveSaysWhereTheTagsStand) {
   ASSERT_EQ(run({"set", "-t", "k=v", "/mnt/photos/a.jpg"}).status, 0);
   ASSERT_EQ(std::system("mkdir -p /srv/photos && mv /mnt/photos/a.jpg /srv/photos/"), 0);
-  struct statfs fs;
-  ASSERT_EQ(statfs("/mnt", &fs), 0);
-  const long used = static_cast<long>((fs.f_blocks - fs.f_bfree) * fs.f_bsize);
-  ASSERT_EQ(mount("tmpfs", "/mnt", "tmpfs", MS_REMOUNT,
-                  ("size=" + std::to_string(used + 4096)).c_str()), 0);
-  std::system("cat /dev/zero > /mnt/filler 2>/dev/null");
+  fill("/mnt");
   Result r = run({"moved", "/mnt/photos/a.jpg", "/srv/photos/a.jpg"});
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("/mnt/photos/a.jpg: tags not moved: no space left on the device; every "
