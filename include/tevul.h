@@ -778,6 +778,14 @@ TEVUL_API int tevu_tagged_below(const char *path, tevu_row_cb cb, void *user);
  * wait for a lock of the calling thread, a volume that cannot be read
  * reported and named by tevu_query_failure()). A reader is used by one
  * thread at a time.
+ * What it holds: between calls, an open connection to the database of
+ * every volume it has met, and where each volume's root and database were
+ * found. So a disk whose database lies on it cannot be unmounted while a
+ * reader that met it is open (umount says EBUSY), and a volume whose links
+ * were removed, or whose disk and database were replaced, is answered from
+ * what the reader found first. Close a reader when a volume may go or
+ * change (a long-lived application: when the mount table changes, or after
+ * each batch of work), and open a new one.
  */
 typedef struct tevu_reader tevu_reader;
 
