@@ -87,6 +87,9 @@ TEST_F(Conditions, FindWhatTheConditionSays) {
       << "'6' is a number too: 10 < 6 is false";
   EXPECT_EQ(find("not year"), (Files{"/mnt/c.txt", "/srv/d.jpg", "/srv/e"}))
       << "a name without a column is false there";
+  EXPECT_EQ(find("not year=2019"),
+            (Files{"/mnt/b.jpg", "/mnt/c.txt", "/srv/d.jpg", "/srv/e"}))
+      << "a file without the tag is no file with that value";
   EXPECT_EQ(find("kind != photo"), (Files{"/mnt/c.txt"}));
   EXPECT_EQ(find("nosuch=1 or (kind=text)"), (Files{"/mnt/c.txt"}));
   EXPECT_EQ(find("\"my tag\"='X Y'"), (Files{"/srv/e"}));
