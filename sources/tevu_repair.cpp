@@ -62,9 +62,6 @@ constexpr char kPutFingerprintSql[] =
     " Size IS NOT excluded.Size OR Mtime IS NOT excluded.Mtime OR"
     " MtimeNs IS NOT excluded.MtimeNs";
 // ?1 the old path, ?2 its literal subtree pattern, ?3 the new path.
-constexpr char kRenameFingerprintSql[] =
-    "UPDATE OR REPLACE Fingerprint SET Path=?3||SUBSTR(Path, LENGTH(?1)+1)"
-    " WHERE Path=?1 OR Path GLOB ?2";
 constexpr char kCopyFingerprintSql[] =
     "INSERT OR REPLACE INTO Fingerprint(Path, Kind, Size, Mtime, MtimeNs)"
     " SELECT ?3||SUBSTR(Path, LENGTH(?1)+1), Kind, Size, Mtime, MtimeNs"
@@ -127,7 +124,6 @@ int fingerprint_store::open(const char* tag_db, bool read_only) {
 void fingerprint_store::close() {
   get_.reset();
   put_.reset();
-  rename_.reset();
   copy_.reset();
   forget_.reset();
   db_.reset();
@@ -136,7 +132,6 @@ void fingerprint_store::close() {
 int fingerprint_store::prepare_statements() {
   int rc = prepare(db_.get(), kGetFingerprintSql, -1, get_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kPutFingerprintSql, -1, put_);
-  if (rc == SQLITE_OK) rc = prepare(db_.get(), kRenameFingerprintSql, -1, rename_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kCopyFingerprintSql, -1, copy_);
   if (rc == SQLITE_OK) rc = prepare(db_.get(), kForgetFingerprintSql, -1, forget_);
   return rc;
@@ -185,10 +180,6 @@ int run_subtree(sqlite3* db, sqlite3_stmt* s, const char* from, const char* to) 
 }
 
 }  // namespace
-
-int fingerprint_store::rename(const char* from, const char* to) {
-  return run_subtree(db_.get(), rename_.get(), from, to);
-}
 
 int fingerprint_store::copy(const char* from, const char* to) {
   return run_subtree(db_.get(), copy_.get(), from, to);

@@ -63,9 +63,6 @@ class fingerprint_store {
   // Records `fp` for `rel` unless it is recorded so already. Returns 0 or an
   // SQLite code.
   int put(const char* rel, const fingerprint& fp);
-  // Gives the fingerprints of `from` and below the paths under `to` (a move
-  // that was followed). Returns 0 or an SQLite code.
-  int rename(const char* from, const char* to);
   // Records the fingerprints of `from` and below also under `to` (before a
   // move, so that an interruption leaves them at both places). Returns 0
   // or an SQLite code.
@@ -84,7 +81,6 @@ class fingerprint_store {
   db_ptr db_;
   stmt_ptr get_;
   stmt_ptr put_;
-  stmt_ptr rename_;
   stmt_ptr copy_;
   stmt_ptr forget_;
 };

@@ -132,10 +132,7 @@ class wd_map {
       }
     }
   }
-  void clear() {
-    for (std::size_t i = 0; i < capacity_; ++i) slots_[i].wd = kEmpty;
-    used_ = 0;
-  }
+
 
  private:
   static constexpr int kEmpty = -1;
@@ -231,6 +228,21 @@ struct queued_move {
 };
 // The most renames that follow in one transaction.
 constexpr std::size_t kMovesPerTransaction = 1000;
+
+// Removes from `items` (each with a malloc()ed `path`) those for which
+// `drop(item)` holds, keeping the others in their order.
+template <typename T, typename Drop>
+void remove_where(array<T>& items, Drop drop) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (drop(items[i])) {
+      std::free(items[i].path);
+    } else {
+      items[kept++] = items[i];
+    }
+  }
+  items.truncate(kept);
+}
 
 // A file or directory that appeared: a copy, perhaps, of one deleted next.
 struct arrival {
@@ -586,24 +598,8 @@ void tevu_watch::release(int index, bool report) {
   if (v.db_wd >= 0) inotify_rm_watch(inotify.get(), v.db_wd);
   v.db_wd = -1;
   // Nothing of a volume that went away is decided any more.
-  std::size_t kept = 0;
-  for (std::size_t i = 0; i < pending.size(); ++i) {
-    if (pending[i].volume == index) {
-      std::free(pending[i].path);
-    } else {
-      pending[kept++] = pending[i];
-    }
-  }
-  pending.truncate(kept);
-  kept = 0;
-  for (std::size_t i = 0; i < halves.size(); ++i) {
-    if (halves[i].volume == index) {
-      std::free(halves[i].path);
-    } else {
-      halves[kept++] = halves[i];
-    }
-  }
-  halves.truncate(kept);
+  remove_where(pending, [index](const pending_deletion& p) { return p.volume == index; });
+  remove_where(halves, [index](const half_move& h) { return h.volume == index; });
   v.active = false;
   v.unwatched = 0;
   v.repair_due = false;
@@ -1034,15 +1030,8 @@ void tevu_watch::flush_moves() {
 }
 
 void tevu_watch::came_back(const char* path) {
-  for (std::size_t i = 0; i < pending.size();) {
-    if (strcmp(pending[i].path, path) == 0) {
-      std::free(pending[i].path);
-      pending[i] = pending[pending.size() - 1];
-      pending.truncate(pending.size() - 1);
-    } else {
-      ++i;
-    }
-  }
+  remove_where(pending,
+               [path](const pending_deletion& p) { return strcmp(p.path, path) == 0; });
 }
 
 // `path` is gone (unlinked, or moved where nothing watches): its rows
@@ -1062,15 +1051,8 @@ void tevu_watch::on_lost(const char* path, int volume, bool dir) {
     return;
   }
   // A tree's deletion covers the deletions already waiting below it.
-  for (std::size_t i = 0; i < pending.size();) {
-    if (at_or_below(pending[i].path, path)) {
-      std::free(pending[i].path);
-      pending[i] = pending[pending.size() - 1];
-      pending.truncate(pending.size() - 1);
-    } else {
-      ++i;
-    }
-  }
+  remove_where(pending,
+               [path](const pending_deletion& p) { return at_or_below(p.path, path); });
   char* copy_path = strdup(path);
   if (copy_path == nullptr || !pending.push(pending_deletion{copy_path, volume, now_ms() + grace})) {
     std::free(copy_path);
