@@ -296,11 +296,8 @@ int disk_path(const char* arg, char* out) {
     while (tail > 1 && copy[tail - 1] == '/') --tail;
     std::size_t start = tail;  // the last component of what is left
     while (start > 0 && copy[start - 1] != '/') --start;
-    const std::size_t n = tail - start;
-    if (n == 0 || (n == 1 && copy[start] == '.') ||
-        (n == 2 && copy[start] == '.' && copy[start + 1] == '.')) {
-      return EINVAL;
-    }
+    // "." and ".." are refused below, with the other missing components.
+    if (tail == start) return EINVAL;
     std::size_t parent_end = start;
     while (parent_end > 1 && copy[parent_end - 1] == '/') --parent_end;
     char parent[PATH_MAX];
