@@ -726,7 +726,7 @@ TEST_F(Tool, RepairFindsFilesMovedWhileNothingWatched) {
   EXPECT_EQ(r.err,
             "tevu: repair: /mnt/photos/b.jpg: no file matches (or none was ever "
             "fingerprinted); left alone\n"
-            "tevu: repair: 1 files would move, 0 ambiguous, 1 not found, 0 failures (dry run: "
+            "tevu: repair: 1 file would move, 0 ambiguous, 1 not found, 0 failures (dry run: "
             "nothing changed)\n");
   EXPECT_EQ(databases(), before);
   r = run({"repair", "/mnt/photos"});

@@ -64,8 +64,12 @@ int repair_found(void*, int kind, const char* from, const char* to, unsigned lon
 
 // The closing count line of a repair.
 void repair_summary(const tevu_repair_counts& c, bool dry_run) {
-  fprintf(stderr, "tevu: repair: %lu files %s, %lu ambiguous, %lu not found, %lu failures%s\n",
-          c.moved, dry_run ? "would move" : "moved", c.ambiguous, c.unmatched, c.failed,
+  text line;
+  counted(&line, c.moved, "file", "files");
+  line.appendf(" %s, %lu ambiguous, %lu not found, ", dry_run ? "would move" : "moved",
+               c.ambiguous, c.unmatched);
+  counted(&line, c.failed, "failure", "failures");
+  fprintf(stderr, "tevu: repair: %s%s\n", line.c_str(),
           dry_run ? " (dry run: nothing changed)" : "");
 }
 
