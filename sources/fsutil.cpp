@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -34,9 +35,20 @@ bool copy_path(char* buf, const char* path) {
   return true;
 }
 
-void fill_template(struct stat64* st, int clear, int writable,
+// The templates fill the stat record with 64-bit offsets, which the header
+// calls struct stat64 after glibc. This file is built with
+// _FILE_OFFSET_BITS=64, so struct stat is that record: glibc lays both out
+// the same, and musl has no other (its stat64 is at most a macro for stat).
+#if defined(__GLIBC__)
+static_assert(sizeof(struct stat) == sizeof(struct stat64) &&
+                  offsetof(struct stat, st_mtim) == offsetof(struct stat64, st_mtim),
+              "struct stat is the 64-bit record");
+#endif
+
+void fill_template(struct stat64* record, int clear, int writable,
                    mode_t writable_mode, mode_t read_only_mode, bool one_link) {
-  if (st == nullptr) return;
+  if (record == nullptr) return;
+  struct stat* st = reinterpret_cast<struct stat*>(record);
   if (clear) memset(st, 0, sizeof *st);
   st->st_mode = writable ? writable_mode : read_only_mode;
   if (one_link) st->st_nlink = 1;
@@ -48,8 +60,8 @@ void fill_template(struct stat64* st, int clear, int writable,
 }
 
 bool has_type(const char* path, mode_t type) {
-  struct stat64 st;
-  return !tevul::is_empty(path) && stat64(path, &st) == 0 &&
+  struct stat st;
+  return !tevul::is_empty(path) && stat(path, &st) == 0 &&
          (st.st_mode & S_IFMT) == type;
 }
 
@@ -66,8 +78,8 @@ extern "C" int fsutil_isdir(const char* path) {
 }
 
 extern "C" int fsutil_isactivedir(const char* path) {
-  struct statfs64 info;
-  return path != nullptr && statfs64(path, &info) == 0 ? 1 : 0;
+  struct statfs info;
+  return path != nullptr && statfs(path, &info) == 0 ? 1 : 0;
 }
 
 extern "C" void fsutil_stat_setreg(struct stat64* st, int clear, int writable) {
@@ -104,8 +116,8 @@ extern "C" int fsutil_mkdir(const char* path, unsigned int mode, int recursive) 
     }
     if (mkdir(path, mode) != 0) return -1;
   }
-  struct stat64 st;
-  if (stat64(path, &st) != 0) return -1;
+  struct stat st;
+  if (stat(path, &st) != 0) return -1;
   // A plain numeric comparison, not a test of bits: 0755 asked for 0700
   // stays 0755, 0700 asked for 0750 becomes 0750.
   if ((st.st_mode & ~static_cast<mode_t>(S_IFMT)) < mode) return chmod(path, mode);

@@ -85,16 +85,18 @@ TEST_F(FsUtil, RmdirRemovesTreesWithoutFollowingLinks) {
 // The daemon's stat templates set mode, owner and times, nothing else.
 TEST(StatTemplates, FillOnlyTheirFields) {
   fsutil_setdeftime(1700000000);
-  struct stat64 st;
+  // struct stat is the 64-bit record here (glibc with 64-bit offsets, musl).
+  struct stat st;
+  auto* record = reinterpret_cast<struct stat64*>(&st);
   std::memset(&st, 0x5a, sizeof st);
-  const struct stat64 before = st;
-  fsutil_stat_setdir(&st, 0, 1);
+  const struct stat before = st;
+  fsutil_stat_setdir(record, 0, 1);
   EXPECT_EQ(st.st_mode, 040775u);
   EXPECT_TRUE(st.st_nlink == before.st_nlink && st.st_size == before.st_size) << "the caller's";
   EXPECT_TRUE(st.st_uid == getuid() && st.st_mtime == 1700000000);
-  fsutil_stat_setreg(&st, 1, 0);
+  fsutil_stat_setreg(record, 1, 0);
   EXPECT_TRUE(st.st_mode == 0100444u && st.st_nlink == 1u && st.st_size == 0 && st.st_uid == 0u);
-  fsutil_stat_setsymlink(&st, 0, 0);
+  fsutil_stat_setsymlink(record, 0, 0);
   EXPECT_EQ(st.st_mode, 0120555u);
 }
 
