@@ -26,6 +26,18 @@
  * safe to fill from several threads at once. The read-only queries keep
  * what they could not read per thread (tevu_query_failure()).
  *
+ * Stack: every function runs on a thread with musl's default stack (128
+ * KiB, OpenWrt's C library; glibc gives 8 MiB) and leaves more than half of
+ * it to the caller. Measured with the worst inputs the functions take (the
+ * longest paths, a file of 300 tags of 150 bytes, the deepest and the
+ * longest condition, the checked move across volumes), the most any call
+ * needs is about 46 KiB: the repair and the watcher 46 KiB, the tag-file
+ * and view functions 45 KiB, moves, deletions, renames and cleanups 43 KiB,
+ * the queries, the reader and the conditions 31 KiB, bulk contexts 28 KiB,
+ * the metadb_ and fsutil_ functions 23 KiB (musl on 32-bit MIPS; glibc on
+ * x86-64 within 1 KiB of these). Callbacks run on the caller's stack below
+ * these frames. No function recurses with its input.
+ *
  * Fork: a process must not fork while another of its threads is inside the
  * library, or holds a bulk context with an open transaction (from
  * tevu_bulk_setpath() until the file's commit: the next tevu_bulk_setpath(),

@@ -6,6 +6,7 @@
 #include <pty.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
@@ -34,6 +35,10 @@ struct Result {
   std::string err;
 };
 
+// The stack the tool's main thread may grow to, when not 0 (a router's
+// 128 KiB, with qemu-user told the same).
+rlim_t g_stack_limit = 0;
+
 // Runs the tool with `input` on its standard input (a file) and collects
 // its output. With `tty_stderr` its standard error is a terminal.
 Result run(const std::vector<std::string>& args, const std::string& input = "",
@@ -46,6 +51,11 @@ Result run(const std::vector<std::string>& args, const std::string& input = "",
     dup2(open("/tmp/tool.in", O_RDONLY), 0);
     dup2(open("/tmp/tool.out", O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     dup2(tty_stderr ? slave : open("/tmp/tool.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    if (g_stack_limit != 0) {
+      const struct rlimit limit = {g_stack_limit, g_stack_limit};
+      setrlimit(RLIMIT_STACK, &limit);
+      setenv("QEMU_STACK_SIZE", std::to_string(g_stack_limit).c_str(), 1);
+    }
     exec_tool(args);
   }
   Result result;
@@ -1021,6 +1031,65 @@ TEST_F(Tool, AReaderFacingAnInterruptedChangeIsToldWhatToDo) {
             "command that changes tags)\n");
   // A writer's command rolls it back; then everyone reads.
   EXPECT_EQ(run({"get", "/mnt/photos/a.jpg", "k"}).out, "v\n");
+}
+
+}  // namespace
+
+namespace {
+
+// The tool's heaviest paths on a router's stack (128 KiB, as musl gives a
+// thread; the main thread is limited the same way here): the deepest and
+// the longest condition, the longest paths, a walk over rows of 300 wide
+// tags, the checked move across volumes and the repair.
+TEST_F(Tool, HeaviestCommandsRunOn128KiBOfStack) {
+  std::string deep = "/mnt";
+  while (deep.size() < 3834) deep += "/" + std::string(200, 'd');
+  ASSERT_TRUE(make_dirs(deep));
+  const std::string longest = deep + "/" + std::string(4089 - deep.size(), 'f');
+  ASSERT_TRUE(write_file(longest, "x"));
+  std::vector<std::string> set_wide = {"set"};
+  for (int i = 0; i < 300; ++i) {
+    set_wide.push_back("-t");
+    set_wide.push_back("tag" + std::to_string(i) + "=" + std::string(150, 'v'));
+  }
+  ASSERT_TRUE(make_dirs("/mnt/wide"));
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(write_file("/mnt/wide/" + std::to_string(i), std::string(i + 1, 'w')));
+    set_wide.push_back("/mnt/wide/" + std::to_string(i));
+  }
+  set_wide.push_back(longest);
+  std::string deepest = "tag1";
+  for (const char level : std::string("NOAANOAONOAAO")) {
+    if (level == 'N') deepest = "not (" + deepest + ")";
+    if (level == 'O') deepest = "(" + deepest + " or tag2>=6)";
+    if (level == 'A') deepest = "(" + deepest + " and tag3<2020)";
+  }
+  std::string longest_condition = "tag0";
+  for (int i = 1; i < 128; ++i) longest_condition += i % 2 ? " or tag9>'9'" : " and not tag8=1";
+
+  g_stack_limit = 128 * 1024;
+  const std::vector<std::vector<std::string>> commands = {
+      set_wide,
+      {"set", "-r", "-t", "again=1", "/mnt"},
+      {"list", longest},
+      {"find", deepest},
+      {"find", "-l", longest_condition},
+      {"export"},
+      {"tags"},
+      {"values", "tag7"},
+      {"rename", "tag5", "renamed5"},
+      {"moved", "/mnt/wide", "/srv/wide"},
+      {"repair", "/srv"},
+  };
+  for (const auto& command : commands) {
+    if (command[0] == "moved") {
+      ASSERT_EQ(system("cp -a /mnt/wide /srv/wide && rm -r /mnt/wide"), 0);
+    }
+    const Result r = run(command);
+    EXPECT_EQ(r.status, 0) << command[0] << ": " << r.err.substr(0, 300);
+  }
+  g_stack_limit = 0;
+  EXPECT_EQ(run({"get", "/srv/wide/7", "tag0"}).out, std::string(150, 'v') + "\n");
 }
 
 }  // namespace
