@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stddef.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include "common.h"
+#include "fsutil.h"
 
 namespace {
 
@@ -66,6 +68,77 @@ bool has_type(const char* path, mode_t type) {
 }
 
 }  // namespace
+
+namespace tevul {
+
+// One directory being emptied: its stream (owning its descriptor) and where
+// its name starts in the walk's arena.
+struct emptying_dir {
+  DIR* dir;
+  std::size_t name_at;
+};
+
+int empty_tree_at(int at, const char* name) {
+  // Every step is taken from a descriptor held open, never by a path, and
+  // no link is followed: a directory swapped for a link while the walk runs
+  // is unlinked as a link, and nothing outside the tree is reached. Depth
+  // costs a descriptor and a few bytes of heap, never stack.
+  const int top = openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (top < 0) return ENOENT;  // whatever the cause, as callers expect
+  DIR* first = fdopendir(top);
+  if (first == nullptr) {
+    close(top);
+    return ENOENT;
+  }
+  array<emptying_dir> open_dirs;
+  text names;
+  int rc = 0;
+  if (!open_dirs.push({first, 0})) {
+    closedir(first);
+    return ENOMEM;
+  }
+  while (!open_dirs.empty()) {
+    DIR* const dir = open_dirs[open_dirs.size() - 1].dir;
+    errno = 0;
+    const dirent* entry = rc == 0 ? readdir(dir) : nullptr;
+    if (entry == nullptr) {
+      // Done with this directory (or giving up): it goes, then its name.
+      const std::size_t name_at = open_dirs[open_dirs.size() - 1].name_at;
+      closedir(dir);
+      open_dirs.truncate(open_dirs.size() - 1);
+      if (!open_dirs.empty() && rc == 0 &&
+          unlinkat(dirfd(open_dirs[open_dirs.size() - 1].dir), names.c_str() + name_at,
+                   AT_REMOVEDIR) != 0) {
+        rc = -1;
+      }
+      names.truncate(name_at);
+      continue;
+    }
+    const char* child = entry->d_name;
+    if (strcmp(child, ".") == 0 || strcmp(child, "..") == 0) continue;
+    if (entry->d_type != DT_DIR) {
+      // Links are removed, not followed; an entry of unknown type is unlinked.
+      if (unlinkat(dirfd(dir), child, 0) != 0) rc = -1;
+      continue;
+    }
+    const int fd = openat(dirfd(dir), child, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* sub = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (sub == nullptr) {
+      if (fd >= 0) close(fd);
+      rc = ENOENT;
+      continue;
+    }
+    const std::size_t name_at = names.size();
+    names.append(child).push('\0');
+    if (!names.ok() || !open_dirs.push({sub, name_at})) {
+      closedir(sub);
+      rc = ENOMEM;
+    }
+  }
+  return rc;
+}
+
+}  // namespace tevul
 
 extern "C" void fsutil_setdeftime(int32_t t) { g_default_time = t; }
 
@@ -138,18 +211,6 @@ extern "C" int fsutil_mkdir_forfile(const char* path, unsigned int mode,
 extern "C" int fsutil_rmdir(const char* path, int recursive) {
   if (null_path(path)) return -1;
   if (!recursive) return rmdir(path);
-  tevul::dir_ptr dir(opendir(path));
-  if (!dir) return ENOENT;  // whatever the cause, as callers expect
-  // readdir() on a stream of its own is safe beside other threads' walks.
-  while (const dirent* entry = readdir(dir.get())) {
-    const char* name = entry->d_name;
-    if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) continue;
-    char child[tevul::kLongPathSize];
-    tevul::format_cut(child, sizeof child, "%s/%s", path, name);
-    // Links are removed, not followed; an entry of unknown type is unlinked.
-    const int rc = entry->d_type == DT_DIR ? fsutil_rmdir(child, 1) : unlink(child);
-    if (rc != 0) return rc;
-  }
-  dir.reset();
-  return rmdir(path);
+  const int rc = tevul::empty_tree_at(AT_FDCWD, path);
+  return rc != 0 ? rc : rmdir(path);
 }

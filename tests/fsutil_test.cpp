@@ -1,5 +1,7 @@
 // File tests and directories on real trees.
 #include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -80,6 +82,49 @@ TEST_F(FsUtil, RmdirRemovesTreesWithoutFollowingLinks) {
   EXPECT_EQ(fsutil_isfile((outside / "keep.txt").c_str()), 1);
   EXPECT_EQ(fsutil_rmdir((dir_ / "missing").c_str(), 1), ENOENT);
   EXPECT_EQ(fsutil_rmdir((dir_ / "missing").c_str(), 0), -1);
+}
+
+// A tree deeper than a path can name (3,000 levels, 6,000 bytes of path) is
+// removed whole, on a router's 128 KiB thread stack, and a link to a
+// directory whose name a cut path would have ended in stays untouched.
+TEST_F(FsUtil, RmdirRemovesTreesDeeperThanAPath) {
+  TempDir outside;
+  tevul_test::write_file(outside / "keep.txt", "precious");
+  const std::string tree = dir_ / "deep";
+  ASSERT_EQ(mkdir(tree.c_str(), 0755), 0);
+  int fd = open(tree.c_str(), O_RDONLY | O_DIRECTORY);
+  for (int level = 0; level < 3000 && fd >= 0; ++level) {
+    ASSERT_EQ(mkdirat(fd, "d", 0755), 0);
+    if (level % 100 == 0) {
+      ASSERT_EQ(symlinkat(outside.path().c_str(), fd, "l"), 0);
+    }
+    const int next = openat(fd, "d", O_RDONLY | O_DIRECTORY);
+    close(fd);
+    fd = next;
+  }
+  ASSERT_GE(fd, 0);
+  close(fd);
+  struct Run {
+    std::string tree;
+    int rc = -2;
+  } run{tree};
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, 128 * 1024);
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, &attr,
+                           [](void* arg) -> void* {
+                             Run* r = static_cast<Run*>(arg);
+                             r->rc = fsutil_rmdir(r->tree.c_str(), 1);
+                             return nullptr;
+                           },
+                           &run),
+            0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attr);
+  EXPECT_EQ(run.rc, 0);
+  EXPECT_EQ(access(tree.c_str(), F_OK), -1);
+  EXPECT_EQ(tevul_test::read_file(outside / "keep.txt"), "precious");
 }
 
 // The daemon's stat templates set mode, owner and times, nothing else.
