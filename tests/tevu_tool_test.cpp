@@ -1066,11 +1066,16 @@ TEST_F(Tool, HeaviestCommandsRunOn128KiBOfStack) {
   }
   std::string longest_condition = "tag0";
   for (int i = 1; i < 128; ++i) longest_condition += i % 2 ? " or tag9>'9'" : " and not tag8=1";
+  // A tree 900 directories deep for the walk of `set -r`.
+  std::string chain = "/mnt/chain";
+  for (int level = 0; level < 900; ++level) chain += "/d";
+  ASSERT_TRUE(make_dirs(chain));
 
   g_stack_limit = 128 * 1024;
   const std::vector<std::vector<std::string>> commands = {
       set_wide,
-      {"set", "-r", "-t", "again=1", "/mnt"},
+      {"set", "-r", "-t", "again=1", "/mnt/wide"},
+      {"set", "-r", "-n", "-t", "deep=1", "/mnt/chain"},
       {"list", longest},
       {"find", deepest},
       {"find", "-l", longest_condition},
