@@ -11,6 +11,7 @@
 #define TEVUL_COMMON_H
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <glob.h>
 #include <mntent.h>
 #include <pthread.h>
@@ -314,6 +315,23 @@ class array {
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
 };
+
+// What a walk's visitor answers for an entry.
+enum walk_answer { walk_skip = 0, walk_enter = 1, walk_stop = -1 };
+
+// Visits everything below the directory `root` (not `root` itself): each
+// entry with its lstat() record, parents before what they hold, each
+// directory's entries in name order. A directory is entered when `visit`
+// answers walk_enter; walk_stop ends the walk. No link is followed (each
+// step is taken from the directory's descriptor with O_NOFOLLOW) and there
+// is no recursion: depth costs one descriptor and the names of one
+// directory per level, on the heap, never stack. `unreadable` (may be
+// null) hears of a directory that could not be read, which is passed over.
+// Returns 0, walk_stop's -1, or the errno of a root that cannot be read or
+// of memory running short (ENOMEM).
+int walk_below(const char* root, walk_answer (*visit)(void* user, const char* path,
+                                                      const struct stat& st),
+               void (*unreadable)(void* user, const char* path, int error), void* user);
 
 }  // namespace tevul
 

@@ -71,69 +71,84 @@ bool has_type(const char* path, mode_t type) {
 
 namespace tevul {
 
-// One directory being emptied: its stream (owning its descriptor) and where
-// its name starts in the walk's arena.
+// One directory being emptied: its descriptor and where its name starts in
+// the walk's arena.
 struct emptying_dir {
-  DIR* dir;
+  int fd;
   std::size_t name_at;
 };
+
+// Unlinks what the directory `fd` holds apart from directories; the first
+// directory found is opened into `*sub` (-1 when there is none) with its
+// name appended to `names` at `*name_at`. Returns 0, -1 with errno, ENOENT or ENOMEM.
+int empty_files_of(int fd, int* sub, std::size_t* name_at, text* names) {
+  *sub = -1;
+  // A stream of its own for each pass: a stream holds a buffer of up to 32
+  // KiB, and one is open at a time, however deep the tree.
+  const int stream_fd = dup(fd);
+  dir_ptr dir(stream_fd >= 0 ? fdopendir(stream_fd) : nullptr);
+  if (!dir) {
+    if (stream_fd >= 0) close(stream_fd);
+    return ENOENT;
+  }
+  rewinddir(dir.get());
+  while (const dirent* entry = readdir(dir.get())) {
+    const char* child = entry->d_name;
+    if (strcmp(child, ".") == 0 || strcmp(child, "..") == 0) continue;
+    if (entry->d_type != DT_DIR) {
+      // Links are removed, not followed; an entry of unknown type is unlinked.
+      if (unlinkat(fd, child, 0) != 0) return -1;
+      continue;
+    }
+    *sub = openat(fd, child, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (*sub < 0) return ENOENT;
+    *name_at = names->size();
+    names->append(child).push('\0');
+    if (!names->ok()) {
+      close(*sub);
+      *sub = -1;
+      return ENOMEM;
+    }
+    return 0;
+  }
+  return 0;
+}
 
 int empty_tree_at(int at, const char* name) {
   // Every step is taken from a descriptor held open, never by a path, and
   // no link is followed: a directory swapped for a link while the walk runs
   // is unlinked as a link, and nothing outside the tree is reached. Depth
-  // costs a descriptor and a few bytes of heap, never stack.
+  // costs a descriptor and the name per level on the heap, never stack.
   const int top = openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (top < 0) return ENOENT;  // whatever the cause, as callers expect
-  DIR* first = fdopendir(top);
-  if (first == nullptr) {
-    close(top);
-    return ENOENT;
-  }
   array<emptying_dir> open_dirs;
   text names;
-  int rc = 0;
-  if (!open_dirs.push({first, 0})) {
-    closedir(first);
+  if (!open_dirs.push({top, 0})) {
+    close(top);
     return ENOMEM;
   }
+  int rc = 0;
   while (!open_dirs.empty()) {
-    DIR* const dir = open_dirs[open_dirs.size() - 1].dir;
-    errno = 0;
-    const dirent* entry = rc == 0 ? readdir(dir) : nullptr;
-    if (entry == nullptr) {
-      // Done with this directory (or giving up): it goes, then its name.
-      const std::size_t name_at = open_dirs[open_dirs.size() - 1].name_at;
-      closedir(dir);
-      open_dirs.truncate(open_dirs.size() - 1);
-      if (!open_dirs.empty() && rc == 0 &&
-          unlinkat(dirfd(open_dirs[open_dirs.size() - 1].dir), names.c_str() + name_at,
-                   AT_REMOVEDIR) != 0) {
-        rc = -1;
+    const emptying_dir current = open_dirs[open_dirs.size() - 1];
+    int sub = -1;
+    std::size_t name_at = 0;
+    if (rc == 0) rc = empty_files_of(current.fd, &sub, &name_at, &names);
+    if (sub >= 0) {
+      if (!open_dirs.push({sub, name_at})) {
+        close(sub);
+        rc = ENOMEM;
       }
-      names.truncate(name_at);
       continue;
     }
-    const char* child = entry->d_name;
-    if (strcmp(child, ".") == 0 || strcmp(child, "..") == 0) continue;
-    if (entry->d_type != DT_DIR) {
-      // Links are removed, not followed; an entry of unknown type is unlinked.
-      if (unlinkat(dirfd(dir), child, 0) != 0) rc = -1;
-      continue;
+    // Empty now (or giving up): the directory goes, then its name.
+    close(current.fd);
+    open_dirs.truncate(open_dirs.size() - 1);
+    if (!open_dirs.empty() && rc == 0 &&
+        unlinkat(open_dirs[open_dirs.size() - 1].fd, names.c_str() + current.name_at,
+                 AT_REMOVEDIR) != 0) {
+      rc = -1;
     }
-    const int fd = openat(dirfd(dir), child, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    DIR* sub = fd >= 0 ? fdopendir(fd) : nullptr;
-    if (sub == nullptr) {
-      if (fd >= 0) close(fd);
-      rc = ENOENT;
-      continue;
-    }
-    const std::size_t name_at = names.size();
-    names.append(child).push('\0');
-    if (!names.ok() || !open_dirs.push({sub, name_at})) {
-      closedir(sub);
-      rc = ENOMEM;
-    }
+    names.truncate(current.name_at);
   }
   return rc;
 }

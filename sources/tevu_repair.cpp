@@ -3,7 +3,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -283,17 +282,16 @@ class lost_batch {
   array<lost_row> rows_;
 };
 
-// What one walk of a volume needs; nftw() has no user pointer, so the walk
-// of the calling thread is found through this.
+// What one walk of a volume needs.
 struct volume_walk {
   lost_batch* batch;
   sqlite3_stmt* has_row;
   std::size_t root_len;
   const char* db_prefix;  // the tag database's path: its files are skipped
   std::size_t db_prefix_len;
+  dev_t dev;  // the volume's file system: others below it are not entered
   bool out_of_memory;
 };
-thread_local volume_walk* t_walk = nullptr;
 
 // Whether the tag database has a row for `rel`.
 bool has_row(sqlite3_stmt* stmt, const char* rel) {
@@ -303,13 +301,14 @@ bool has_row(sqlite3_stmt* stmt, const char* rel) {
   return rc == SQLITE_ROW;
 }
 
-int visit_candidate(const char* path, const struct stat* st, int type, struct FTW*) {
-  volume_walk& walk = *t_walk;
-  if (type != FTW_F && type != FTW_D) return 0;
-  if (strlen(path) <= walk.root_len) return 0;  // the root itself
-  if (strncmp(path, walk.db_prefix, walk.db_prefix_len) == 0) return 0;
+walk_answer visit_candidate(void* user, const char* path, const struct stat& st) {
+  volume_walk& walk = *static_cast<volume_walk*>(user);
+  if (S_ISDIR(st.st_mode) && st.st_dev != walk.dev) return walk_skip;
+  const walk_answer next = S_ISDIR(st.st_mode) ? walk_enter : walk_skip;
+  if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return walk_skip;
+  if (strncmp(path, walk.db_prefix, walk.db_prefix_len) == 0) return next;
   fingerprint fp;
-  if (!fingerprint_of(*st, &fp)) return 0;
+  if (!fingerprint_of(st, &fp)) return next;
   lost_batch& batch = *walk.batch;
   // The first lost row with this fingerprint (the batch is sorted).
   std::size_t lo = 0, hi = batch.size();
@@ -321,9 +320,9 @@ int visit_candidate(const char* path, const struct stat* st, int type, struct FT
       hi = mid;
     }
   }
-  if (lo == batch.size() || compare_fingerprints(batch[lo].fp, fp) != 0) return 0;
+  if (lo == batch.size() || compare_fingerprints(batch[lo].fp, fp) != 0) return next;
   // A file that carries tags of its own is itself, not where another went.
-  if (has_row(walk.has_row, path + walk.root_len + 1)) return 0;
+  if (has_row(walk.has_row, path + walk.root_len + 1)) return next;
   for (std::size_t i = lo; i < batch.size() && compare_fingerprints(batch[i].fp, fp) == 0;
        ++i) {
     lost_row& row = batch[i];
@@ -336,7 +335,7 @@ int visit_candidate(const char* path, const struct stat* st, int type, struct FT
       if (row.named_to == nullptr) walk.out_of_memory = true;
     }
   }
-  return 0;
+  return next;
 }
 
 int compare_targets(const void* a, const void* b) {
@@ -418,12 +417,12 @@ int volume_repair::check_row(const char* rel) {
 
 int volume_repair::match_and_apply() {
   lost_.sort();
-  volume_walk walk{&lost_, has_row_.get(), strlen(root_), tag_db_, strlen(tag_db_), false};
-  volume_walk* outer = t_walk;
-  t_walk = &walk;
-  const int walked = nftw(root_, visit_candidate, 16, FTW_PHYS | FTW_MOUNT);
-  t_walk = outer;
-  if (walked != 0) return errno != 0 ? errno : EIO;
+  struct stat root;
+  if (stat(root_, &root) != 0) return errno;
+  volume_walk walk{&lost_, has_row_.get(), strlen(root_), tag_db_, strlen(tag_db_), root.st_dev,
+                   false};
+  const int walked = walk_below(root_, visit_candidate, nullptr, &walk);
+  if (walked != 0) return walked;
   if (walk.out_of_memory) return ENOMEM;
 
   // Two rows that chose the same file are both left alone.

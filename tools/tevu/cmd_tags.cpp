@@ -58,96 +58,32 @@ int compare_names(const void* a, const void* b) {
   return strcmp(*static_cast<const char* const*>(a), *static_cast<const char* const*>(b));
 }
 
-// One directory of a walk: its stream, its entries' names in name order
-// and the next one to visit.
-struct WalkDir {
-  tevul::dir_ptr dir;
-  text arena;
-  array<const char*> names;
-  std::size_t next = 0;
-  std::size_t base = 0;  // the length of the directory's own path
-};
-
-// Opens the directory `fd` (at `path`, taking the descriptor over) for the
-// walk, its names read and sorted; null when it cannot be read (reported).
-tevul::object_ptr<WalkDir> open_walk_dir(int fd, const text& path, Walk* walk) {
-  tevul::object_ptr<WalkDir> d = tevul::make_object<WalkDir>();
-  if (d) d->dir.reset(fdopendir(fd));
-  if (!d || !d->dir) {
-    const int error = d ? errno : ENOMEM;
-    close(fd);
-    reportf({path.c_str()}, "cannot read the directory: %s", errno_reason(error));
-    ++walk->failures;
-    return nullptr;
-  }
-  array<std::size_t> offsets;
-  while (const dirent* entry = readdir(d->dir.get())) {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    offsets.push(d->arena.size());
-    d->arena.append(entry->d_name).push('\0');
-  }
-  for (std::size_t i = 0; i < offsets.size(); ++i) d->names.push(d->arena.c_str() + offsets[i]);
-  d->names.sort(compare_names);
-  d->base = path.size();
-  return d;
-}
-
-// Visits the entries of the directory `fd` (at `path`), each directory's in
-// name order, parents before what they hold, through descriptors, so that a
-// tree deeper than a path can name is walked all the same, and without
-// recursion, so that its depth costs heap (a directory's names while it is
-// open), never stack. Symbolic links are left out (a link would tag its
-// target, which may lie anywhere). Takes the descriptor over.
-void walk_dir(int fd, text& path, Walk* walk) {
-  array<WalkDir*> open_dirs;
-  tevul::object_ptr<WalkDir> first = open_walk_dir(fd, path, walk);
-  if (!first || !open_dirs.push(first.get())) return;
-  first.release();
-  while (!open_dirs.empty()) {
-    WalkDir* d = open_dirs[open_dirs.size() - 1];
-    if (d->next == d->names.size()) {
-      path.truncate(d->base);
-      open_dirs.truncate(open_dirs.size() - 1);
-      tevul::object_ptr<WalkDir> done(d);
-      continue;
-    }
-    const char* name = d->names[d->next++];
-    path.truncate(d->base);
-    if (d->base > 1) path.push('/');
-    path.append(name);
-    struct stat st;
-    if (fstatat(dirfd(d->dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-        S_ISLNK(st.st_mode)) {
-      continue;
-    }
-    walk->visit(walk->user, path.c_str());
-    if (!S_ISDIR(st.st_mode)) continue;
-    const int child = openat(dirfd(d->dir.get()), name,
-                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (child < 0) {
-      reportf({path.c_str()}, "cannot read the directory: %s", errno_reason(errno));
-      ++walk->failures;
-      continue;
-    }
-    tevul::object_ptr<WalkDir> sub = open_walk_dir(child, path, walk);
-    if (sub && open_dirs.push(sub.get())) sub.release();
-  }
-}
-
-// Visits `root` and, when it is a directory, everything below it.
+// Visits `root` and, when it is a directory, everything below it, each
+// directory's entries in name order, parents before what they hold, through
+// descriptors (a tree deeper than a path can name is walked all the same)
+// and without recursion. Symbolic links are left out (a link would tag its
+// target, which may lie anywhere).
 void walk_tree(const char* root, Walk* walk) {
-  text path;
-  path.append(root);
   walk->visit(walk->user, root);
   struct stat st;
   if (stat(root, &st) != 0 || !S_ISDIR(st.st_mode)) return;
-  const int fd = open(root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) {
-    reportf({root}, "cannot read the directory: %s", errno_reason(errno));
+  const int rc = tevul::walk_below(
+      root,
+      [](void* user, const char* path, const struct stat& entry) {
+        if (S_ISLNK(entry.st_mode)) return tevul::walk_skip;
+        Walk* w = static_cast<Walk*>(user);
+        w->visit(w->user, path);
+        return tevul::walk_enter;
+      },
+      [](void* user, const char* path, int error) {
+        reportf({path}, "cannot read the directory: %s", errno_reason(error));
+        ++static_cast<Walk*>(user)->failures;
+      },
+      walk);
+  if (rc != 0) {
+    reportf({root}, "cannot read the directory: %s", errno_reason(rc));
     ++walk->failures;
-    return;
   }
-  walk_dir(fd, path, walk);
 }
 
 // The state of one `set`.
