@@ -271,6 +271,27 @@ int own_lock_aware_busy_handler(void* db, int /*count*/) {
   return 1;
 }
 
+// The columns that would hide Meta's row id, and a read that needs one.
+constexpr char kRowidColumnsSql[] =
+    "SELECT count(*) FROM pragma_table_info('Meta')"
+    " WHERE lower(name) IN ('rowid','oid','_rowid_')";
+constexpr char kReadsRowidSql[] = "SELECT rowid FROM Meta LIMIT 0";
+
+int meta_rowid_plain(sqlite3* db) {
+  stmt_ptr count;
+  int rc = prepare(db, kRowidColumnsSql, sizeof kRowidColumnsSql, count);
+  if (rc != SQLITE_OK) return rc;
+  rc = metadb_step(count.get());
+  if (rc != SQLITE_ROW) return rc;
+  if (sqlite3_column_int(count.get(), 0) != 0) return SQLITE_IOERR;
+  count.reset();
+  // A WITHOUT ROWID table has none to read.
+  stmt_ptr reads;
+  rc = prepare(db, kReadsRowidSql, sizeof kReadsRowidSql, reads);
+  if (rc == SQLITE_ERROR) return SQLITE_IOERR;
+  return rc;
+}
+
 int prepare(sqlite3* db, const char* sql, int bytes, stmt_ptr& slot) {
   sqlite3_stmt* stmt = nullptr;
   const int rc = metadb_prepare(db, sql, bytes, &stmt);

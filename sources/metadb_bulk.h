@@ -268,6 +268,22 @@ inline int prepare_once(sqlite3* db, const char* sql, int bytes,
   return slot ? SQLITE_OK : prepare(db, sql, bytes, slot);
 }
 
+// SQLITE_OK when the table Meta of `db` has a row id that nothing else can
+// be taken for: a table with a row id (not WITHOUT ROWID) and no column
+// named "rowid", "oid" or "_rowid_" (in any case), which would hide it.
+// SQLITE_IOERR (EIO through every errno table) for a table crafted so,
+// whose rows a walk or an update by row id could not tell apart; otherwise
+// the code of the failed read.
+int meta_rowid_plain(sqlite3* db);
+
+// prepare_once() for a statement that names rows by row id: the first time
+// only after meta_rowid_plain() said yes (its code otherwise).
+inline int prepare_rowid_once(sqlite3* db, const char* sql, int bytes, stmt_ptr& slot) {
+  if (slot) return SQLITE_OK;
+  const int rc = meta_rowid_plain(db);
+  return rc != SQLITE_OK ? rc : prepare(db, sql, bytes, slot);
+}
+
 // Runs the prepared statement `stmt` to its end exactly as
 // metadb_exec_query() runs the statement of its text, with the same callback
 // rules and lock retries, and the same results. The statement is left as its

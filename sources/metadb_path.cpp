@@ -223,8 +223,8 @@ int row_for(metadb_tagdb* tagdb, const char* path, sqlite3_int64* rowid) {
   // Looked up again after an insert: the insert's own row id is not to be
   // trusted ("INSERT OR IGNORE" reports none for a row that exists).
   for (int attempt = 0; attempt < 2; ++attempt) {
-    int rc = tevul::prepare_once(db, kSelectRowidSql, sizeof kSelectRowidSql,
-                                 tagdb->stmt_select_rowid);
+    int rc = tevul::prepare_rowid_once(db, kSelectRowidSql, sizeof kSelectRowidSql,
+                                       tagdb->stmt_select_rowid);
     if (rc != SQLITE_OK) return rc;
     sqlite3_stmt* select = tagdb->stmt_select_rowid.get();
     sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);

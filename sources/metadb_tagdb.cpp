@@ -178,8 +178,12 @@ extern "C" int metadb_tagdb_settag(metadb_tagdb* tagdb, const char* path,
   if (!tevul::tag_sql_safe(tag)) return tevul::metadb_failed();
   sqlite3* db = tagdb->db.get();
 
-  tevul::prepare_once(db, kSelectRowid, sizeof kSelectRowid,
-                      tagdb->stmt_select_rowid);  // a failure shows in the step
+  // A lookup that cannot be prepared fails as the row's insert would; a
+  // table whose rows a row id cannot name gets no row and no update.
+  if (tevul::prepare_rowid_once(db, kSelectRowid, sizeof kSelectRowid,
+                                tagdb->stmt_select_rowid) != SQLITE_OK) {
+    return 1;
+  }
   sqlite3_stmt* select = tagdb->stmt_select_rowid.get();
   sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
   int64_t rowid = 0;

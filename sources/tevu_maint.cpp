@@ -86,6 +86,10 @@ bool strictly_below(const char* inner, const char* outer) {
   return strncmp(inner, outer, n) == 0 && inner[n] == '/';
 }
 
+// The errno of an SQLite result code of the checked operations (EBADF for
+// a file that is no database, as the queries say it).
+int move_errno(int code) { return tevul::sqlite_errno(code); }
+
 // One volume's database as the checked move writes it, with its own
 // statements' results checked.
 class writer {
@@ -93,13 +97,26 @@ class writer {
   explicit writer(const tevu_volume& volume)
       : tagdb_(metadb_tagdb_open(volume.db_path)) {}
   bool open() const { return tagdb_ != nullptr; }
+  // 0 for an open database whose table's row id nothing else can be taken
+  // for, read before anything is copied to or from it; else the errno.
+  int check() const {
+    if (!tagdb_) return EIO;
+    const int rc = tevul::meta_rowid_plain(tagdb_->db.get());
+    return rc == SQLITE_OK ? 0 : move_errno(rc);
+  }
   metadb_tagdb* get() const { return tagdb_.get(); }
 
   // Runs BEGIN IMMEDIATE, COMMIT or ROLLBACK; returns the SQLite code.
   int exec(const char* sql) {
     return metadb_exec_query(tagdb_->db.get(), sql, nullptr, nullptr);
   }
-  int begin() { return exec("BEGIN IMMEDIATE"); }
+  // Begins, then refuses a table whose row id could be taken for another
+  // column (every function that reads or writes by row id refuses it).
+  int begin() {
+    int rc = exec("BEGIN IMMEDIATE");
+    if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(tagdb_->db.get());
+    return rc == SQLITE_OK ? rc : abandon(rc);
+  }
   // Commits and tells whether the COMMIT reached the database; a refused
   // COMMIT is rolled back, so that nothing stays pending.
   int commit() {
@@ -119,9 +136,6 @@ class writer {
   tevul::tagdb_ptr tagdb_;
 };
 
-// The errno of an SQLite result code of the checked operations (EBADF for
-// a file that is no database, as the queries say it).
-int move_errno(int code) { return tevul::sqlite_errno(code); }
 
 // The code a failed statement left on `tagdb`'s connection; SQLITE_ERROR
 // when it left none (a text that did not fit its buffer never ran).
@@ -200,7 +214,7 @@ int move_checked(const char* src, const char* dst) {
   // The daemon is woken once for each database changed.
   const tevul::trigger_fd wake(event_trigger_init(mount));
   writer source(source_volume);
-  if (!source.open()) return EIO;
+  if (const int rc = source.check()) return rc;
 
   tevu_volume dest_volume;
   if (tevu_locate_volume(&dest_volume, to) != 1) {
@@ -219,7 +233,7 @@ int move_checked(const char* src, const char* dst) {
     return move_within(source, old_rel, new_rel, wake);
   }
   writer dest(dest_volume);
-  if (!dest.open()) return EIO;
+  if (const int rc = dest.check()) return rc;
   return move_across(source, old_rel, dest, new_rel, wake);
 }
 
@@ -262,7 +276,7 @@ int delete_path_checked(const char* path) {
   if (tevu_locate_volume(&volume, plain) != 1) return ENOENT;
   const tevul::trigger_fd wake(event_trigger_init(mount));
   writer db(volume);
-  if (!db.open()) return EIO;
+  if (const int rc = db.check()) return rc;
   const char* rel = tevul::volume_relative(&volume, plain);
   if (rel[0] != '\0') return delete_checked(db, rel, wake);
   // The volume root: every row of the volume.
@@ -366,6 +380,7 @@ int retag_everywhere(const char* from, const char* to, bool merge,
         // here, not as a volume without the tag.
         int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
                                                nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(db->db.get());
         if (rc == SQLITE_OK) rc = count_carriers(db.get(), from, nullptr, &rows);
         if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
         if (rc != SQLITE_OK) error = move_errno(rc);
@@ -427,7 +442,7 @@ int tevul::move_many_within(const char* const* from, const char* const* to,
   if (tevu_locate_volume(&volume, first) != 1) return ENOENT;
   const tevul::trigger_fd wake(event_trigger_init(mount));
   writer db(volume);
-  if (!db.open()) return EIO;
+  if (const int rc = db.check()) return rc;
   int rc = db.begin();
   if (rc != SQLITE_OK) return move_errno(rc);
   unsigned long rows = 0;

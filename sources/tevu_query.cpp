@@ -34,16 +34,6 @@ struct failure_record {
 };
 __thread failure_record t_failures;
 
-// True when `name` reads the row id of Meta, not a column of that name.
-bool reads_rowid(sqlite3* db, const char* name) {
-  const char* type = nullptr;
-  int primary_key = 0;
-  return sqlite3_table_column_metadata(db, nullptr, "Meta", name, &type,
-                                       nullptr, nullptr, &primary_key,
-                                       nullptr) == SQLITE_OK &&
-         primary_key != 0 && type != nullptr && strcasecmp(type, "INTEGER") == 0;
-}
-
 }  // namespace
 
 namespace tevul {
@@ -98,13 +88,11 @@ int open_query_db(const char* file, query_db* out) {
                                                  nullptr, nullptr, nullptr,
                                                  nullptr, nullptr);
   if (meta != SQLITE_OK) return query_errno(raw, meta);
-  static const char* const kRowidNames[] = {"rowid", "oid", "_rowid_"};
-  for (const char* name : kRowidNames) {
-    if (reads_rowid(raw, name)) {
-      out->rowid = name;
-      break;
-    }
-  }
+  // Walks go by row id: a table that could hide it is refused, not walked
+  // (a crafted column "rowid" would repeat or skip rows).
+  const int plain = meta_rowid_plain(raw);
+  if (plain != SQLITE_OK) return query_errno(raw, plain);
+  out->rowid = "rowid";
   return 0;
 }
 

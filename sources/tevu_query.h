@@ -32,6 +32,10 @@ namespace tevul {
 
 // Rows per batch: the most rows held in memory at once.
 constexpr int kQueryBatch = 256;
+// Bytes per batch: a batch ends after the row that takes its rows' text
+// (paths, names and values) to this size, however few rows it holds, so
+// that a call holds at most this much of any database's rows, and one row.
+constexpr std::size_t kBatchBytes = 1024 * 1024;
 
 // ---------------------------------------------------------------------------
 // What the calling thread's last query could not read.
@@ -77,6 +81,8 @@ class row_batch {
  public:
   bool ok() const { return arena_.ok() && !failed_; }
   std::size_t rows() const { return rows_.size(); }
+  // The bytes of text the batch holds.
+  std::size_t bytes() const { return arena_.size(); }
   void clear();
 
   // Copies the row `stmt` stands on, from column `first` on, with `prefix`
@@ -110,7 +116,8 @@ class row_batch {
 };
 
 // Runs `stmt` (row id first, in row id order, at most kQueryBatch rows after
-// the row id bound at `after_param`) batch after batch. `copy(stmt)` takes
+// the row id bound at `after_param`) batch after batch, a batch also ending
+// at kBatchBytes. `copy(stmt)` takes
 // each row out (0, or an errno); once the statement is reset, so that no
 // lock is held while the caller's code runs, `deliver(stop)` hands the
 // batch on and sets *stop to stop the walk. Returns 0 or an errno.
@@ -121,6 +128,7 @@ int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
   sqlite3_int64 after = INT64_MIN;
   for (;;) {
     int rows = 0;
+    std::size_t bytes = 0;
     sqlite3_bind_int64(stmt, after_param, after);
     int rc;
     while ((rc = metadb_step(stmt)) == SQLITE_ROW) {
@@ -130,11 +138,16 @@ int in_batches(sqlite3_stmt* stmt, int after_param, Copy copy, Deliver deliver,
         sqlite3_reset(stmt);
         return failed;
       }
+      for (int i = sqlite3_column_count(stmt) - 1; i >= 0; --i) {
+        bytes += static_cast<std::size_t>(sqlite3_column_bytes(stmt, i));
+      }
+      if (bytes >= kBatchBytes) break;
     }
+    const bool full = rc == SQLITE_ROW;  // cut by its bytes: more may follow
     sqlite3_reset(stmt);
-    if (rc != SQLITE_DONE) return query_errno(db, rc);
+    if (!full && rc != SQLITE_DONE) return query_errno(db, rc);
     if (const int failed = deliver(stop)) return failed;
-    if (*stop != 0 || rows < kQueryBatch) return 0;
+    if (*stop != 0 || (!full && rows < kQueryBatch)) return 0;
   }
 }
 

@@ -114,12 +114,13 @@ void read_row(tevu_reader* reader, const char* canonical, batch_file* file) {
 }
 
 // Reads the files `paths[first]` to `paths[first + n - 1]` (n at most
-// kQueryBatch) and hands them to `cb`. Their paths are made canonical
+// kQueryBatch; fewer when their rows reach kBatchBytes: *done tells how
+// many) and hands them to `cb`. Their paths are made canonical
 // first, so that no lock is held while the disk is asked; then, when there
 // are several, each volume's rows are read in one read transaction, which
 // ends before `cb` runs.
 int read_batch(tevu_reader* reader, const char* const* paths, std::size_t first,
-               std::size_t n, tevu_reader_cb cb, void* user) {
+               std::size_t n, std::size_t* done, tevu_reader_cb cb, void* user) {
   tevul::text canonicals;
   batch_file files[tevul::kQueryBatch];
   char canonical[tevul::kPathSize];
@@ -151,7 +152,12 @@ int read_batch(tevu_reader* reader, const char* const* paths, std::size_t first,
       sqlite3_exec(f.volume->db.db.get(), "BEGIN", nullptr, nullptr, nullptr);
     }
     read_row(reader, canonicals.c_str() + f.canonical, &f);
+    if (reader->row.bytes() >= tevul::kBatchBytes) {
+      n = i + 1;
+      break;
+    }
   }
+  *done = n;
   for (std::size_t v = 0; v < begun.size(); ++v) {
     // Only read: ending it cannot fail but for a misuse, and releases the
     // lock either way.
@@ -178,10 +184,10 @@ int reader_files(tevu_reader* reader, const char* const* paths, std::size_t coun
                  tevu_reader_cb cb, void* user) {
   tevul::forget_failures();
   if (reader == nullptr || (paths == nullptr && count > 0) || cb == nullptr) return ENOENT;
-  for (std::size_t first = 0; first < count; first += tevul::kQueryBatch) {
+  for (std::size_t first = 0, done = 0; first < count; first += done) {
     const std::size_t n =
         count - first < tevul::kQueryBatch ? count - first : tevul::kQueryBatch;
-    if (const int rc = read_batch(reader, paths, first, n, cb, user)) return rc;
+    if (const int rc = read_batch(reader, paths, first, n, &done, cb, user)) return rc;
   }
   return 0;
 }

@@ -130,11 +130,15 @@ TEST_F(FsUtil, RmdirRemovesTreesDeeperThanAPath) {
 // The daemon's stat templates set mode, owner and times, nothing else.
 TEST(StatTemplates, FillOnlyTheirFields) {
   fsutil_setdeftime(1700000000);
-  // struct stat is the 64-bit record here (glibc with 64-bit offsets, musl).
+  // The record with 64-bit offsets: glibc's struct stat64, musl's only one.
+#if defined(__GLIBC__)
+  struct stat64 st;
+#else
   struct stat st;
+#endif
   auto* record = reinterpret_cast<struct stat64*>(&st);
   std::memset(&st, 0x5a, sizeof st);
-  const struct stat before = st;
+  const auto before = st;
   fsutil_stat_setdir(record, 0, 1);
   EXPECT_EQ(st.st_mode, 040775u);
   EXPECT_TRUE(st.st_nlink == before.st_nlink && st.st_size == before.st_size) << "the caller's";

@@ -301,7 +301,11 @@ TEST_F(SmallStack, EveryFunctionRunsOnAHalfOfMuslsDefaultThreadStack) {
     event_trigger(fd);
     event_trigger_fini(fd);
     fsutil_setdeftime(1);
+#if defined(__GLIBC__)
+    struct stat64 st;
+#else
     struct stat st;
+#endif
     fsutil_stat_setreg(reinterpret_cast<struct stat64*>(&st), 1, 1);
     fsutil_stat_setdir(reinterpret_cast<struct stat64*>(&st), 1, 1);
     fsutil_stat_setsymlink(reinterpret_cast<struct stat64*>(&st), 1, 1);
