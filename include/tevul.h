@@ -57,6 +57,14 @@
  * says); the lookup by value finds nothing (ENOENT); the tag-file, view and
  * read-only query functions and tevu_move_checked() return ENOMEM; the
  * limits and runtime files count as unreadable (a limit of 0).
+ *
+ * Memory does not grow with the data: the walks, the searches, the
+ * conditions and the reader hold at most 256 rows and 256 KiB of row text
+ * at a time (and one row beyond, however wide), plus SQLite's page cache of
+ * 512 KiB per volume connection; tree walks hold one directory's names per
+ * level. Measured with the tool: an export of 100 MB of rows of 1,997 tags
+ * of 170 bytes peaks at 6.5 MB resident, 2.7 MB above its start-up, and
+ * one of 100,000 one-tag rows at 0.4 MB above it (glibc, x86-64).
  */
 #ifndef TEVUL_H
 #define TEVUL_H

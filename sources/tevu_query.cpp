@@ -83,6 +83,9 @@ int open_query_db(const char* file, query_db* out) {
   if (rc != SQLITE_OK) return sqlite_errno(rc);
   sqlite3_busy_handler(raw, own_lock_aware_busy_handler, raw);
   sqlite3_exec(raw, "PRAGMA query_only=1", nullptr, nullptr, nullptr);
+  // Walks read the table once in row order: a page cache of 512 KiB (not
+  // SQLite's 2 MB) serves them as well, and keeps a router's memory.
+  sqlite3_exec(raw, "PRAGMA cache_size=-512", nullptr, nullptr, nullptr);
   // Reads the schema, rolling a hot journal back first.
   const int meta = sqlite3_table_column_metadata(raw, nullptr, "Meta", nullptr,
                                                  nullptr, nullptr, nullptr,
