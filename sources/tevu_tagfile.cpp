@@ -8,7 +8,7 @@
 // The family's results: 0, ENOENT (no mount, a missing argument), EINVAL (a
 // name that would leave its tag directory, or a tag directory that a planted
 // link leads outside the mount), ENAMETOOLONG, or the errno of the failing
-// system call. tag_file_path() decides all but the last for every function
+// system call. open_tag_dir() decides all but the last for every function
 // of the family.
 #include "tevul.h"
 
@@ -52,18 +52,18 @@ int glob_quote(char* out, std::size_t size, const char* text) {
 }
 
 // The common start of the tag-file functions: the mount, the arguments, the
-// canonical path, the tag file path in `tag_file` (tevul::kPathSize bytes).
-// The file's tag directory is resolved first and must lie inside the mount:
-// the tag file path is built on the resolved directory, so that a link
-// planted in the daemon's tree never leads a read, write or removal outside
-// it. With `pattern`, the directory's part of the path is quoted so that
-// only `tag` acts as a glob pattern. Returns 0, ENOENT (no mount, a missing
-// argument), EINVAL (a name that would leave the file's tag directory, the
-// root directory, whose tag directory is the meta directory itself, or a
-// tag directory outside the mount), ENAMETOOLONG (a tag file path that would
-// be cut) or the errno of realpath().
-int tag_file_path(const char* path, const char* tag, char* tag_file,
-                  bool pattern) {
+// canonical path, and the file's tag directory opened into *dir, its path in
+// `dir_path` (tevul::kPathSize bytes). The tag directory is opened beneath
+// the mount, every component from the descriptor of the one before and
+// every link resolved by the library (tevul::open_dir_beneath()): a link
+// planted in the daemon's tree, or swapped in while the call runs, never
+// leads a read, write or removal outside the mount, and the tag file
+// itself is then reached from that descriptor. Returns 0, ENOENT (no mount,
+// a missing argument), EINVAL (a name that would leave the file's tag
+// directory, the root directory, whose tag directory is the meta directory
+// itself, or a tag directory outside the mount), ENAMETOOLONG, or the errno
+// of realpath() or of the directory's open.
+int open_tag_dir(const char* path, const char* tag, tevul::unique_fd* dir, char* dir_path) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
   if (tevul::is_empty(path) || tevul::is_empty(tag)) return ENOENT;
@@ -71,32 +71,22 @@ int tag_file_path(const char* path, const char* tag, char* tag_file,
   char canonical[tevul::kPathSize];
   if (realpath(path, canonical) == nullptr) return errno;
   if (std::strcmp(canonical, "/") == 0) return EINVAL;
-  char dir[tevul::kPathSize];
-  if (!tevul::format_whole(dir, sizeof dir, "%s/meta/%s", mount, canonical + 1)) {
+  char rel[tevul::kPathSize];
+  if (!tevul::format_whole(rel, sizeof rel, "meta/%s", canonical + 1)) return ENAMETOOLONG;
+  const int rc = tevul::open_dir_beneath(-1, mount, rel, false, 0, dir, dir_path);
+  // A tag name beside the directory's path must fit the daemon's buffer.
+  if (rc == 0 && std::strlen(dir_path) + 1 + std::strlen(tag) >= tevul::kPathSize) {
     return ENAMETOOLONG;
   }
-  char resolved[tevul::kPathSize];
-  if (const int rc = tevul::resolve_below(dir, mount, resolved)) return rc;
-  const std::size_t dir_len = std::strlen(resolved);
-  if (dir_len + 1 >= tevul::kPathSize) return ENAMETOOLONG;
-  resolved[dir_len] = '/';
-  resolved[dir_len + 1] = '\0';
-  const int len = pattern ? glob_quote(tag_file, tevul::kPathSize, resolved)
-                          : std::snprintf(tag_file, tevul::kPathSize, "%s", resolved);
-  if (len < 0 ||
-      static_cast<std::size_t>(len) + std::strlen(tag) >= tevul::kPathSize) {
-    return ENAMETOOLONG;
-  }
-  std::memcpy(tag_file + len, tag, std::strlen(tag) + 1);
-  return 0;
+  return rc == ELOOP ? EINVAL : rc;
 }
 
-// Opens the tag file `tag_file` as a stream in `mode` ("r", or "w": created
-// or truncated), never through a link at its place. Returns none with
-// errno set when it cannot.
-tevul::file_ptr open_tag_file(const char* tag_file, const char* mode) {
+// Opens the tag file `tag` of the directory `dir` as a stream in `mode`
+// ("r", or "w": created or truncated), never through a link at its place.
+// Returns none with errno set when it cannot.
+tevul::file_ptr open_tag_file(int dir, const char* tag, const char* mode) {
   const int flags = mode[0] == 'w' ? O_WRONLY | O_CREAT | O_TRUNC : O_RDONLY;
-  tevul::unique_fd fd(open(tag_file, flags | O_NOFOLLOW | O_CLOEXEC, 0666));
+  tevul::unique_fd fd(openat(dir, tag, flags | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) return nullptr;
   tevul::file_ptr file(fdopen(fd.get(), mode));
   if (file) fd.release();
@@ -114,9 +104,10 @@ bool is_dot_entry(const char* match) {
 }  // namespace
 
 extern "C" int tevu_settag(const char* path, const char* tag, const char* value) {
-  char tag_file[tevul::kPathSize];
-  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
-  tevul::file_ptr file = open_tag_file(tag_file, "w");
+  tevul::unique_fd dir;
+  char dir_path[tevul::kPathSize];
+  if (const int rc = open_tag_dir(path, tag, &dir, dir_path)) return rc;
+  tevul::file_ptr file = open_tag_file(dir.get(), tag, "w");
   if (!file) return errno;
   // What the daemon does with the value is its business: a value it refuses
   // on write or close still counts as written here.
@@ -127,10 +118,11 @@ extern "C" int tevu_settag(const char* path, const char* tag, const char* value)
 extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
                            size_t size) {
   if (buf == nullptr) return ENOENT;
-  char tag_file[tevul::kPathSize];
-  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
+  tevul::unique_fd dir;
+  char dir_path[tevul::kPathSize];
+  if (const int rc = open_tag_dir(path, tag, &dir, dir_path)) return rc;
   if (size == 0) return 0;  // room for nothing, not even the terminator
-  tevul::file_ptr file = open_tag_file(tag_file, "r");
+  tevul::file_ptr file = open_tag_file(dir.get(), tag, "r");
   if (!file) return errno;
   memset(buf, 0, size);
   // A shorter value leaves zeros behind it; a longer one is cut.
@@ -140,16 +132,25 @@ extern "C" int tevu_gettag(const char* path, const char* tag, char* buf,
 }
 
 extern "C" int tevu_deltag(const char* path, const char* tag) {
-  char tag_file[tevul::kPathSize];
-  if (const int rc = tag_file_path(path, tag, tag_file, false)) return rc;
-  return unlink(tag_file) == 0 ? 0 : errno;
+  tevul::unique_fd dir;
+  char dir_path[tevul::kPathSize];
+  if (const int rc = open_tag_dir(path, tag, &dir, dir_path)) return rc;
+  return unlinkat(dir.get(), tag, 0) == 0 ? 0 : errno;
 }
 
 extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
+  tevul::unique_fd dir;
+  char dir_path[tevul::kPathSize];
+  if (const int rc = open_tag_dir(path, pattern, &dir, dir_path)) return rc;
+  // Only the pattern matches by pattern: the directory's path is quoted.
   char tag_file[tevul::kPathSize];
-  if (const int rc = tag_file_path(path, pattern, tag_file, true)) return rc;
+  const int len = glob_quote(tag_file, sizeof tag_file - 1, dir_path);
+  if (len < 0 || static_cast<std::size_t>(len) + 1 + std::strlen(pattern) >= sizeof tag_file) {
+    return ENAMETOOLONG;
+  }
+  tag_file[len] = '/';
+  std::memcpy(tag_file + len + 1, pattern, std::strlen(pattern) + 1);
   glob_t matches;
-  // Only the pattern matches by pattern: the file's own path was quoted.
   const int rc = glob(tag_file, GLOB_NOSORT, nullptr, &matches);
   tevul::glob_ptr release(&matches);
   // glob's own code is never returned: with no match the result is errno as
@@ -157,7 +158,12 @@ extern "C" int tevu_deltag_glob(const char* path, const char* pattern) {
   if (rc != 0) return errno;
   for (size_t i = 0; i < matches.gl_pathc; ++i) {
     if (is_dot_entry(matches.gl_pathv[i])) continue;
-    if (unlink(matches.gl_pathv[i]) != 0) return errno;
+    // The names glob() listed are removed from the directory opened above,
+    // whatever the path leads to by now.
+    const char* name = std::strrchr(matches.gl_pathv[i], '/');
+    if (unlinkat(dir.get(), name != nullptr ? name + 1 : matches.gl_pathv[i], 0) != 0) {
+      return errno;
+    }
   }
   return 0;
 }

@@ -8,8 +8,8 @@
 // The family's results: 0, kBadArgument (-1) for a bad name or text, or for
 // a view whose configuration a planted link would put outside
 // <mount>/view/.config, ENOENT without a mount, ENAMETOOLONG, or the errno
-// of the failing system call. config_path() and inside_config() decide all
-// but the last for every function of the family.
+// of the failing system call. open_config() decides all but the last for
+// every function of the family.
 #include "tevul.h"
 
 #include <errno.h>
@@ -19,15 +19,14 @@
 
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "common.h"
+#include "fsutil.h"
 #include "tevu_volume.h"
 
 namespace {
 
-constexpr char kConfigBase[] = "%s/view/.config";
-constexpr char kConfigDir[] = "%s/view/.config/%s";
-constexpr char kConfigFile[] = "%s/view/.config/%s/%s";
 constexpr char kContentsDir[] = "%s/view/%s";
 
 // Bad arguments are -1 here, unlike the tag-file functions' 2: views have
@@ -52,81 +51,57 @@ bool valid_name(const char* name) {
   }
 }
 
-// Formats the view's configuration directory, or the file `file` in it,
-// into `out` of tevul::kPathSize bytes. Returns 0, kBadArgument for a name
-// that is not valid_name(), ENOENT without a mount, or ENAMETOOLONG when the
-// path would be cut (a cut name could end in a ".." it did not have).
 // Refuses: -1, with errno EINVAL.
 int refuse() {
   errno = EINVAL;
   return kBadArgument;
 }
 
-int config_path(const char* name, const char* file, char* out) {
-  if (!valid_name(name)) return refuse();
+// Opens <mount>/view/.config/`rel` (`rel` empty: the base itself) into
+// *dir, the base opened beneath the mount and `rel` beneath the base, each
+// component from the descriptor of the one before and every link resolved
+// by the library (tevul::open_dir_beneath()): a link planted in the tree,
+// or swapped in while the call runs, never puts a view's configuration
+// elsewhere. With `make`, missing directories are made (mode 0: it never
+// exceeds the existing bits, so no permission change follows). Returns 0,
+// kBadArgument (errno EINVAL) for a path that a link leads out of the
+// configuration tree, ENOENT without a mount, ENAMETOOLONG, or the errno
+// of the open or mkdirat.
+int open_config(const char* rel, bool make, tevul::unique_fd* dir) {
   const char* mount = tevu_find_mount();
   if (mount == nullptr) return ENOENT;
-  const bool whole =
-      file != nullptr
-          ? tevul::format_whole(out, tevul::kPathSize, kConfigFile, mount, name, file)
-          : tevul::format_whole(out, tevul::kPathSize, kConfigDir, mount, name);
-  return whole ? 0 : ENAMETOOLONG;
-}
-
-// Whether the configuration directory `dir` of a view, as far as it exists,
-// lies inside <mount>/view/.config, itself inside the mount: the deepest
-// existing one of `dir` and its parents, every link followed, must be the
-// base or below it. Returns 0, kBadArgument when a link leads elsewhere, or
-// the errno of a path that cannot be resolved.
-int inside_config(const char* dir) {
-  const char* mount = tevu_find_mount();
-  char base[tevul::kPathSize];
+  tevul::unique_fd base;
+  char base_path[tevul::kPathSize];
   char resolved[tevul::kPathSize];
-  if (!tevul::format_whole(base, sizeof base, kConfigBase, mount)) return ENAMETOOLONG;
-  if (const int rc = tevul::resolve_below(base, mount, resolved)) {
-    return rc == EINVAL ? refuse() : rc;
+  int rc = tevul::open_dir_beneath(-1, mount, "view/.config", make, 0, &base, base_path);
+  if (rc == 0) {
+    if (rel[0] == '\0') {
+      *dir = std::move(base);
+      return 0;
+    }
+    rc = tevul::open_dir_beneath(base.get(), base_path, rel, make, 0, dir, resolved);
   }
-  char real_base[tevul::kPathSize];
-  std::memcpy(real_base, resolved, sizeof real_base);
-  char existing[tevul::kPathSize];
-  std::memcpy(existing, dir, tevul::kPathSize);
-  for (;;) {
-    struct stat st;
-    if (lstat(existing, &st) == 0) break;
-    // A file where a directory of the path should be: the path does not
-    // exist, and making it fails later as any directory that cannot be made.
-    if (errno != ENOENT && errno != ENOTDIR) return errno;
-    char* slash = std::strrchr(existing, '/');
-    if (slash == nullptr || slash == existing) return ENOENT;
-    *slash = '\0';
-  }
-  if (realpath(existing, resolved) == nullptr) return errno;
-  const std::size_t n = std::strlen(real_base);
-  const bool inside = std::strncmp(resolved, real_base, n) == 0 &&
-                      (resolved[n] == '\0' || resolved[n] == '/');
-  return inside ? 0 : refuse();
+  return rc == EINVAL || rc == ELOOP ? refuse() : rc;
 }
 
-// The view's configuration directory in `out`, checked to lie inside
-// <mount>/view/.config. Returns 0 or the family's result.
-int checked_config_dir(const char* name, char* out) {
-  if (const int rc = config_path(name, nullptr, out)) return rc;
-  return inside_config(out);
+// Opens the view's configuration directory (made with `make`). Returns 0,
+// kBadArgument for a name that is not valid_name() or a directory outside
+// the configuration tree, or as open_config().
+int open_config_dir(const char* name, bool make, tevul::unique_fd* dir) {
+  if (!valid_name(name)) return refuse();
+  if (std::strlen(name) >= tevul::kPathSize - sizeof "/view/.config/") return ENAMETOOLONG;
+  return open_config(name, make, dir);
 }
 
-// Replaces `file` of the view with `text`. The file is never written
-// through a link at its place. Returns 0, kBadArgument for a link there or a
-// directory outside the configuration tree, or the errno of the failing
-// open or write.
+// Replaces `file` of the view with `text`, reached from the descriptor of
+// the view's directory and never written through a link at its place.
+// Returns 0, kBadArgument for a link there or a directory outside the
+// configuration tree, or the errno of the failing open or write.
 int write_config(const char* name, const char* file, const char* text) {
-  char dir[tevul::kPathSize];
-  char path[tevul::kPathSize];
-  if (const int rc = checked_config_dir(name, dir)) return rc;
-  if (const int rc = config_path(name, file, path)) return rc;
-  struct stat st;
-  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) return refuse();
+  tevul::unique_fd dir;
+  if (const int rc = open_config_dir(name, false, &dir)) return rc;
   tevul::unique_fd fd(
-      open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
+      openat(dir.get(), file, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) return errno == ELOOP ? refuse() : errno;
   tevul::file_ptr out(fdopen(fd.get(), "w"));
   if (!out) return errno;
@@ -149,50 +124,48 @@ int set_events(const char* name, const char* on_off) {
 }  // namespace
 
 extern "C" int tevu_view_create(const char* name) {
-  char path[tevul::kPathSize];
-  if (const int rc = config_path(name, nullptr, path)) return rc;
-  // Where nothing of the configuration tree exists yet, nothing can lead
-  // outside it.
-  if (const int rc = inside_config(path)) {
-    if (rc != ENOENT) return rc;
-  }
-  // Mode 0 is deliberate: it never exceeds the existing bits, so no
-  // permission change follows.
-  const int rc = fsutil_mkdir(path, 0, 1);
-  if (rc == -1) {
-    // The result is fsutil_mkdir()'s; errno says why when a file stands
-    // where a directory of the path must be.
-    const int saved = errno;
-    struct stat st;
-    if (stat(path, &st) == 0 || errno != ENOTDIR) errno = saved;
-  }
-  return rc;
+  tevul::unique_fd dir;
+  const int rc = open_config_dir(name, true, &dir);
+  if (rc == 0 || rc == kBadArgument || rc == ENAMETOOLONG) return rc;
+  if (tevu_find_mount() == nullptr) return ENOENT;
+  // A directory that could not be made: -1 with errno, as mkdir() says it
+  // (ENOTDIR when a file stands where a directory of the path must be).
+  errno = rc;
+  return -1;
 }
 
 extern "C" char* tevu_view_get_path(const char* name, char* buf, size_t size) {
   if (buf == nullptr) return nullptr;
-  char config[tevul::kPathSize];
-  if (checked_config_dir(name, config) != 0 || !fsutil_isdir(config)) {
-    return nullptr;
-  }
+  tevul::unique_fd dir;
+  if (open_config_dir(name, false, &dir) != 0) return nullptr;
   tevul::format_cut(buf, size, kContentsDir, tevu_find_mount(), name);
   return buf;
 }
 
 extern "C" int tevu_view_delete(const char* name) {
-  char path[tevul::kPathSize];
-  if (const int rc = config_path(name, nullptr, path)) return rc;
-  // A link at the view's place goes as a link; its target stays.
-  struct stat st;
-  if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
-    char parent[tevul::kPathSize];
-    std::memcpy(parent, path, sizeof parent);
-    *std::strrchr(parent, '/') = '\0';
-    if (const int rc = inside_config(parent)) return rc;
-    return unlink(path) == 0 ? 0 : errno;
+  if (!valid_name(name)) return refuse();
+  if (tevu_find_mount() == nullptr) return ENOENT;
+  if (std::strlen(name) >= tevul::kPathSize - sizeof "/view/.config/") return ENAMETOOLONG;
+  // The view's parent directory is opened; the view itself is removed from
+  // it: a link at the view's place goes as a link, its target stays.
+  char parent[tevul::kPathSize];
+  std::memcpy(parent, name, std::strlen(name) + 1);
+  char* slash = std::strrchr(parent, '/');
+  const char* last = name;
+  if (slash != nullptr) {
+    *slash = '\0';
+    last = name + (slash - parent) + 1;
+  } else {
+    parent[0] = '\0';
   }
-  if (const int rc = inside_config(path)) return rc == ENOENT ? ENOENT : rc;
-  return fsutil_rmdir(path, 1);
+  tevul::unique_fd dir;
+  if (const int rc = open_config(parent, false, &dir)) return rc;
+  struct stat st;
+  if (fstatat(dir.get(), last, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  if (S_ISLNK(st.st_mode)) return unlinkat(dir.get(), last, 0) == 0 ? 0 : errno;
+  const int rc = tevul::empty_tree_at(dir.get(), last);
+  if (rc != 0) return rc;
+  return unlinkat(dir.get(), last, AT_REMOVEDIR);
 }
 
 extern "C" int tevu_view_set_cond(const char* name, const char* cond) {

@@ -280,3 +280,100 @@ int tevul::resolve_below(const char* path, const char* base, char* resolved) {
                                   resolved[n] == '/' && resolved[n + 1] != '\0';
   return below ? 0 : EINVAL;
 }
+
+int tevul::open_dir_beneath(int base_fd, const char* base, const char* rel,
+                            bool make_missing, unsigned mode, unique_fd* dir,
+                            char* resolved) {
+  constexpr int kMaxLinks = 40;
+  const std::size_t base_len = strlen(base);
+  array<int> fds;  // the directories walked, base first; each owned here
+  text path;      // their path
+  text todo;      // what is left to walk
+  struct closer {
+    array<int>* fds;
+    ~closer() {
+      for (std::size_t i = 0; i < fds->size(); ++i) close((*fds)[i]);
+    }
+  } close_all{&fds};
+  const int top = base_fd >= 0 ? fcntl(base_fd, F_DUPFD_CLOEXEC, 0)
+                               : open(base, O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (top < 0) return errno;
+  if (!fds.push(top)) {
+    close(top);
+    return ENOMEM;
+  }
+  path.append(base);
+  todo.append(rel);
+  int links = 0;
+  std::size_t at = 0;
+  while (at < todo.size()) {
+    if (!path.ok() || !todo.ok()) return ENOMEM;
+    const char* rest = todo.c_str() + at;
+    const char* slash = strchr(rest, '/');
+    const std::size_t len = slash != nullptr ? static_cast<std::size_t>(slash - rest) : strlen(rest);
+    at += len + (slash != nullptr ? 1 : 0);
+    char name[NAME_MAX + 1];
+    if (len > NAME_MAX) return ENAMETOOLONG;
+    memcpy(name, rest, len);
+    name[len] = '\0';
+    if (len == 0 || strcmp(name, ".") == 0) continue;
+    if (strcmp(name, "..") == 0) {
+      if (fds.size() == 1) return EINVAL;  // above `base`
+      close(fds[fds.size() - 1]);
+      fds.truncate(fds.size() - 1);
+      path.truncate(static_cast<std::size_t>(strrchr(path.c_str(), '/') - path.c_str()));
+      continue;
+    }
+    const int here = fds[fds.size() - 1];
+    int fd = openat(here, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT && make_missing) {
+      if (mkdirat(here, name, mode) != 0 && errno != EEXIST) return errno;
+      fd = openat(here, name, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    }
+    if (fd < 0) return errno;
+    unique_fd entry(fd);
+    struct stat st;
+    if (fstat(fd, &st) != 0) return errno;
+    if (S_ISLNK(st.st_mode)) {
+      if (++links > kMaxLinks) return ELOOP;
+      char target[PATH_MAX];
+      const ssize_t n = readlinkat(fd, "", target, sizeof target - 1);
+      if (n < 0) return errno;
+      target[n] = '\0';
+      // The link's target, then what was left after it.
+      text next;
+      const char* inner = target;
+      if (target[0] == '/') {
+        // Absolute: only a place below `base`, walked again from it.
+        if (strncmp(target, base, base_len) != 0 ||
+            (target[base_len] != '/' && target[base_len] != '\0')) {
+          return EINVAL;
+        }
+        inner = target + base_len;
+        while (fds.size() > 1) {
+          close(fds[fds.size() - 1]);
+          fds.truncate(fds.size() - 1);
+        }
+        path.truncate(base_len);
+      }
+      next.append(inner).push('/').append(todo.c_str() + at);
+      if (!next.ok()) return ENOMEM;
+      todo.clear();
+      todo.append(next.c_str());
+      at = 0;
+      continue;
+    }
+    if (!S_ISDIR(st.st_mode)) return ENOTDIR;
+    if (!fds.push(fd)) return ENOMEM;
+    entry.release();
+    path.push('/').append(name);
+  }
+  if (!path.ok()) return ENOMEM;
+  if (path.size() >= kPathSize) return ENAMETOOLONG;
+  memcpy(resolved, path.c_str(), path.size() + 1);
+  // The last directory, opened for reading (listing and *at() calls alike).
+  const int last = openat(fds[fds.size() - 1], ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (last < 0) return errno;
+  dir->reset(last);
+  return 0;
+}

@@ -120,6 +120,24 @@ bool root_matches(const char* root, const char* path);
 // mount that leads outside it), otherwise realpath()'s errno.
 int resolve_below(const char* path, const char* base, char* resolved);
 
+// Opens the directory `rel` (a relative path) beneath the directory `base`
+// into *dir, and its path (`base`, then the components walked, links
+// resolved) into `resolved` (kPathSize bytes), resolving and using in one
+// step: every component is opened from the descriptor of the directory
+// reached so far, never following a link (O_NOFOLLOW); a link met on the
+// way is read and resolved here, its ".." within the walk's own stack of
+// descriptors, and an absolute one only when it names a place below
+// `base`. Whatever is swapped for a link at any moment, nothing outside
+// `base` is reached. With `make_missing`, a missing directory is made
+// (mkdirat(), mode `mode`) before it is entered. Returns 0; EINVAL when the
+// path or a link leads out of `base`; ELOOP after 40 links; ENAMETOOLONG;
+// ENOMEM; otherwise the errno of the failing open or mkdirat (ENOENT,
+// ENOTDIR, ...).
+// `base_fd`, when not -1, is `base` already open (its descriptor is used,
+// not the path).
+int open_dir_beneath(int base_fd, const char* base, const char* rel, bool make_missing,
+                     unsigned mode, unique_fd* dir, char* resolved);
+
 }  // namespace tevul
 
 #endif  // TEVUL_TEVU_VOLUME_H

@@ -1,9 +1,14 @@
 // Single tags as files through the real FUSE mount.
 #include <errno.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <string>
 
 #include "test_support.h"
@@ -131,6 +136,73 @@ TEST_F(TagFiles, GlobPatternIsOnlyTheTagName) {
   EXPECT_EQ(rc, errno) << "no match: errno as it stands, not glob's code";
   char buf[8];
   EXPECT_EQ(tevu_gettag("/mnt/photos/[a].jpg", "rating", buf, sizeof buf), ENOENT);
+}
+
+// Directories of the daemon's tree swapped for links to a victim directory,
+// and back, as fast as the kernel allows (renameat2 RENAME_EXCHANGE), while
+// the tag-file and view functions run: whenever the swap falls, between a
+// check and a use or during a walk, nothing outside the mount is read,
+// written or removed. The tag file system is listed at its backing
+// directory here, so that every name is resolved by the kernel from the
+// library's descriptors: a FUSE server that resolves names by path in a
+// store of its own (mergerfs does) answers for races inside that store.
+TEST_F(TagFiles, DirectoriesSwappedForLinksDuringACallLeadNowhere) {
+  ASSERT_EQ(Sandbox::replace_mtab("tevu " + std::string(Sandbox::kBacking) +
+                                  " fuse.tevu rw 0 0\n"),
+            "");
+  ASSERT_STREQ(tevu_mount_point(), Sandbox::kBacking);
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/rating", "secret"));
+  ASSERT_TRUE(tevul_test::write_file("/tmp/victim/cond.ini", "secret"));
+  ASSERT_TRUE(tevul_test::make_dirs("/tmp/victim/v/w"));
+  const std::string config = std::string(Sandbox::kBacking) + "/view/.config";
+  ASSERT_TRUE(tevul_test::make_dirs(config + "/v/w"));
+  const std::string before = tevul_test::tree_snapshot("/tmp/victim");
+  // Each swapped place gets a link beside it to trade places with.
+  const std::vector<std::string> places = {tag_dir(), config + "/v"};
+  for (const std::string& place : places) {
+    ASSERT_EQ(symlink("/tmp/victim", (place + ".swap").c_str()), 0);
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<long> swaps{0};
+  std::thread swapper([&] {
+    while (!stop) {
+      for (const std::string& place : places) {
+        if (syscall(SYS_renameat2, AT_FDCWD, place.c_str(), AT_FDCWD, (place + ".swap").c_str(),
+                    2 /* RENAME_EXCHANGE */) == 0) {
+          ++swaps;
+        }
+      }
+    }
+  });
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  long calls = 0;
+  while (std::chrono::steady_clock::now() < until) {
+    char buf[16];
+    tevu_settag("/mnt/photos/a.jpg", "rating", "owned");
+    tevu_gettag("/mnt/photos/a.jpg", "rating", buf, sizeof buf);
+    tevu_deltag("/mnt/photos/a.jpg", "rating");
+    tevu_settag("/mnt/photos/a.jpg", "rating", "owned");
+    tevu_deltag_glob("/mnt/photos/a.jpg", "*");
+    tevu_view_set_cond("v", "owned");
+    tevu_view_set_group("v/w", "owned");
+    tevu_view_enable_events("v");
+    tevu_view_delete("v/w");
+    tevu_view_create("v/w");
+    ++calls;
+  }
+  stop = true;
+  swapper.join();
+  // Both places back as they were, then nothing of the victim changed.
+  for (const std::string& place : places) {
+    struct stat st;
+    if (lstat(place.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+      syscall(SYS_renameat2, AT_FDCWD, place.c_str(), AT_FDCWD, (place + ".swap").c_str(), 2);
+    }
+  }
+  EXPECT_GT(swaps.load(), 100);
+  EXPECT_GT(calls, 10);
+  EXPECT_EQ(tevul_test::tree_snapshot("/tmp/victim"), before)
+      << calls << " rounds of calls, " << swaps.load() << " swaps";
 }
 
 }  // namespace
