@@ -804,12 +804,14 @@ TEVUL_API int tevu_tagged_below(const char *path, tevu_row_cb cb, void *user);
  * thread at a time.
  * What it holds: between calls, an open connection to the database of
  * every volume it has met, and where each volume's root and database were
- * found. So a disk whose database lies on it cannot be unmounted while a
- * reader that met it is open (umount says EBUSY), and a volume whose links
- * were removed, or whose disk and database were replaced, is answered from
- * what the reader found first. Close a reader when a volume may go or
- * change (a long-lived application: when the mount table changes, or after
- * each batch of work), and open a new one.
+ * found. Each call first looks again at the volumes met (the meta
+ * directory's links, and the database file's identity): a volume whose
+ * links were removed, whose database link changed, or whose disk or
+ * database was replaced is forgotten, its connection closed, and its
+ * files looked up afresh. A disk whose database lies on it cannot be
+ * unmounted while a reader that met it is open (umount says EBUSY): close
+ * a reader when a disk may be unplugged (a long-lived application: when
+ * the mount table changes, or after each batch of work).
  */
 typedef struct tevu_reader tevu_reader;
 

@@ -13,6 +13,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "common.h"
 #include "tevu_query.h"
@@ -27,6 +28,8 @@ struct reader_volume {
   tevul::query_db db;
   tevul::stmt_ptr row;  // "SELECT * FROM Meta WHERE Path=?"
   int path = -1;        // the index of its column "Path"
+  dev_t dev = 0;        // the database file when it was opened
+  ino_t ino = 0;
 };
 
 }  // namespace
@@ -78,6 +81,11 @@ int volume_of(tevu_reader* reader, const char* canonical, reader_volume** out) {
     if (prepared != SQLITE_OK) rc = tevul::query_errno(volume->db.db.get(), prepared);
   }
   if (rc != 0) return tevul::note_volume_failure(rc, volume->location.prefix);
+  struct stat st;
+  if (stat(volume->location.db_path, &st) == 0) {
+    volume->dev = st.st_dev;
+    volume->ino = st.st_ino;
+  }
   volume->path = tevul::path_column(volume->row.get());
   if (!reader->volumes.push(volume.get())) return ENOMEM;
   *out = volume.release();
@@ -180,10 +188,44 @@ int read_batch(tevu_reader* reader, const char* const* paths, std::size_t first,
   return 0;
 }
 
+// True when the volume is still where and what it was when the reader met
+// it: the meta directory still names it, with the same database link, and
+// that file is still the one opened (not a disk swapped under the volume,
+// nor a database replaced).
+bool unchanged(const reader_volume& volume) {
+  char root[tevul::kPathSize];
+  const std::size_t n = strlen(volume.location.prefix);
+  if (n < 2) return false;
+  memcpy(root, volume.location.prefix, n - 1);
+  root[n - 1] = '\0';
+  tevu_volume now;
+  struct stat st;
+  return tevu_locate_volume(&now, root) == 1 &&
+         strcmp(now.db_path, volume.location.db_path) == 0 &&
+         stat(volume.location.db_path, &st) == 0 && st.st_dev == volume.dev &&
+         st.st_ino == volume.ino;
+}
+
+// Closes the connections of the volumes that changed since the reader met
+// them; their files are looked up afresh.
+void forget_changed_volumes(tevu_reader* reader) {
+  std::size_t kept = 0;
+  for (std::size_t i = 0; i < reader->volumes.size(); ++i) {
+    reader_volume* volume = reader->volumes[i];
+    if (unchanged(*volume)) {
+      reader->volumes[kept++] = volume;
+    } else {
+      tevul::object_deleter<reader_volume>()(volume);
+    }
+  }
+  reader->volumes.truncate(kept);
+}
+
 int reader_files(tevu_reader* reader, const char* const* paths, std::size_t count,
                  tevu_reader_cb cb, void* user) {
   tevul::forget_failures();
   if (reader == nullptr || (paths == nullptr && count > 0) || cb == nullptr) return ENOENT;
+  forget_changed_volumes(reader);
   for (std::size_t first = 0, done = 0; first < count; first += done) {
     const std::size_t n =
         count - first < tevul::kQueryBatch ? count - first : tevul::kQueryBatch;

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,24 @@ TEST_F(Reader, ReadsManyFilesOnEveryVolume) {
   EXPECT_EQ(tevu_query_failure(0, volume, sizeof volume), 0);
   tevu_reader_close(reader);
   tevu_reader_close(nullptr);
+}
+
+// A reader kept open notices a volume that changed under it: a database
+// replaced (another disk mounted at the volume, a restored backup) is read
+// afresh, and a volume whose links went is no volume any more.
+TEST_F(Reader, AVolumeThatChangedIsLookedUpAfresh) {
+  tag_file("/mnt/a.jpg", {{"kind", "photo"}});
+  tevu_reader* reader = tevu_reader_open();
+  ASSERT_NE(reader, nullptr);
+  EXPECT_EQ(tags(reader, "/mnt/a.jpg"), "kind=photo\n");
+  const std::string db = Sandbox::db_path("mnt");
+  ASSERT_TRUE(tevul_test::write_file("/mnt/.other.db", tevul_test::read_file(db)));
+  RawDb("/mnt/.other.db").exec("UPDATE Meta SET \".kind\"='replaced'");
+  ASSERT_EQ(rename("/mnt/.other.db", db.c_str()), 0);
+  EXPECT_EQ(tags(reader, "/mnt/a.jpg"), "kind=replaced\n");
+  ASSERT_EQ(unlink((Sandbox::meta_backing() + "/mnt@@db").c_str()), 0);
+  EXPECT_EQ(tags(reader, "/mnt/a.jpg"), "!" + std::to_string(ENOENT));
+  tevu_reader_close(reader);
 }
 
 // A volume the reader met serves only the paths below its root's "/": the
