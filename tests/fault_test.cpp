@@ -2,7 +2,9 @@
 // that point nowhere, a mount table that lies, a full disk. Each gives a
 // clear result and changes nothing else.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,12 +68,20 @@ TEST_F(Faults, DaemonFilesThatAreNotSmallRegularFilesCountAsAbsent) {
   EXPECT_EQ(tevu_getmaxnamelen(), 64) << "exactly 64 KiB is read";
   ASSERT_TRUE(write_file(limits, head + std::string(64 * 1024 - head.size(), 'p') + "\n"));
   EXPECT_EQ(tevu_getmaxnamelen(), 0) << "one byte more is not";
-  for (const char* what : {"directory", "link loop", "FIFO"}) {
+  int writer = -1;  // a live writer on the FIFO, with a line waiting
+  for (const char* what : {"directory", "link loop", "FIFO", "FIFO with a writer", "/dev/null"}) {
     SCOPED_TRACE(what);
     ASSERT_TRUE(unlink(limits.c_str()) == 0 || rmdir(limits.c_str()) == 0);
-    ASSERT_EQ(what[0] == 'd'   ? mkdir(limits.c_str(), 0755)
-              : what[0] == 'l' ? symlink("limits.txt", limits.c_str())
-                               : mkfifo(limits.c_str(), 0644), 0);
+    const std::string kind = what;
+    ASSERT_EQ(kind == "directory"   ? mkdir(limits.c_str(), 0755)
+              : kind == "link loop" ? symlink("limits.txt", limits.c_str())
+              : kind == "/dev/null" ? symlink("/dev/null", limits.c_str())
+                                    : mkfifo(limits.c_str(), 0644), 0);
+    if (kind == "FIFO with a writer") {
+      writer = open(limits.c_str(), O_RDWR | O_NONBLOCK);
+      ASSERT_GE(writer, 0);
+      ASSERT_EQ(write(writer, head.data(), head.size()), static_cast<ssize_t>(head.size()));
+    }
     EXPECT_EQ(tevu_getmaxvaluelen(), 0);
     Bulk bulk(tevu_bulk_init());
     ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
@@ -79,10 +89,43 @@ TEST_F(Faults, DaemonFilesThatAreNotSmallRegularFilesCountAsAbsent) {
     EXPECT_EQ(tevu_bulk_settag_recursive(bulk.get(), "k", "v"), -ENAMETOOLONG);
   }
   EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT count(*) FROM Meta"), "0");
+  close(writer);
 
   ASSERT_EQ(mkfifo("/tmp/.tevu/tevu.ini", 0644), 0);
+  writer = open("/tmp/.tevu/tevu.ini", O_RDWR | O_NONBLOCK);
+  ASSERT_EQ(write(writer, "[x]\n", 4), 4);
   Bulk bulk(tevu_bulk_init());
   EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/tmp"), -1) << "on no volume";
+  close(writer);
+  alarm(0);
+}
+
+// A volume's database link that leads to no regular file (the null device,
+// a FIFO with a live writer) is never opened: no call blocks, none creates
+// a database in its place, and every one says the volume has none.
+TEST_F(Faults, DatabaseLinksToNoRegularFileAreNotOpened) {
+  alarm(30);
+  ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
+  const std::string link = Sandbox::meta_backing() + "/mnt@@db";
+  ASSERT_EQ(mkfifo("/tmp/fifo.db", 0644), 0);
+  const int writer = open("/tmp/fifo.db", O_RDWR | O_NONBLOCK);
+  ASSERT_GE(writer, 0);
+  ASSERT_EQ(write(writer, "SQLite format 3", 15), 15);
+  for (const char* target : {"/dev/null", "/tmp/fifo.db"}) {
+    SCOPED_TRACE(target);
+    ASSERT_EQ(unlink(link.c_str()), 0);
+    ASSERT_EQ(symlink(target, link.c_str()), 0);
+    EXPECT_EQ(metadb_tagdb_open(target), nullptr);
+    Bulk bulk(tevu_bulk_init());
+    EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), -1);
+    EXPECT_EQ(tevu_file_tags("/mnt/a.txt", [](void*, const char*, const char*) { return 0; },
+                             nullptr),
+              ENOENT);
+    EXPECT_EQ(tevu_move_checked("/mnt/a.txt", "/srv/a.txt"), EIO) << "no database to write";
+  }
+  struct stat st;
+  EXPECT_TRUE(stat("/dev/null", &st) == 0 && S_ISCHR(st.st_mode));
+  close(writer);
   alarm(0);
 }
 
@@ -106,6 +149,61 @@ TEST_F(Faults, MountTableEntryWhoseMountPointVanished) {
   EXPECT_EQ(tevu_view_get_path("v", buf, sizeof buf), nullptr);
   EXPECT_FALSE(exists("/tmp/vanished"));
   EXPECT_EQ(RawDb(Sandbox::db_path("mnt")).value("SELECT count(*) FROM Meta"), "0");
+}
+
+// The descriptors the process holds.
+int open_descriptors() {
+  int n = 0;
+  DIR* dir = opendir("/proc/self/fd");
+  while (dir != nullptr && readdir(dir) != nullptr) ++n;
+  if (dir != nullptr) closedir(dir);
+  return n;
+}
+
+// A hundred rounds of every object that holds a descriptor (bulk contexts
+// with their database and FIFO, handles, readers, watchers, the FIFO of
+// the daemon) and of every call that opens files of its own (queries,
+// checked moves, tag files, views, the repair) leave the process holding
+// what it held before: nothing is left open, also by a call that failed.
+TEST_F(Faults, NothingIsLeftOpenAfterAHundredRounds) {
+  ASSERT_TRUE(write_file("/mnt/a.txt", "a"));
+  ASSERT_TRUE(tevul_test::make_dirs(std::string(Sandbox::kBacking) + "/.tagfiles/mnt/a.txt"));
+  // Once, so that what the library keeps for the whole process (the mount
+  // point, SQLite's own state) is there before counting.
+  tevu_tagged_files(nullptr, [](void*, const char*, size_t, const char* const*,
+                                const char* const*) { return 0; }, nullptr);
+  const int before = open_descriptors();
+  for (int round = 0; round < 100; ++round) {
+    Bulk bulk(tevu_bulk_init());
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/a.txt"), 0);
+    ASSERT_EQ(tevu_bulk_settag(bulk.get(), "k", std::to_string(round).c_str()), 0);
+    EXPECT_EQ(tevu_bulk_setpath(bulk.get(), "/tmp"), -1) << "a failed switch";
+    bulk.reset();
+    metadb_tagdb* db = metadb_tagdb_open(Sandbox::db_path("srv").c_str());
+    metadb_tagdb_close(db);
+    tevu_reader* reader = tevu_reader_open();
+    tevu_reader_file_tags(reader, "/mnt/a.txt", [](void*, const char*, const char*) { return 0; },
+                          nullptr);
+    tevu_reader_close(reader);
+    tevu_watch* watch = tevu_watch_open(nullptr, 0, 1000, nullptr, nullptr);
+    ASSERT_NE(watch, nullptr);
+    tevu_watch_close(watch);
+    event_trigger_fini(event_trigger_init(tevu_mount_point()));
+    tevu_file_tags("/mnt/a.txt", [](void*, const char*, const char*) { return 0; }, nullptr);
+    std::size_t at = 0;
+    tevu_find_where("k or not k", nullptr, [](void*, const char*) { return 0; }, nullptr, &at);
+    tevu_tag_names(nullptr, [](void*, const char*, unsigned long) { return 0; }, nullptr);
+    EXPECT_EQ(tevu_move_checked("/mnt/a.txt", "/mnt/a.txt"), 0);
+    EXPECT_EQ(tevu_move_checked("/mnt/missing", "/srv/missing"), 0);
+    char buf[16];
+    tevu_settag("/mnt/a.txt", "t", "v");
+    tevu_gettag("/mnt/a.txt", "t", buf, sizeof buf);
+    tevu_deltag_glob("/mnt/a.txt", "*");
+    tevu_view_set_cond("v/w", "k");
+    tevu_view_delete("v");
+    tevu_repair("/mnt", 1, nullptr, nullptr, nullptr);
+  }
+  EXPECT_EQ(open_descriptors(), before);
 }
 
 }  // namespace

@@ -1162,3 +1162,54 @@ TEST_F(Tool, ExportHoldsAFewMegabytesWhateverTheRows) {
 }
 
 }  // namespace
+
+namespace {
+
+// Decodes one JSON string at `text[*i]` (the opening quote), as RFC 8259
+// reads it; "" on any escape it does not define.
+std::string json_string(const std::string& text, std::size_t* i) {
+  std::string out;
+  for (++*i; *i < text.size() && text[*i] != '"'; ++*i) {
+    if (text[*i] != '\\') {
+      out += text[*i];
+      continue;
+    }
+    const char c = text[++*i];
+    const char* simple = std::strchr("\"\\/bfnrt", c);
+    if (simple != nullptr && c != '\0') {
+      out += "\"\\/\b\f\n\r\t"[simple - "\"\\/bfnrt"];
+    } else if (c == 'u') {
+      out += static_cast<char>(std::stoi(text.substr(*i + 1, 4), nullptr, 16));
+      *i += 4;
+    } else {
+      return "";
+    }
+  }
+  ++*i;
+  return out;
+}
+
+// Every control byte (1 to 31, and DEL) in a path and a value comes out of
+// --json escaped, as valid JSON, and reads back as the same bytes.
+TEST_F(Tool, JsonEscapesEveryControlByte) {
+  std::string controls;
+  for (int c = 1; c < 32; ++c) controls += static_cast<char>(c);
+  controls += '\x7f';
+  const std::string file = "/mnt/ctl" + controls.substr(0, 9) + controls.substr(10);
+  ASSERT_TRUE(write_file(file, "x"));
+  tevul_test::tag_file(file, {{"v", controls}});
+  const Result r = run({"list", "--json", file});
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_FALSE(r.out.empty());
+  const std::string line = r.out.substr(0, r.out.size() - 1);
+  EXPECT_TRUE(valid_json(line)) << line;
+  for (std::size_t k = 0; k < line.size(); ++k) {
+    EXPECT_GE(static_cast<unsigned char>(line[k]), 0x20u) << "raw byte at " << k;
+  }
+  std::size_t i = line.find("\"path\":") + 7;
+  EXPECT_EQ(json_string(line, &i), file);
+  i = line.find("\"v\":") + 4;
+  EXPECT_EQ(json_string(line, &i), controls);
+}
+
+}  // namespace
