@@ -2,11 +2,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 #include <string>
 
 #include "test_support.h"
@@ -124,6 +127,34 @@ TEST_F(FsUtil, RmdirRemovesTreesDeeperThanAPath) {
   pthread_attr_destroy(&attr);
   EXPECT_EQ(run.rc, 0);
   EXPECT_EQ(access(tree.c_str(), F_OK), -1);
+  EXPECT_EQ(tevul_test::read_file(outside / "keep.txt"), "precious");
+}
+
+// A directory of the tree swapped for a link to a victim, and back, while
+// the tree is removed: whenever the swap falls, the victim's files stay.
+TEST_F(FsUtil, RmdirNeverFollowsADirectorySwappedForALink) {
+  TempDir outside;
+  tevul_test::write_file(outside / "keep.txt", "precious");
+  const std::string tree = dir_ / "tree", place = tree + "/sub", link = dir_ / "link";
+  std::atomic<bool> stop{false};
+  std::thread swapper([&] {
+    while (!stop) {
+      syscall(SYS_renameat2, AT_FDCWD, place.c_str(), AT_FDCWD, link.c_str(), 2);
+    }
+  });
+  for (int round = 0; round < 1000; ++round) {
+    struct stat st;
+    if (lstat(link.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+      fsutil_rmdir(link.c_str(), 1);
+      unlink(link.c_str());
+      symlink(outside.path().c_str(), link.c_str());
+    }
+    fsutil_mkdir((place + "/deeper").c_str(), 0755, 1);
+    tevul_test::write_file(place + "/deeper/f", "x");
+    fsutil_rmdir(tree.c_str(), 1);
+  }
+  stop = true;
+  swapper.join();
   EXPECT_EQ(tevul_test::read_file(outside / "keep.txt"), "precious");
 }
 
