@@ -1213,3 +1213,20 @@ TEST_F(Tool, JsonEscapesEveryControlByte) {
 }
 
 }  // namespace
+
+namespace {
+
+// A record longer than 1 MiB (input that is no record list) is skipped and
+// reported, and the records after it are imported: the import never holds
+// more of its input than one record of that size.
+TEST_F(Tool, AnOverlongRecordIsSkippedAndTheRestImported) {
+  const std::string input = "/mnt/photos/a.jpg\tk=" + std::string(2 * 1024 * 1024, 'v') +
+                            "\n/mnt/photos/a.jpg\tk=fits\n";
+  const Result r = run({"import"}, input);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: import: line 1: record longer than 1 MiB, skipped\n"
+                   "tevu: import: 1 file, 1 tag, 1 failure\n");
+  EXPECT_EQ(run({"get", "/mnt/photos/a.jpg", "k"}).out, "fits\n");
+}
+
+}  // namespace

@@ -21,6 +21,35 @@ volatile sig_atomic_t g_interrupted = 0;
 
 void on_interrupt(int) { g_interrupted = 1; }
 
+// The longest record read: a path (4,094 bytes) and the tags of one file
+// fit many times over; a longer one (a file that is no record list, a
+// missing line feed) is skipped and reported, so that no input makes the
+// import hold more than this of it.
+constexpr std::size_t kMaxRecord = 1024 * 1024;
+
+// Reads the next record up to `delimiter` (not kept) into `out`. Returns
+// false at the end of the input. A record longer than kMaxRecord is read to
+// its end but not kept: *too_long is set and `out` is left empty.
+bool read_record(int delimiter, tevul::text* out, bool* too_long) {
+  out->clear();
+  *too_long = false;
+  bool any = false;
+  flockfile(stdin);
+  for (int c; (c = getc_unlocked(stdin)) != EOF;) {
+    any = true;
+    if (c == delimiter) break;
+    if (*too_long) continue;
+    if (out->size() >= kMaxRecord) {
+      *too_long = true;
+      out->clear();
+      continue;
+    }
+    out->push(static_cast<char>(c));
+  }
+  funlockfile(stdin);
+  return any;
+}
+
 // The records left to read on standard input when it is a regular file
 // (read from its current offset without moving it), or 0 when unknown.
 // Comment lines are no records.
@@ -525,27 +554,29 @@ int cmd_import(int argc, char** argv) {
   Progress progress(show, show ? count_records(delimiter) : 0);
   im.progress = &progress;
   unsigned long records = 0;
-  char* buf = nullptr;
-  std::size_t capacity = 0;
-  while (!g_interrupted) {
-    const ssize_t got = getdelim(&buf, &capacity, delimiter, stdin);
-    if (got < 0) break;
+  tevul::text record;
+  bool too_long = false;
+  while (!g_interrupted && read_record(delimiter, &record, &too_long)) {
     ++im.line;
-    std::size_t len = static_cast<std::size_t>(got);
-    if (len > 0 && buf[len - 1] == delimiter) --len;
+    if (too_long || !record.ok()) {
+      ++records;
+      tevul::format_cut(im.where, sizeof im.where, "line %lu", im.line);
+      report({"import", im.where}, too_long ? "record longer than 1 MiB, skipped"
+                                            : errno_reason(ENOMEM));
+      ++im.failures;
+      continue;
+    }
+    char* buf = const_cast<char*>(record.c_str());
+    std::size_t len = record.size();
     // A line of a file written on another system ends in CR LF.
     if (!im.nul && len > 0 && buf[len - 1] == '\r') --len;
     // Blank lines and comments are allowed.
     if (len == 0 || (!im.nul && buf[0] == '#')) continue;
     ++records;
     import_record(&im, buf, len);
-    if (!im.dry_run && !im.ctx) {
-      free(buf);
-      return report_not_mounted();
-    }
+    if (!im.dry_run && !im.ctx) return report_not_mounted();
     progress.update(records, im.files);
   }
-  free(buf);
   const bool read_error = ferror(stdin) != 0 && !g_interrupted;
   im.ctx.reset();  // commits the last file
   progress.clear();
