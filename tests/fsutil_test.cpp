@@ -107,25 +107,9 @@ TEST_F(FsUtil, RmdirRemovesTreesDeeperThanAPath) {
   }
   ASSERT_GE(fd, 0);
   close(fd);
-  struct Run {
-    std::string tree;
-    int rc = -2;
-  } run{tree};
-  pthread_attr_t attr;
-  pthread_attr_init(&attr);
-  pthread_attr_setstacksize(&attr, 128 * 1024);
-  pthread_t thread;
-  ASSERT_EQ(pthread_create(&thread, &attr,
-                           [](void* arg) -> void* {
-                             Run* r = static_cast<Run*>(arg);
-                             r->rc = fsutil_rmdir(r->tree.c_str(), 1);
-                             return nullptr;
-                           },
-                           &run),
-            0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attr);
-  EXPECT_EQ(run.rc, 0);
+  int rc = -2;
+  tevul_test::on_small_stack([&] { rc = fsutil_rmdir(tree.c_str(), 1); });
+  EXPECT_EQ(rc, 0);
   EXPECT_EQ(access(tree.c_str(), F_OK), -1);
   EXPECT_EQ(tevul_test::read_file(outside / "keep.txt"), "precious");
 }

@@ -195,14 +195,8 @@ TEST_F(SmallStack, EveryFunctionRunsOnAHalfOfMuslsDefaultThreadStack) {
           });
 
   // The deepest and the longest condition the language takes.
-  std::string deepest = "tag1";
-  for (const char level : std::string("NOAANOAONOAAO")) {
-    if (level == 'N') deepest = "not (" + deepest + ")";
-    if (level == 'O') deepest = "(" + deepest + " or tag2>=6)";
-    if (level == 'A') deepest = "(" + deepest + " and tag3<2020)";
-  }
-  std::string longest_condition = "tag0";
-  for (int i = 1; i < 128; ++i) longest_condition += i % 2 ? " or tag9>'9'" : " and not tag8=1";
+  const std::string deepest = tevul_test::deepest_condition("tag1", "tag2>=6", "tag3<2020");
+  const std::string longest_condition = tevul_test::longest_condition("tag0", "tag9>'9'", "tag8=1");
   measure("conditions (tevu_find_where, tevu_find_rows_where: 16 levels, 128 terms)", [&] {
     std::size_t at = 0;
     EXPECT_EQ(tevu_find_where(deepest.c_str(), nullptr, ignore_file, nullptr, &at), 0);

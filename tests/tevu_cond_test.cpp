@@ -108,15 +108,8 @@ TEST_F(Conditions, FindWhatTheConditionSays) {
 // KiB); one term or one level more is EINVAL at the term or level too many,
 // never a crash or a volume that seems unreadable.
 TEST_F(Conditions, TheLongestAndDeepestConditionsAreAnswered) {
-  std::string longest = "nosuch";
-  for (int i = 1; i < 128; ++i) longest += i % 2 ? " or rating>'9'" : " and not year=2019";
-  // Sixteen levels: each "not (...)" is two, each "(...)" one.
-  std::string deepest = "kind";
-  for (const char level : std::string("NOAANOAONOAAO")) {
-    if (level == 'N') deepest = "not (" + deepest + ")";
-    if (level == 'O') deepest = "(" + deepest + " or rating>=6)";
-    if (level == 'A') deepest = "(" + deepest + " and year<2020)";
-  }
+  const std::string longest = tevul_test::longest_condition("nosuch", "rating>'9'", "year=2019");
+  const std::string deepest = tevul_test::deepest_condition("kind", "rating>=6", "year<2020");
   struct Run {
     explicit Run(std::string text) : condition(std::move(text)) {}
     std::string condition;
@@ -125,26 +118,15 @@ TEST_F(Conditions, TheLongestAndDeepestConditionsAreAnswered) {
     std::size_t at = 0;
   };
   const auto on_small_stack = [](Run* run) {
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 128 * 1024);
-    pthread_t thread;
-    ASSERT_EQ(pthread_create(&thread, &attr,
-                             [](void* arg) -> void* {
-                               Run* r = static_cast<Run*>(arg);
-                               r->rc = tevu_find_where(
-                                   r->condition.c_str(), nullptr,
-                                   [](void* user, const char* path) {
-                                     static_cast<std::vector<std::string>*>(user)->push_back(path);
-                                     return 0;
-                                   },
-                                   &r->files, &r->at);
-                               return nullptr;
-                             },
-                             run),
-              0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attr);
+    tevul_test::on_small_stack([run] {
+      run->rc = tevu_find_where(
+          run->condition.c_str(), nullptr,
+          [](void* user, const char* path) {
+            static_cast<std::vector<std::string>*>(user)->push_back(path);
+            return 0;
+          },
+          &run->files, &run->at);
+    });
     std::sort(run->files.begin(), run->files.end());
   };
   Run longest_run(longest);

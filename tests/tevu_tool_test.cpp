@@ -1059,14 +1059,8 @@ TEST_F(Tool, HeaviestCommandsRunOn128KiBOfStack) {
     set_wide.push_back("/mnt/wide/" + std::to_string(i));
   }
   set_wide.push_back(longest);
-  std::string deepest = "tag1";
-  for (const char level : std::string("NOAANOAONOAAO")) {
-    if (level == 'N') deepest = "not (" + deepest + ")";
-    if (level == 'O') deepest = "(" + deepest + " or tag2>=6)";
-    if (level == 'A') deepest = "(" + deepest + " and tag3<2020)";
-  }
-  std::string longest_condition = "tag0";
-  for (int i = 1; i < 128; ++i) longest_condition += i % 2 ? " or tag9>'9'" : " and not tag8=1";
+  const std::string deepest = tevul_test::deepest_condition("tag1", "tag2>=6", "tag3<2020");
+  const std::string longest_condition = tevul_test::longest_condition("tag0", "tag9>'9'", "tag8=1");
   // A tree 900 directories deep for the walk of `set -r`.
   std::string chain = "/mnt/chain";
   for (int level = 0; level < 900; ++level) chain += "/d";

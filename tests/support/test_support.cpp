@@ -1,5 +1,7 @@
 #include "test_support.h"
 
+#include <pthread.h>
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -92,6 +94,44 @@ void make_runtime_volume(const std::string& root, const std::string& db) {
   ASSERT_TRUE(make_dirs(link.substr(0, link.rfind('/'))));
   ASSERT_EQ(symlink(db.c_str(), link.c_str()), 0);
   Sandbox::write_ini("x:" + root + ":y\n");
+}
+
+void on_small_stack(const std::function<void()>& work) {
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, 128 * 1024);
+  pthread_t thread;
+  const int rc = pthread_create(
+      &thread, &attr,
+      [](void* arg) -> void* {
+        (*static_cast<const std::function<void()>*>(arg))();
+        return nullptr;
+      },
+      const_cast<std::function<void()>*>(&work));
+  pthread_attr_destroy(&attr);
+  ASSERT_EQ(rc, 0);
+  pthread_join(thread, nullptr);
+}
+
+std::string deepest_condition(const std::string& name, const std::string& or_term,
+                              const std::string& and_term) {
+  // Sixteen levels: each "not (...)" is two, each "(...)" one.
+  std::string condition = name;
+  for (const char level : std::string("NOAANOAONOAAO")) {
+    if (level == 'N') condition = "not (" + condition + ")";
+    if (level == 'O') condition = "(" + condition + " or " + or_term + ")";
+    if (level == 'A') condition = "(" + condition + " and " + and_term + ")";
+  }
+  return condition;
+}
+
+std::string longest_condition(const std::string& first, const std::string& or_term,
+                              const std::string& and_term) {
+  std::string condition = first;
+  for (int i = 1; i < 128; ++i) {
+    condition += i % 2 ? " or " + or_term : " and not " + and_term;
+  }
+  return condition;
 }
 
 }  // namespace tevul_test

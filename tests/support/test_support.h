@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -69,6 +70,17 @@ Rows rows(const std::string& volume, const std::string& sql);
 // Creates `file` (with its directories) unless it exists and sets `tags` on
 // it through a bulk context of its own, committed on return.
 void tag_file(const std::string& file, const Tags& tags);
+
+// Runs `work` on a thread with a router's stack: 128 KiB, musl's default.
+void on_small_stack(const std::function<void()>& work);
+
+// The deepest condition the language takes (16 levels of parentheses and
+// "not") around `name`, with the terms `or_term` and `and_term`.
+std::string deepest_condition(const std::string& name, const std::string& or_term,
+                              const std::string& and_term);
+// The longest (128 terms): `first`, then `or_term` and "not `and_term`" by turns.
+std::string longest_condition(const std::string& first, const std::string& or_term,
+                              const std::string& and_term);
 
 // Makes `root` ("/V/DIR", below the sandbox's volume V) a volume of its own,
 // as the runtime file names one: V's database link is removed, so that the
