@@ -890,12 +890,16 @@ TEVUL_API int tevu_tag_values(const char *name, const char *under,
  *   NAME = VALUE      its value is VALUE (letter case ignored, as the tag
  *                     column compares; the column's index serves it)
  *   NAME != VALUE     it carries NAME with another value
- *   NAME < VALUE      also <=, >, >=: as numbers when VALUE and the stored
- *                     value are both numbers (decimal, optionally signed,
- *                     with a fraction or an exponent; compared exactly, of
- *                     any size: 9223372036854775808 > 9223372036854775807,
- *                     1e309 > 1e308), otherwise as the tag column compares
- *                     text
+ *   NAME < VALUE      also <=, >, >=: as the tag column compares text
+ *
+ * With a number as VALUE (decimal, optionally signed, with a fraction or an
+ * exponent of any size), every operator compares numbers, exactly and of
+ * any size, and only a stored value that is a number matches: "size=100"
+ * finds 100, 1e2 and 100.0; "rating>4" finds 5 and 1e400, never "unrated"
+ * nor an empty value; "rating!=5" finds 4 and 6, never "unrated";
+ * 9223372036854775808 > 9223372036854775807, 1e309 > 1e308. Such a
+ * comparison reads every row of a volume (the column's index orders text).
+ * A quoted number ('5') is a number too; words compare as text.
  *   not C, C and C, C or C, ( C )
  *                     "not" binds tightest, then "and", then "or"; the
  *                     keywords may be written in any letter case

@@ -446,20 +446,19 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   static const char* const kOps[] = {"=", "<>", "<", "<=", ">", ">="};
   const char* op = kOps[n.how];
   const char* value = c.value(n);
+  if (tevul::is_number(value)) {
+    // A number on the query side compares numbers, exactly, with every
+    // operator: a stored word or empty value is no number and never
+    // matches (tevu_cmp() gives NULL for it), and 1e2 equals 100.
+    sql.appendf("tevu_cmp(\"%s\",?%zu)%s0", column, params.size() + 1, op);
+    return params.push(param{value, true});
+  }
   if (n.how == condition::kEq) {
     bool indexed = true;
     for (std::size_t k = 0; k < off.size(); ++k) indexed &= off[k] != i;
     sql.appendf("%s\"%s\"=?%zu", indexed ? "" : "+", column, params.size() + 1);
   } else if (n.how == condition::kNe) {
     sql.appendf("(\"%s\" IS NOT NULL AND \"%s\"<>?%zu)", column, column,
-                params.size() + 1);
-  } else if (tevul::is_number(value)) {
-    // Numbers compare as numbers, exactly, where the stored value is one
-    // too; otherwise as the column compares text.
-    if (!params.push(param{value, true})) return false;
-    sql.appendf("(CASE WHEN tevu_cmp(\"%s\",?%zu) IS NOT NULL THEN tevu_cmp(\"%s\",?%zu)%s0 "
-                "ELSE \"%s\"%s?%zu END)",
-                column, params.size(), column, params.size(), op, column, op,
                 params.size() + 1);
   } else {
     sql.appendf("\"%s\"%s?%zu", column, op, params.size() + 1);

@@ -1086,7 +1086,9 @@ TEST_F(Tool, HeaviestCommandsRunOn128KiBOfStack) {
       ASSERT_EQ(system("cp -a /mnt/wide /srv/wide && rm -r /mnt/wide"), 0);
     }
     const Result r = run(command);
-    EXPECT_EQ(r.status, 0) << command[0] << ": " << r.err.substr(0, 300);
+    // A search may find nothing (4); what counts is that it ends.
+    EXPECT_TRUE(r.status == 0 || (command[0] == "find" && r.status == 4))
+        << command[0] << ": " << r.status << " " << r.err.substr(0, 300);
   }
   g_stack_limit = 0;
   EXPECT_EQ(run({"get", "/srv/wide/7", "tag0"}).out, std::string(150, 'v') + "\n");
@@ -1221,6 +1223,36 @@ TEST_F(Tool, AnOverlongRecordIsSkippedAndTheRestImported) {
   EXPECT_EQ(r.err, "tevu: import: line 1: record longer than 1 MiB, skipped\n"
                    "tevu: import: 1 file, 1 tag, 1 failure\n");
   EXPECT_EQ(run({"get", "/mnt/photos/a.jpg", "k"}).out, "fits\n");
+}
+
+}  // namespace
+
+namespace {
+
+// With a number on the query side every operator compares numbers, and
+// only stored numbers match: a word or an empty value never does, 1e2 is
+// 100, exponents of any size are numbers. With text, text compares.
+TEST_F(Tool, NumericComparisonsMatchOnlyNumbers) {
+  const std::vector<std::pair<std::string, std::string>> values = {
+      {"hundred", "100"}, {"exp", "1e2"}, {"word", "unrated"}, {"empty", ""},
+      {"huge", "1e400"},  {"minus", "-5"}, {"frac", "99.5"}};
+  for (const auto& [file, value] : values) {
+    ASSERT_TRUE(write_file("/mnt/n/" + file, "x"));
+    tevul_test::tag_file("/mnt/n/" + file, {{"n", value}});
+  }
+  const auto found = [&](const std::string& condition) {
+    const Result r = run({"find", condition});
+    std::string names;
+    for (const std::string& line : sorted_lines(r.out)) names += line.substr(7) + " ";
+    return names;
+  };
+  EXPECT_EQ(found("n=100"), "exp hundred ");
+  EXPECT_EQ(found("n>99"), "exp frac huge hundred ");
+  EXPECT_EQ(found("n<0"), "minus ") << "an empty value is no number";
+  EXPECT_EQ(found("n!=100"), "frac huge minus ") << "words and empty values never match";
+  EXPECT_EQ(found("n<=1e2 and n>=99.5"), "exp frac hundred ");
+  EXPECT_EQ(found("n=unrated"), "word ");
+  EXPECT_EQ(found("n>=u"), "word ") << "text compares as text";
 }
 
 }  // namespace
