@@ -926,8 +926,7 @@ TEVUL_API int tevu_find_where(const char *condition, const char *under,
 /*
  * Like tevu_find_where(), but hands `cb` each file that satisfies
  * `condition` with all its tags, as tevu_tagged_files() does: read with the
- * search itself, through one connection per volume. A file whose row holds
- * no tag (as one that satisfies "not NAME" may) comes with a count of 0.
+ * search itself, through one connection per volume.
  */
 TEVUL_API int tevu_find_rows_where(const char *condition, const char *under,
                                    tevu_row_cb cb, void *user,

@@ -477,6 +477,10 @@ bool tevul::condition_sql(const condition& c, sqlite3* db, const char* rowid,
   if (!build(c, c.root(), db, *sql, *params, off)) return false;
   const std::size_t n = params->size();
   if (subtree) sql->appendf(") AND (Path=?%zu OR Path GLOB ?%zu", n + 1, n + 2);
+  // A row that carries no tag (its last one removed: its tag list is empty)
+  // is no file, for "not NAME" as for every other condition; a row whose
+  // list waits to be rebuilt (NULL) is read.
+  sql->append(") AND (Data IS NULL OR Data<>''");
   *after = n + (subtree ? 3 : 1);
   sql->appendf(") AND %s>?%zu ORDER BY %s LIMIT %d", rowid, *after, rowid, kQueryBatch);
   return sql->ok();
@@ -529,7 +533,7 @@ int find_where_in(tevul::query_db& db, const char* root, const condition& c,
                       SQLITE_STATIC);
   }
   if (to.rows != nullptr) {
-    return tevul::rows_in_batches(db, wide, true, stmt.get(), static_cast<int>(after), root,
+    return tevul::rows_in_batches(db, wide, false, stmt.get(), static_cast<int>(after), root,
                                   to.rows, to.user, stop);
   }
   return tevul::paths_in_batches(stmt.get(), static_cast<int>(after), root, to.paths,

@@ -184,10 +184,25 @@ TEST_F(Conditions, BigNumbersAreFoundExactly) {
   EXPECT_EQ(find("n<1e19 and n>=9223372036854775807"), (Files{"/srv/n1", "/srv/n2"}));
 }
 
-// With the rows, each file comes with every tag it carries, and a row that
-// holds no tag (its last tag deleted) still satisfies "not NAME".
+// With the rows, each file comes with every tag it carries; a row that
+// holds no tag (its last tag deleted, or one never set) is no file, not
+// even for "not NAME", as `tevu list` shows none.
 TEST_F(Conditions, RowsComeWithEveryTag) {
-  RawDb(Sandbox::db_path("mnt")).exec("INSERT INTO Meta (Path) VALUES ('bare')");
+  RawDb(Sandbox::db_path("mnt")).exec("INSERT INTO Meta (Path, Data) VALUES ('bare', '')");
+  {
+    tevul_test::Bulk bulk(tevu_bulk_init());
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/c.txt"), 0);
+    ASSERT_EQ(tevu_bulk_settag(bulk.get(), "gone", "1"), 0);
+    ASSERT_EQ(tevu_bulk_commit(bulk.get()), 0);
+  }
+  tag_file("/mnt/emptied", {{"x", "1"}});
+  {
+    tevul_test::Bulk bulk(tevu_bulk_init());
+    ASSERT_EQ(tevu_bulk_setpath(bulk.get(), "/mnt/emptied"), 0);
+    ASSERT_EQ(tevu_bulk_deltag(bulk.get(), "x"), 0);
+  }
+  EXPECT_EQ(find("not year"), (Files{"/mnt/c.txt", "/srv/d.jpg", "/srv/e"}))
+      << "neither the bare row nor the emptied one";
   const auto rows = [](const char* condition, const char* under) {
     std::vector<std::string> out;
     const int rc = tevu_find_rows_where(
@@ -205,8 +220,8 @@ TEST_F(Conditions, RowsComeWithEveryTag) {
     return out;
   };
   EXPECT_EQ(rows("not year or year=2020", nullptr),
-            (Files{"/mnt/b.jpg kind=PHOTO year=2020 rating=10", "/mnt/bare",
-                   "/mnt/c.txt kind=text rating=abc", "/srv/d.jpg kind=photo",
+            (Files{"/mnt/b.jpg kind=PHOTO year=2020 rating=10",
+                   "/mnt/c.txt kind=text rating=abc gone=1", "/srv/d.jpg kind=photo",
                    "/srv/e rating=4.5 my tag=x y"}));
   EXPECT_EQ(rows("rating", "/srv"), (Files{"/srv/e rating=4.5 my tag=x y"}));
   EXPECT_EQ(rows("kind=", nullptr), (Files{"!" + std::to_string(EINVAL)}));

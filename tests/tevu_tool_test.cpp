@@ -1256,3 +1256,18 @@ TEST_F(Tool, NumericComparisonsMatchOnlyNumbers) {
 }
 
 }  // namespace
+
+namespace {
+
+// A file whose last tag was removed is no tagged file: `find 'not NAME'`
+// does not list it, as `list` prints nothing for it.
+TEST_F(Tool, AFileWithoutTagsIsFoundByNoCondition) {
+  ASSERT_TRUE(write_file("/mnt/u", "x"));
+  ASSERT_EQ(run({"set", "-t", "x=1", "/mnt/u"}).status, 0);
+  ASSERT_EQ(run({"del", "-t", "x", "/mnt/u"}).status, 0);
+  EXPECT_EQ(run({"list", "/mnt/u"}).out, "");
+  const Result r = run({"find", "not rating"});
+  EXPECT_EQ(r.out.find("/mnt/u"), std::string::npos) << r.out;
+}
+
+}  // namespace
