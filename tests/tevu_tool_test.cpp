@@ -1271,3 +1271,31 @@ TEST_F(Tool, AFileWithoutTagsIsFoundByNoCondition) {
 }
 
 }  // namespace
+
+namespace {
+
+// find says what is wrong with its directory as tags does, counts 0 as an
+// answer, and refuses options --first does not take.
+TEST_F(Tool, FindSaysWhatIsWrongWithItsQuestion) {
+  ASSERT_TRUE(write_file("/mnt/a", "x"));
+  ASSERT_EQ(run({"set", "-t", "rating=5", "/mnt/a"}).status, 0);
+  Result r = run({"find", "rating", "--under", "/tmp"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /tmp: not on a tagged volume\n");
+  r = run({"find", "rating", "--under", "/mnt/nonexistent"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "tevu: /mnt/nonexistent: no such file\n");
+  r = run({"find", "--count", "nosuch"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.out, "0\n");
+  EXPECT_EQ(r.err, "");
+  r = run({"find", "--count", "rating=5"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "1\n");
+  r = run({"find", "--count", "--first", "rating", "5"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("--first prints one file's tags"), std::string::npos) << r.err;
+  EXPECT_NE(run({"--help"}).out.find("4 not found (get, find, values,"), std::string::npos);
+}
+
+}  // namespace

@@ -6,6 +6,8 @@
 #include <string.h>
 #include <strings.h>
 
+#include <sys/stat.h>
+
 #include "cli.h"
 
 namespace tevu_cli {
@@ -127,6 +129,10 @@ int cmd_find(int argc, char** argv) {
   if (operands < 1 || operands > 2 || (f.first && operands != 2)) {
     return usage_error(argv[0], f.first ? "expected NAME VALUE" : "expected CONDITION");
   }
+  if (f.first && (f.count_only || f.long_form || f.json || f.under != nullptr)) {
+    return usage_error(argv[0], "--first prints one file's tags: no --count, -l, --json "
+                                "or --under with it");
+  }
   text scratch;
   if (operands == 2) {
     if (const char* refusal = name_refusal(argv[optind], &scratch)) {
@@ -138,6 +144,13 @@ int cmd_find(int argc, char** argv) {
     if (const int rc = disk_path(f.under, f.under_path)) {
       if (rc == EINVAL) return usage_error(argv[0], "--under needs a directory");
       report({f.under}, errno_reason(rc));
+      return kExitFailed;
+    }
+    // A directory to search below must be there (disk_path() takes the
+    // paths of deleted files too).
+    struct stat st;
+    if (lstat(f.under_path, &st) != 0) {
+      report({f.under}, errno_reason(errno));
       return kExitFailed;
     }
     f.under = f.under_path;
@@ -162,13 +175,20 @@ int cmd_find(int argc, char** argv) {
              : tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
     if (rc == EINVAL && operands == 1) return malformed(argv[0], argv[optind], at);
   }
-  if (f.count_only && rc == 0) printf("%lu\n", f.count);
+  if (f.count_only && rc == 0) {
+    // The count is the answer, 0 too; the status still tells a script.
+    printf("%lu\n", f.count);
+    return f.count == 0 ? kExitNotFound : kExitOk;
+  }
   if (rc == EINVAL) {
     report({argv[optind]}, "tag name holds a double quote");
     return kExitFailed;
   }
   if (rc != 0) {
-    if (!report_unread_volumes()) {
+    if (rc == ENOENT && f.under != nullptr) {
+      // As `tevu tags DIR` says it.
+      report({f.under}, "not on a tagged volume");
+    } else if (!report_unread_volumes()) {
       reportf({argv[optind]}, "tag database failed: %s", errno_reason(rc));
     }
     return kExitFailed;

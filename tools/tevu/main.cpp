@@ -29,9 +29,9 @@ constexpr char kOverviewEnd[] =
     "'tevu: COMMAND: N files, M tags, K failures'.\n"
     "Exit status: 0 success; 1 a file or tag failed (each failure is reported\n"
     "on standard error as one line 'tevu: FILE: TAG: REASON'); 2 usage error;\n"
-    "3 the tag file system is not mounted; 4 not found (get, find, rename,\n"
-    "del --all, deleted; repair: rows left whose file was not found);\n"
-    "130 interrupted (import).\n";
+    "3 the tag file system is not mounted; 4 not found (get, find, values,\n"
+    "rename, del --all, deleted; repair: rows left whose file was not\n"
+    "found); 130 interrupted (import).\n";
 
 constexpr char kSetHelp[] =
     "Usage: tevu set [-r [-n [-0]]] [-m] [--strip-backslashes]\n"
@@ -123,7 +123,7 @@ constexpr char kFindHelp[] =
     "                  NAME=VALUE fields (the form 'tevu import' reads)\n"
     "  --json          one JSON object per file: {\"path\":...} (with -l also\n"
     "                  \"tags\":{...})\n"
-    "  --count         print only the number of files\n"
+    "  --count         print only the number of files (0 too: exit status 4)\n"
     "  --under DIR     only DIR and the files below it\n"
     "  --first         print all tags of the first file found, one 'NAME=VALUE'\n"
     "                  per line (the lookup the tag file system's views use)\n"
