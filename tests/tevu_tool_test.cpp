@@ -1299,3 +1299,24 @@ TEST_F(Tool, FindSaysWhatIsWrongWithItsQuestion) {
 }
 
 }  // namespace
+
+namespace {
+
+// import --json takes numbers as their JSON text, as programs that write
+// JSON write them, and refuses an array with the reason.
+TEST_F(Tool, ImportJsonTakesNumbersAndRefusesArrays) {
+  ASSERT_TRUE(write_file("/mnt/a", "x"));
+  Result r = run({"import", "--json"},
+                 "{\"path\":\"/mnt/a\",\"tags\":{\"stars\":5,\"size\":1e2,\"neg\":-0.5}}\n"
+                 "{\"path\":\"/mnt/a\",\"tags\":{\"who\":[\"ann\",\"bo\"]}}\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("line 2: /mnt/a: an array at character 32: a tag takes one value (a string or a "
+                       "number)"),
+            std::string::npos)
+      << r.err;
+  EXPECT_EQ(run({"list", "/mnt/a"}).out, "stars=5\nsize=1e2\nneg=-0.5\n");
+  r = run({"import", "--json"}, "{\"path\":\"/mnt/a\",\"tags\":{\"n\":01}}\n");
+  EXPECT_EQ(r.status, 1) << "a leading zero is no JSON number";
+}
+
+}  // namespace

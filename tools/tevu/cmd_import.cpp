@@ -306,6 +306,35 @@ class JsonReader {
     ++at_;
     return true;
   }
+  // Reads a number into `out` as its JSON text stands ("stars":5 stores
+  // "5", 1e2 stores "1e2"): RFC 8259's grammar, nothing else.
+  bool number(text* out) {
+    blank();
+    const char* start = at_;
+    if (at_ < end_ && *at_ == '-') ++at_;
+    if (at_ < end_ && *at_ == '0') {
+      ++at_;
+    } else if (!digits()) {
+      at_ = start;
+      return false;
+    }
+    if (at_ < end_ && *at_ == '.') {
+      ++at_;
+      if (!digits()) return false;
+    }
+    if (at_ < end_ && (*at_ == 'e' || *at_ == 'E')) {
+      ++at_;
+      if (at_ < end_ && (*at_ == '+' || *at_ == '-')) ++at_;
+      if (!digits()) return false;
+    }
+    out->append(start, static_cast<std::size_t>(at_ - start));
+    return true;
+  }
+  // True when an array starts here (a tag takes one value).
+  bool array_ahead() {
+    blank();
+    return at_ < end_ && *at_ == '[';
+  }
   // Reads a string into `out`: "\udcXX" gives back the byte XX.
   bool string(text* out) {
     blank();
@@ -385,6 +414,12 @@ class JsonReader {
     }
   }
 
+  bool digits() {
+    const char* start = at_;
+    while (at_ < end_ && *at_ >= '0' && *at_ <= '9') ++at_;
+    return at_ > start;
+  }
+
   const char* s_;
   const char* at_ = s_;
   const char* end_;
@@ -393,7 +428,7 @@ class JsonReader {
 // Decodes a JSON record into `r`. Returns false after reporting.
 bool decode_json(Import* im, const char* line, std::size_t len, Record* r) {
   JsonReader json(line, len);
-  bool path = false, tags = false;
+  bool path = false, tags = false, array = false;
   text key;
   bool ok = json.literal('{');
   while (ok) {
@@ -412,7 +447,12 @@ bool decode_json(Import* im, const char* line, std::size_t len, Record* r) {
           ok = json.string(&r->arena) && json.literal(':');
           r->arena.push('\0');
           r->offsets.push(r->arena.size());
-          ok = ok && json.string(&r->arena);
+          // A value is a string or a number, taken as its text.
+          if (ok && json.array_ahead()) {
+            ok = false;
+            array = true;
+          }
+          ok = ok && (json.string(&r->arena) || json.number(&r->arena));
           r->arena.push('\0');
         } while (ok && json.literal(','));
         ok = ok && json.literal('}');
@@ -431,6 +471,9 @@ bool decode_json(Import* im, const char* line, std::size_t len, Record* r) {
   text reason;
   if (ok && path && tags && r->tags() == 0) {
     reason.append("malformed record (no tags)");
+  } else if (array) {
+    reason.appendf("an array at character %zu: a tag takes one value (a string or a number)",
+                   json.offset(line) + 1);
   } else {
     reason.appendf("malformed JSON at character %zu (expected {\"path\":...,\"tags\":{...}})",
                    json.offset(line) + 1);
