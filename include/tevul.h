@@ -1007,10 +1007,11 @@ TEVUL_API int tevu_delete_checked(const char *path);
  * included (only the databases are read). Every volume is read first: when
  * one cannot be read, or when a file carries both names and `merge` is 0,
  * nothing is changed anywhere (EEXIST, with the number of such files in
- * *kept). With `merge`, files that carry both names keep both, unchanged
- * (*kept counts them). Then each volume changes in a checked transaction of
- * its own and the daemon is woken once per volume changed; *renamed counts
- * the files renamed. A file that carries only the new name keeps it, so
+ * *kept). With `merge`, files that carry both names keep the new name's
+ * value and lose the old name (*kept counts them). Then each volume
+ * changes in a checked transaction of its own and the daemon is woken once
+ * per volume changed; *renamed counts the files that lost the old name
+ * (those that carried both among them). A file that carries only the new name keeps it, so
  * that a rename that was interrupted finishes when run again.
  * Returns 0, ENOENT for a NULL or empty name or when nothing is mounted,
  * EINVAL for names that hold a double quote or differ only in letter case

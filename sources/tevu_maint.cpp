@@ -416,10 +416,12 @@ int retag_everywhere(const char* from, const char* to, bool merge,
                               old_column, old_column),
                           from, from, changed, wake)
             : change_tags(db,
+                          // A file that carries both (with `merge`) keeps
+                          // the new name's value and loses the old name.
                           tevul::sql_text<kTagSqlSize>(
-                              "UPDATE Meta SET \".%s\"=\".%s\",\".%s\"=NULL,Data=NULL "
-                              "WHERE \".%s\" IS NOT NULL AND \".%s\" IS NULL",
-                              new_column, old_column, old_column, old_column, new_column),
+                              "UPDATE Meta SET \".%s\"=COALESCE(\".%s\",\".%s\"),\".%s\"=NULL,"
+                              "Data=NULL WHERE \".%s\" IS NOT NULL",
+                              new_column, new_column, old_column, old_column, old_column),
                           from, to, changed, wake);
     if (rc != SQLITE_OK) {
       tevul::note_volume_failure(move_errno(rc), volumes[i].root);

@@ -439,17 +439,24 @@ TEST_F(Tool, TagsAreRemovedAndRenamedEverywhere) {
   Result r = run({"rename", "ARTIST", "performer"});
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "tevu: rename: ARTIST: performer: 1 file carries both: nothing renamed "
-                   "('--merge' renames the others and leaves both on those)\n"
+                   "('--merge' merges: those keep performer's value and lose ARTIST)\n"
                    "tevu: rename: 0 files, 0 tags, 1 failure\n");
+  EXPECT_EQ(databases(), before);
+  r = run({"rename", "-n", "--merge", "ARTIST", "performer"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(sorted_lines(r.out), (std::vector<std::string>{
+                                     "/mnt/docs/z.txt", "/mnt/photos/a.jpg",
+                                     "/mnt/photos/b.jpg\tloses ARTIST=bo", "/srv/music/s.mp3"}));
   EXPECT_EQ(databases(), before);
   r = run({"rename", "--merge", "ARTIST", "performer"});
   EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.err, "tevu: rename: ARTIST: performer: 1 file carries both and keeps both\n"
-                   "tevu: rename: 3 files, 3 tags, 0 failures\n");
+  EXPECT_EQ(r.err, "tevu: rename: ARTIST: performer: 1 file carries both: kept performer's "
+                   "value, lost ARTIST\n"
+                   "tevu: rename: 4 files, 4 tags, 0 failures\n");
   EXPECT_EQ(rows("mnt", "SELECT Path, Data FROM Meta ORDER BY Path"),
             (Rows{{"docs/z.txt", "performer=cy"},
                   {"photos/a.jpg", "year=1999|performer=ann"},
-                  {"photos/b.jpg", "artist=bo|performer=old"}}));
+                  {"photos/b.jpg", "performer=old"}}));
   EXPECT_EQ(rows("srv", "SELECT Data FROM Meta"), (Rows{{"year=1999|performer=ann"}}));
   EXPECT_EQ(sandbox_.drain_fifo(), 2) << "one wake-up per volume changed";
   r = run({"rename", "nobody", "x"});

@@ -150,13 +150,35 @@ int cmd_rename(int argc, char** argv) {
       emit(path, strlen(path), false);
       ++renamed;
     }
+    // With --merge, the files that carry both follow, each with the value
+    // it loses.
+    for (std::size_t k = 0; o.merge && k < old_carriers.offsets.size(); ++k) {
+      const char* path = old_carriers.arena.c_str() + old_carriers.offsets[k];
+      if (!new_carriers.has(path)) continue;
+      struct Lost {
+        const char* name;
+        text value;
+      } lost{from, {}};
+      tevu_file_tags(
+          path,
+          [](void* user, const char* name, const char* value) {
+            Lost* l = static_cast<Lost*>(user);
+            if (strcasecmp(name, l->name) == 0) l->value.append(value);
+            return 0;
+          },
+          &lost);
+      text line;
+      line.append(path).append("\tloses ").append(from).push('=');
+      escape_field(lost.value.c_str(), false, &line);
+      emit(line.c_str(), line.size(), false);
+    }
   } else {
     const int rc = tevu_rename_tag(from, to, o.merge ? 1 : 0, &renamed, &kept);
     if (rc == EEXIST) {
       reportf({"rename", from, to},
-              "%lu file%s carr%s both: nothing renamed ('--merge' renames the others "
-              "and leaves both on those)",
-              kept, kept == 1 ? "" : "s", kept == 1 ? "ies" : "y");
+              "%lu file%s carr%s both: nothing renamed ('--merge' merges: those keep "
+              "%s's value and lose %s)",
+              kept, kept == 1 ? "" : "s", kept == 1 ? "ies" : "y", to, from);
       summary("rename", 0, 0, 1, false);
       return kExitFailed;
     }
@@ -173,15 +195,19 @@ int cmd_rename(int argc, char** argv) {
     return kExitNotFound;
   }
   if (kept > 0) {
-    reportf({"rename", from, to}, "%lu file%s carr%s both and keep%s both%s", kept,
-            kept == 1 ? "" : "s", kept == 1 ? "ies" : "y", kept == 1 ? "s" : "",
-            o.merge || o.dry_run ? "" : "");
     if (o.dry_run && !o.merge) {
+      reportf({"rename", from, to}, "%lu file%s carr%s both", kept, kept == 1 ? "" : "s",
+              kept == 1 ? "ies" : "y");
       summary("rename", renamed, renamed, 0, true);
       report({"rename"}, "without --merge nothing would be renamed");
       return kExitFailed;
     }
+    reportf({"rename", from, to}, "%lu file%s carr%s both: %s %s's value, %s %s", kept,
+            kept == 1 ? "" : "s", kept == 1 ? "ies" : "y", o.dry_run ? "would keep" : "kept",
+            to, o.dry_run ? "would lose" : "lost", from);
   }
+  // Every file that loses the old name counts, those that carried both too.
+  if (o.dry_run) renamed += o.merge ? kept : 0;
   summary("rename", renamed, renamed, 0, o.dry_run);
   return kExitOk;
 }

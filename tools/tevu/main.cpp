@@ -160,8 +160,8 @@ constexpr char kRenameHelp[] =
     "--merge is given. Exit status 4 when no file carries OLD. OLD and NEW\n"
     "must differ by more than letter case.\n"
     "\n"
-    "  --merge        rename on the files that lack NEW; files that carry\n"
-    "                 both keep both, unchanged, and are counted\n"
+    "  --merge        also the files that carry both: they keep NEW's value\n"
+    "                 and lose OLD (as a merge of the two tags), counted\n"
     "  -n, --dry-run  only print the files that would be renamed\n";
 
 constexpr char kImportHelp[] =
