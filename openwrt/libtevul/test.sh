@@ -1,0 +1,12 @@
+#!/bin/sh
+# The packages' test, run on the target by OpenWrt's package checks with
+# the package's name and version.
+case "$1" in
+libtevul*)
+	# The library loads: the tool links it and starts.
+	[ -e /usr/lib/libtevul.so ] || exit 1
+	;;
+tevu)
+	tevu --version | grep -F "$2"
+	;;
+esac
