@@ -7,6 +7,7 @@ libtevul*)
 	[ -e /usr/lib/libtevul.so ] || exit 1
 	;;
 tevu)
-	tevu --version | grep -F "$2"
+	# The version without the package release ("0.1.0" of "0.1.0-r1").
+	tevu --version | grep -F "${2%%-*}"
 	;;
 esac
