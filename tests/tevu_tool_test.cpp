@@ -300,7 +300,7 @@ TEST_F(Tool, FindTagsAndValues) {
   ASSERT_EQ(run({"set", "-t", "who=ANN", "-t", "rating=4", "/mnt/photos/a.jpg",
                  "/mnt/photos/b.jpg"}).status, 0);
   ASSERT_EQ(run({"set", "-t", "year=2019", "/mnt/photos/b.jpg"}).status, 0);
-  Result r = run({"find", "who", "ann"});
+  Result r = run({"find", "who=ann"});
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(sorted_lines(r.out), (std::vector<std::string>{
                                      "/mnt/photos/a.jpg", "/mnt/photos/b.jpg", "/srv/music/s.mp3"}));
@@ -309,7 +309,7 @@ TEST_F(Tool, FindTagsAndValues) {
             (std::vector<std::string>{"/mnt/photos/a.jpg", "/srv/music/s.mp3"}))
       << "10 >= 4 as numbers";
   EXPECT_EQ(run({"find", "--count", "who", "--under", "/mnt/photos/../photos"}).out, "2\n");
-  r = run({"find", "-l", "id", "ABC-1"});
+  r = run({"find", "-l", "id=ABC-1"});
   EXPECT_EQ(r.out, "/srv/music/s.mp3\tid=Abc-1\twho=ann\trating=10\n");
   r = run({"find", "--json", "-l", "id=abc-1"});
   EXPECT_EQ(r.out, "{\"path\":\"/srv/music/s.mp3\",\"tags\":{\"id\":\"Abc-1\",\"who\":\"ann\","
@@ -716,6 +716,9 @@ TEST_F(Tool, CompletionOffersFilesWithBlanksAndTagNames) {
   EXPECT_EQ(complete("'tevu get /mnt/photos/S'"), (Words{"/mnt/photos/Summer Trip [2019]"}));
   EXPECT_EQ(complete("'tevu get /mnt/photos/a.jpg m'"), (Words{"mood"}));
   EXPECT_EQ(complete("'tevu find r'"), (Words{"rating"}));
+  EXPECT_EQ(complete("'tevu find rating>4 '"), (Words{"and", "or"}));
+  EXPECT_EQ(complete("'tevu find rating>4 and m'"), (Words{"mood"}));
+  EXPECT_EQ(complete("'tevu find rating>4 and n'"), (Words{"not"}));
   EXPECT_EQ(complete("'tevu set -t m'"), (Words{"mood="}));
   EXPECT_EQ(complete("'tevu rename '"), (Words{"mood", "rating"}));
 }
@@ -1324,6 +1327,27 @@ TEST_F(Tool, ImportJsonTakesNumbersAndRefusesArrays) {
   EXPECT_EQ(run({"list", "/mnt/a"}).out, "stars=5\nsize=1e2\nneg=-0.5\n");
   r = run({"import", "--json"}, "{\"path\":\"/mnt/a\",\"tags\":{\"n\":01}}\n");
   EXPECT_EQ(r.status, 1) << "a leading zero is no JSON number";
+}
+
+}  // namespace
+
+namespace {
+
+// find joins its operands into one condition, as users type them; two
+// words are never taken for NAME=VALUE, nor a keyword for a tag name.
+TEST_F(Tool, FindJoinsItsOperandsIntoOneCondition) {
+  ASSERT_TRUE(write_file("/mnt/old", "x"));
+  ASSERT_TRUE(write_file("/mnt/new", "x"));
+  ASSERT_EQ(run({"set", "-t", "year=1999", "-t", "draft=", "/mnt/old"}).status, 0);
+  ASSERT_EQ(run({"set", "-t", "year=2015", "/mnt/new"}).status, 0);
+  EXPECT_EQ(run({"find", "year", ">", "2000", "and", "not", "draft"}).out, "/mnt/new\n");
+  EXPECT_EQ(run({"find", "not", "draft"}).out, "/mnt/new\n");
+  EXPECT_EQ(run({"find", "year>1990", "and", "year<2000"}).out, "/mnt/old\n");
+  const Result r = run({"find", "year", "2015"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("the 2 operands were joined into one condition: write NAME=VALUE"),
+            std::string::npos)
+      << r.err;
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 # the package's name and version.
 case "$1" in
 libtevul*)
-	# The library loads: the tool links it and starts.
+	# Installed where the tool and applications load it from.
 	[ -e /usr/lib/libtevul.so ] || exit 1
 	;;
 tevu)

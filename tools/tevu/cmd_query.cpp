@@ -94,24 +94,22 @@ int find_first(const char* name, const char* value, bool nul) {
 }
 
 // Shows where a condition failed to parse: the condition and a caret.
-int malformed(const char* command, const char* condition, std::size_t at) {
+int malformed(const char* command, const char* condition, std::size_t at, int operands) {
   fprintf(stderr, "%s: malformed condition at character %zu:\n  %s\n  %*s^\n", command,
           at + 1, condition, static_cast<int>(at), "");
+  if (operands > 1) {
+    // The operands were joined with blanks; say so, and how to write what
+    // two words most often mean.
+    fprintf(stderr,
+            "%s: (the %d operands were joined into one condition: write NAME=VALUE for a "
+            "value, 'NAME and NAME' for both, and quote a word that holds a blank)\n",
+            command, operands);
+  }
   fprintf(stderr,
           "%s: (see '%s --help' for conditions; at most 128 terms and 16 levels of "
           "parentheses and 'not')\n",
           command, command);
   return kExitUsage;
-}
-
-// Appends `word` to a condition as a quoted word.
-void quote_word(const char* word, text* out) {
-  out->push('"');
-  for (const char* p = word; *p != '\0'; ++p) {
-    if (*p == '"' || *p == '\\') out->push('\\');
-    out->push(*p);
-  }
-  out->push('"');
 }
 
 }  // namespace
@@ -126,7 +124,7 @@ int cmd_find(int argc, char** argv) {
   const int status = parse_options(argc, argv, "0l", kOptions, find_option, &f);
   if (status >= 0) return status;
   const int operands = argc - optind;
-  if (operands < 1 || operands > 2 || (f.first && operands != 2)) {
+  if (operands < 1 || (f.first && operands != 2)) {
     return usage_error(argv[0], f.first ? "expected NAME VALUE" : "expected CONDITION");
   }
   if (f.first && (f.count_only || f.long_form || f.json || f.under != nullptr)) {
@@ -134,12 +132,12 @@ int cmd_find(int argc, char** argv) {
                                 "or --under with it");
   }
   text scratch;
-  if (operands == 2) {
+  if (f.first) {
     if (const char* refusal = name_refusal(argv[optind], &scratch)) {
       return usage_error(argv[0], "%s: %s", argv[optind], refusal);
     }
+    return find_first(argv[optind], argv[optind + 1], f.nul);
   }
-  if (f.first) return find_first(argv[optind], argv[optind + 1], f.nul);
   if (f.under != nullptr) {
     if (const int rc = disk_path(f.under, f.under_path)) {
       if (rc == EINVAL) return usage_error(argv[0], "--under needs a directory");
@@ -157,44 +155,34 @@ int cmd_find(int argc, char** argv) {
   }
   if (!tag_fs_mounted()) return report_not_mounted();
 
-  int rc;
+  // The operands are one condition, joined with blanks, as users type
+  // them: tevu find year '>' 2000 and not draft.
   text condition;
-  if (operands == 2 && f.under == nullptr && !f.long_form) {
-    rc = tevu_find_files(argv[optind], argv[optind + 1], print_found, &f);
-  } else {
-    if (operands == 2) {
-      quote_word(argv[optind], &condition);
-      condition.push('=');
-      quote_word(argv[optind + 1], &condition);
-    } else {
-      condition.append(argv[optind]);
-    }
-    std::size_t at = 0;
-    rc = f.long_form
-             ? tevu_find_rows_where(condition.c_str(), f.under, print_found_row, &f, &at)
-             : tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
-    if (rc == EINVAL && operands == 1) return malformed(argv[0], argv[optind], at);
+  for (int i = optind; i < argc; ++i) {
+    if (i > optind) condition.push(' ');
+    condition.append(argv[i]);
   }
+  std::size_t at = 0;
+  const int rc = f.long_form
+                     ? tevu_find_rows_where(condition.c_str(), f.under, print_found_row, &f, &at)
+                     : tevu_find_where(condition.c_str(), f.under, print_found, &f, &at);
+  if (rc == EINVAL) return malformed(argv[0], condition.c_str(), at, operands);
   if (f.count_only && rc == 0) {
     // The count is the answer, 0 too; the status still tells a script.
     printf("%lu\n", f.count);
     return f.count == 0 ? kExitNotFound : kExitOk;
-  }
-  if (rc == EINVAL) {
-    report({argv[optind]}, "tag name holds a double quote");
-    return kExitFailed;
   }
   if (rc != 0) {
     if (rc == ENOENT && f.under != nullptr) {
       // As `tevu tags DIR` says it.
       report({f.under}, "not on a tagged volume");
     } else if (!report_unread_volumes()) {
-      reportf({argv[optind]}, "tag database failed: %s", errno_reason(rc));
+      reportf({condition.c_str()}, "tag database failed: %s", errno_reason(rc));
     }
     return kExitFailed;
   }
   if (f.count == 0) {
-    report({argv[optind], operands == 2 ? argv[optind + 1] : nullptr}, "no file matches");
+    report({condition.c_str()}, "no file matches");
     return kExitNotFound;
   }
   return kExitOk;

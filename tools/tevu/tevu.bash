@@ -106,12 +106,14 @@ _tevu() {
   done
   case $command in
     find)
-      # The condition's names; "and", "or", "not" between them.
-      if ((operand == 0)); then
+      # The operands are one condition: a name (or "not") first and after
+      # each keyword, "and" or "or" after a term.
+      local before=${words[cword - 1]}
+      if ((operand == 0)) || [[ ${before,,} == and || ${before,,} == or || ${before,,} == not ]]; then
         _tevu_tags
         COMPREPLY+=($(compgen -W "not" -- "$cur"))
-      elif ((operand == 1)); then
-        COMPREPLY+=($(compgen -W "and or not" -- "$cur"))
+      else
+        COMPREPLY+=($(compgen -W "and or" -- "$cur"))
       fi
       ;;
     rename) ((operand < 2)) && _tevu_tags ;;
