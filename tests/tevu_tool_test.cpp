@@ -721,6 +721,11 @@ TEST_F(Tool, CompletionOffersFilesWithBlanksAndTagNames) {
   EXPECT_EQ(complete("'tevu find rating>4 and n'"), (Words{"not"}));
   EXPECT_EQ(complete("'tevu set -t m'"), (Words{"mood="}));
   EXPECT_EQ(complete("'tevu rename '"), (Words{"mood", "rating"}));
+  // A name with a blank and a quote is inserted escaped, one word.
+  ASSERT_EQ(run({"set", "-t", "my tag's=1", "/mnt/photos/a.jpg"}).status, 0);
+  EXPECT_EQ(complete("'tevu find my'"), (Words{"my\\ tag\\'s"}));
+  ASSERT_EQ(run({"view", "create", "summer"}).status, 0);
+  EXPECT_EQ(complete("'tevu view delete s'"), (Words{"summer"}));
 }
 
 }  // namespace

@@ -12,16 +12,30 @@ _tevu_files() {
   compopt -o filenames 2>/dev/null
 }
 
+# Offers the words of `$1` (lines) that begin with `$2`, each escaped for
+# the shell as it is inserted (a name with a blank or a quote stays one
+# word) and followed by `$3`.
+_tevu_offer() {
+  local prefix=$2 suffix=${3-} word quoted
+  local -a list
+  mapfile -t list <<<"$1"
+  for word in "${list[@]}"; do
+    [[ -n $word ]] || continue
+    printf -v quoted '%q' "$word"
+    [[ $word == "$prefix"* || $quoted == "$prefix"* ]] && COMPREPLY+=("$quoted$suffix")
+  done
+  [[ -n $suffix ]] && compopt -o nospace 2>/dev/null
+}
+
 # Offers the tag names that begin with `$1` (default: the word being
 # completed), each followed by `$2`.
 _tevu_tags() {
-  local prefix=${1-$cur} suffix=${2-} name
-  local -a names
-  mapfile -t names < <("${words[0]}" tags 2>/dev/null | cut -f1)
-  for name in "${names[@]}"; do
-    [[ $name == "$prefix"* ]] && COMPREPLY+=("$name$suffix")
-  done
-  [[ -n $suffix ]] && compopt -o nospace 2>/dev/null
+  _tevu_offer "$("${words[0]}" tags 2>/dev/null | cut -f1)" "${1-$cur}" "${2-}"
+}
+
+# Offers the names of the views.
+_tevu_views() {
+  _tevu_offer "$("${words[0]}" view list 2>/dev/null)" "$cur"
 }
 
 _tevu() {
@@ -66,6 +80,11 @@ _tevu() {
         events) ((cword == 4)) && { COMPREPLY=($(compgen -W "on off" -- "$cur")); return; } ;;
         path | list) options="-0 --null" ;;
       esac
+      # The view's name, for every subcommand that takes one.
+      if ((cword == 3)) && [[ ${words[2]} != list && ${words[2]} != create && $cur != -* ]]; then
+        _tevu_views
+        return
+      fi
       ;;
     help)
       COMPREPLY=($(compgen -W "$commands" -- "$cur"))
