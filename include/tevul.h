@@ -1030,6 +1030,23 @@ TEVUL_API int tevu_rename_tag(const char *old_name, const char *new_name,
  */
 TEVUL_API int tevu_delete_tag(const char *name, unsigned long *removed);
 
+/*
+ * Renames value `old_value` of tag `name` to `new_value` on every file of
+ * every volume (vanished files included): each file whose value equals
+ * `old_value` (letter case ignored, as the tag column compares) gets
+ * `new_value`, backslashes stripped as every set strips them. Renaming a
+ * value to one that other files carry already merges the two. Every volume
+ * is read first, and when one cannot be read nothing changes anywhere;
+ * then each volume changes in a checked transaction of its own, Data
+ * rebuilt, the daemon woken once per volume changed. With `dry_run`
+ * nothing changes. *renamed (may be NULL) counts the files (that would
+ * be) renamed. Results as tevu_rename_tag() (no EEXIST); ENOENT also for a
+ * NULL value.
+ */
+TEVUL_API int tevu_rename_value(const char *name, const char *old_value,
+                                const char *new_value, int dry_run,
+                                unsigned long *renamed);
+
 /* ------------------------------------------------------------------------ */
 /* Extensions: tags that follow files moved by any program                   */
 /* ------------------------------------------------------------------------ */

@@ -431,6 +431,103 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   return first;
 }
 
+// Value renames: the files whose tag `name` has value `old` (as the tag
+// column compares) get `value` instead, backslashes stripped as every set
+// strips them. Counts them, or changes them in one checked transaction of
+// `db` with Data rebuilt. Returns 0 or an SQLite code.
+constexpr char kCountValueSql[] = "SELECT count(*) FROM Meta WHERE \".%s\"=?1";
+constexpr char kRenameValueSql[] =
+    "UPDATE Meta SET \".%s\"=REPLACE(?2,'\\',''),Data=NULL WHERE \".%s\"=?1";
+int revalue(metadb_tagdb* tagdb, const char* name, const char* old, const char* value,
+            unsigned long* rows) {
+  *rows = 0;
+  if (metadb_column_exists(tagdb, name) != 1) return SQLITE_OK;
+  const tevul::tag_ident column{name};
+  const tevul::sql_text<kTagSqlSize> sql(value == nullptr ? kCountValueSql : kRenameValueSql,
+                                         column, column);
+  if (!sql.fits()) return SQLITE_ERROR;
+  tevul::stmt_ptr stmt;
+  int rc = tevul::prepare(tagdb->db.get(), sql.c_str(), -1, stmt);
+  if (rc != SQLITE_OK) return rc;
+  sqlite3_bind_text(stmt.get(), 1, old, -1, SQLITE_STATIC);
+  if (value != nullptr) sqlite3_bind_text(stmt.get(), 2, value, -1, SQLITE_STATIC);
+  rc = metadb_step(stmt.get());
+  if (value == nullptr) {
+    if (rc != SQLITE_ROW) return rc;
+    *rows = static_cast<unsigned long>(sqlite3_column_int64(stmt.get(), 0));
+    return SQLITE_OK;
+  }
+  if (rc != SQLITE_DONE) return rc;
+  *rows = static_cast<unsigned long>(sqlite3_changes(tagdb->db.get()));
+  return SQLITE_OK;
+}
+
+int revalue_everywhere(const char* name, const char* old, const char* value, int dry_run,
+                       unsigned long* changed) {
+  *changed = 0;
+  tevul::forget_failures();
+  if (tevul::is_empty(name) || old == nullptr || value == nullptr) return ENOENT;
+  if (!tevul::tag_sql_safe(name)) return EINVAL;
+  if (tevu_find_mount() == nullptr) return ENOENT;
+  tevul::array<tevul::volume_link> volumes;
+  if (const int rc = tevul::list_volumes(&volumes)) return rc;
+  // Every volume is read first: one that cannot be read changes nothing
+  // anywhere, and every one is named.
+  tevul::array<unsigned long> carriers;
+  int unread = 0;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    int error = volumes[i].error;
+    unsigned long rows = 0;
+    if (error == 0) {
+      tevul::tagdb_ptr db(metadb_tagdb_open(volumes[i].db));
+      int rc = db ? sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
+                                                  nullptr, nullptr, nullptr, nullptr, nullptr)
+                  : SQLITE_CANTOPEN;
+      if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(db->db.get());
+      if (rc == SQLITE_OK) rc = revalue(db.get(), name, old, nullptr, &rows);
+      if (rc != SQLITE_OK) error = db ? move_errno(rc) : ENOENT;
+    }
+    if (error != 0) {
+      tevul::note_volume_failure(error, volumes[i].root);
+      if (unread == 0) unread = error;
+    }
+    if (!carriers.push(rows)) return ENOMEM;
+    if (dry_run) *changed += rows;
+  }
+  if (unread != 0 || dry_run) return unread;
+  const char* mount = tevu_find_mount();
+  const tevul::trigger_fd wake(event_trigger_init(mount));
+  int first = 0;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    if (carriers[i] == 0) continue;
+    tevu_volume location;
+    tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
+    writer db(location);
+    unsigned long rows = 0;
+    int rc = db.check() != 0 ? SQLITE_CANTOPEN : db.begin();
+    if (rc == SQLITE_OK) rc = revalue(db.get(), name, old, value, &rows);
+    if (rc == SQLITE_OK) {
+      db.get()->modified = 1;
+      if (metadb_tagdb_sync_all(db.get()) != 0) {
+        rc = tevul::failure_code_or(db.get()->db.get(), SQLITE_ERROR);
+      }
+    }
+    if (rc == SQLITE_OK) {
+      rc = db.commit();
+    } else if (db.open()) {
+      db.abandon(rc);
+    }
+    if (rc != SQLITE_OK) {
+      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
+      if (first == 0) first = move_errno(rc);
+      continue;
+    }
+    *changed += rows;
+    if (rows > 0) wake.wake();
+  }
+  return first;
+}
+
 }  // namespace
 
 int tevul::move_many_within(const char* const* from, const char* const* to,
@@ -511,4 +608,13 @@ extern "C" int tevu_cleanup_attached(const char* path, int* cancel,
   memcpy(root, volume.prefix, static_cast<std::size_t>(volume.prefix_len) - 1);
   root[volume.prefix_len - 1] = '\0';
   return tevu_cleanup(volume.db_path, root, cancel, filter);
+}
+
+extern "C" int tevu_rename_value(const char* name, const char* old_value,
+                                 const char* new_value, int dry_run,
+                                 unsigned long* renamed) {
+  unsigned long count = 0;
+  const int rc = revalue_everywhere(name, old_value, new_value, dry_run, &count);
+  if (renamed != nullptr) *renamed = count;
+  return rc;
 }

@@ -1356,3 +1356,34 @@ TEST_F(Tool, FindJoinsItsOperandsIntoOneCondition) {
 }
 
 }  // namespace
+
+namespace {
+
+// rename --value renames one value of a tag everywhere, vanished files
+// included; onto a value other files carry, the two merge. Its dry run
+// lists the files and changes nothing.
+TEST_F(Tool, RenameValueRenamesAndMergesValues) {
+  for (const char* f : {"/mnt/a", "/mnt/b", "/srv/c", "/srv/gone"}) ASSERT_TRUE(write_file(f, "x"));
+  ASSERT_EQ(run({"set", "-t", "genre=Rock", "/mnt/a", "/srv/c", "/srv/gone"}).status, 0);
+  ASSERT_EQ(run({"set", "-t", "genre=rock-n-roll", "/mnt/b"}).status, 0);
+  ASSERT_EQ(unlink("/srv/gone"), 0);
+  const std::string before = databases();
+  Result r = run({"rename", "--value", "-n", "-0", "genre", "rock", "rock'n'roll"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.size(), 24u) << "three paths, each ended by a NUL byte";
+  EXPECT_EQ(r.err, "tevu: rename: 3 files, 3 tags, 0 failures (dry run: nothing changed)\n");
+  EXPECT_TRUE(databases() == before);
+  r = run({"rename", "--value", "genre", "rock", "rock'n'roll"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = run({"rename", "--value", "genre", "rock-n-roll", "rock'n'roll"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err, "tevu: rename: 1 file, 1 tag, 0 failures\n");
+  r = run({"values", "genre"});
+  EXPECT_EQ(r.out, "rock'n'roll\t4\n") << "merged";
+  r = run({"rename", "--value", "genre", "jazz", "blues"});
+  EXPECT_EQ(r.status, 4);
+  EXPECT_EQ(r.err, "tevu: rename: genre: jazz: no file has this value\n");
+  EXPECT_EQ(run({"rename", "--value", "genre", "a", "b\\c"}).status, 2);
+}
+
+}  // namespace

@@ -53,14 +53,57 @@ bool find_carriers(const char* name, Carriers* out) {
 }
 
 struct Options {
-  bool dry_run = false, merge = false;
+  bool dry_run = false, merge = false, value = false, nul = false;
 };
 
 bool everywhere_option(void* user, int c, const char*) {
   Options* o = static_cast<Options*>(user);
   if (c == 'n') o->dry_run = true;
   if (c == 'm') o->merge = true;
+  if (c == 'v') o->value = true;
+  if (c == '0') o->nul = true;
   return true;
+}
+
+// rename --value NAME OLD NEW: every file whose tag NAME has value OLD gets
+// NEW (onto a value other files carry, a merge of the two values).
+int rename_value(const char* command, const char* name, const char* old, const char* value,
+                 const Options& o) {
+  text scratch;
+  if (const char* refusal = restore_refusal(name, &scratch)) {
+    return usage_error(command, "%s: %s", name, refusal);
+  }
+  if (!tag_fs_mounted()) return report_not_mounted();
+  if (const char* refusal = value_refusal(name, value, false, &scratch)) {
+    return usage_error(command, "%s: %s", value, refusal);
+  }
+  unsigned long renamed = 0;
+  if (o.dry_run) {
+    struct Listing {
+      bool nul;
+    } listing{o.nul};
+    tevu_find_files(
+        name, old,
+        [](void* user, const char* path) {
+          emit(path, strlen(path), static_cast<Listing*>(user)->nul);
+          return 0;
+        },
+        &listing);
+  }
+  const int rc = tevu_rename_value(name, old, value, o.dry_run ? 1 : 0, &renamed);
+  if (rc != 0) {
+    if (!report_unread_volumes()) {
+      reportf({"rename", name, old}, "not renamed: %s", errno_reason(rc));
+    }
+    summary("rename", 0, 0, 1, o.dry_run);
+    return kExitFailed;
+  }
+  if (renamed == 0) {
+    reportf({"rename", name, old}, "no file has this value");
+    return kExitNotFound;
+  }
+  summary("rename", renamed, renamed, 0, o.dry_run);
+  return kExitOk;
 }
 
 }  // namespace
@@ -114,9 +157,16 @@ int cmd_rename(int argc, char** argv) {
   Options o;
   static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
                                     {"merge", no_argument, nullptr, 'm'},
+                                    {"value", no_argument, nullptr, 'v'},
+                                    {"null", no_argument, nullptr, '0'},
                                     {nullptr, 0, nullptr, 0}};
-  const int status = parse_options(argc, argv, "n", kOptions, everywhere_option, &o);
+  const int status = parse_options(argc, argv, "n0", kOptions, everywhere_option, &o);
   if (status >= 0) return status;
+  if (o.value) {
+    if (argc - optind != 3) return usage_error(argv[0], "expected NAME OLD NEW");
+    if (o.merge) return usage_error(argv[0], "--value merges by itself: no --merge");
+    return rename_value(argv[0], argv[optind], argv[optind + 1], argv[optind + 2], o);
+  }
   if (argc - optind != 2) return usage_error(argv[0], "expected OLD NEW");
   const char* from = argv[optind];
   const char* to = argv[optind + 1];
@@ -147,7 +197,7 @@ int cmd_rename(int argc, char** argv) {
         ++kept;
         continue;
       }
-      emit(path, strlen(path), false);
+      emit(path, strlen(path), o.nul);
       ++renamed;
     }
     // With --merge, the files that carry both follow, each with the value
@@ -170,7 +220,7 @@ int cmd_rename(int argc, char** argv) {
       text line;
       line.append(path).append("\tloses ").append(from).push('=');
       escape_field(lost.value.c_str(), false, &line);
-      emit(line.c_str(), line.size(), false);
+      emit(line.c_str(), line.size(), o.nul);
     }
   } else {
     const int rc = tevu_rename_tag(from, to, o.merge ? 1 : 0, &renamed, &kept);

@@ -152,18 +152,23 @@ constexpr char kValuesHelp[] =
     "  -0, --null  end each record with a NUL byte instead of a line feed\n";
 
 constexpr char kRenameHelp[] =
-    "Usage: tevu rename [-n] [--merge] OLD NEW\n"
+    "Usage: tevu rename [-n [-0]] [--merge] OLD NEW\n"
+    "       tevu rename --value [-n [-0]] NAME OLD NEW\n"
     "\n"
     "Renames tag OLD to NEW on every file of every volume that carries it,\n"
     "whether or not the file is still on the disk: each file gets NEW with\n"
     "OLD's value and loses OLD. Nothing is overwritten: when a file carries\n"
     "both OLD and NEW, nothing is renamed at all (exit status 1) unless\n"
     "--merge is given. Exit status 4 when no file carries OLD. OLD and NEW\n"
-    "must differ by more than letter case.\n"
+    "must differ by more than letter case. With --value, every file whose\n"
+    "tag NAME has the value OLD (letter case ignored) gets the value NEW\n"
+    "instead: onto a value that other files carry, the two values merge.\n"
     "\n"
     "  --merge        also the files that carry both: they keep NEW's value\n"
     "                 and lose OLD (as a merge of the two tags), counted\n"
-    "  -n, --dry-run  only print the files that would be renamed\n";
+    "  --value        rename a value of tag NAME, not the tag\n"
+    "  -n, --dry-run  only print the files that would be renamed\n"
+    "  -0, --null     (with -n) end each path with a NUL byte\n";
 
 constexpr char kImportHelp[] =
     "Usage: tevu import [-0] [-q] [-n] [--json] [--strip-backslashes] < LINES\n"

@@ -63,7 +63,7 @@ _tevu() {
     del) options="-t --tag -g --glob -m --mount --all -n --dry-run" ;;
     find) options="-l --long --first --count --under -0 --null --json" ;;
     tags | values) options="--json -0 --null" ;;
-    rename) options="--merge -n --dry-run" ;;
+    rename) options="--merge --value -n --dry-run -0 --null" ;;
     import) options="-0 --null -q --quiet -n --dry-run --json --strip-backslashes" ;;
     export) options="--json -0 --null" ;;
     deleted) options="-n --dry-run -0 --null" ;;
