@@ -1387,3 +1387,28 @@ TEST_F(Tool, RenameValueRenamesAndMergesValues) {
 }
 
 }  // namespace
+
+namespace {
+
+// One output form per kind of output: list and get with several files
+// escape a line feed or TAB in a path or value as every record does (raw
+// with -0), and every dry run takes -0.
+TEST_F(Tool, RecordsAreEscapedAlikeAndDryRunsTakeNul) {
+  ASSERT_TRUE(write_file("/mnt/two\nlines", "x"));
+  ASSERT_TRUE(write_file("/mnt/plain", "x"));
+  tevul_test::tag_file("/mnt/two\nlines", {{"note", "a\nb\tc"}});
+  tevul_test::tag_file("/mnt/plain", {{"note", "p"}});
+  EXPECT_EQ(run({"list", "/mnt/two\nlines"}).out, "note=a\\nb\\tc\n");
+  EXPECT_EQ(run({"list", "/mnt/two\nlines", "/mnt/plain"}).out,
+            "/mnt/two\\nlines\tnote=a\\nb\\tc\n/mnt/plain\tnote=p\n");
+  EXPECT_EQ(run({"get", "/mnt/two\nlines", "/mnt/plain", "note"}).out,
+            "/mnt/two\\nlines\ta\\nb\\tc\n/mnt/plain\tp\n");
+  EXPECT_EQ(run({"get", "/mnt/two\nlines", "note"}).out, "a\nb\tc\n") << "the value alone";
+  EXPECT_EQ(run({"list", "-0", "/mnt/two\nlines"}).out, std::string("note=a\nb\tc\0", 11));
+  EXPECT_EQ(run({"del", "--all", "-n", "-0", "note"}).out.size(), 26u) << "two paths, raw";
+  ASSERT_EQ(rename("/mnt/plain", "/mnt/moved"), 0);
+  EXPECT_EQ(run({"moved", "-n", "-0", "/mnt/plain", "/mnt/moved"}).out,
+            std::string("/mnt/plain\0", 11));
+}
+
+}  // namespace

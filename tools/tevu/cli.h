@@ -66,7 +66,7 @@ int cmd_limits(int argc, char** argv);
 int cmd_watch(int argc, char** argv);
 int cmd_repair(int argc, char** argv);
 // `tevu del --all NAME...`, given the names.
-int delete_everywhere(const char* command, char** names, int count, bool dry_run);
+int delete_everywhere(const char* command, char** names, int count, bool dry_run, bool nul);
 
 // ---------------------------------------------------------------------------
 // Options.

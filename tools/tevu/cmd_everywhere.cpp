@@ -108,7 +108,7 @@ int rename_value(const char* command, const char* name, const char* old, const c
 
 }  // namespace
 
-int delete_everywhere(const char* command, char** names, int count, bool dry_run) {
+int delete_everywhere(const char* command, char** names, int count, bool dry_run, bool nul) {
   if (!tag_fs_mounted()) return report_not_mounted();
   unsigned long tags = 0, failures = 0;
   bool nothing = false;
@@ -144,7 +144,7 @@ int delete_everywhere(const char* command, char** names, int count, bool dry_run
     for (std::size_t k = 0; k < carriers.offsets.size(); ++k) {
       const char* path = carriers.arena.c_str() + carriers.offsets[k];
       if (files.has(path)) continue;
-      if (dry_run) emit(path, strlen(path), false);
+      if (dry_run) emit(path, strlen(path), nul);
       Carriers::add(&files, path);
     }
   }

@@ -187,8 +187,9 @@ int cmd_moved(int argc, char** argv) {
   Options o;
   static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
                                     {"before", no_argument, nullptr, 'b'},
+                                    {"null", no_argument, nullptr, '0'},
                                     {nullptr, 0, nullptr, 0}};
-  const int status = parse_options(argc, argv, "n", kOptions, maint_option, &o);
+  const int status = parse_options(argc, argv, "n0", kOptions, maint_option, &o);
   if (status >= 0) return status;
   if (argc - optind < 2) return usage_error(argv[0], "expected SRC... DST");
   for (int i = optind; i < argc; ++i) {
@@ -217,6 +218,7 @@ int cmd_moved(int argc, char** argv) {
     }
     Tally t;
     t.print = o.dry_run;
+    t.nul = o.nul;
     if (tally_below(src, &t) != 0) {
       ++failures;
       continue;

@@ -369,10 +369,22 @@ void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
     emit(record, o.nul);
     return;
   }
+  // A line per tag: its fields escaped as every record of the tool is
+  // (a line feed or TAB inside one stays inside), raw with -0.
   for (std::size_t i = 0; i < tags.count(); ++i) {
     record.clear();
-    if (with_path) record.append(file).push('\t');
-    record.append(tags.name(i)).push('=').append(tags.value(i));
+    if (o.nul) {
+      if (with_path) record.append(file).push('\t');
+      record.append(tags.name(i)).push('=').append(tags.value(i));
+    } else {
+      if (with_path) {
+        escape_field(file, false, &record);
+        record.push('\t');
+      }
+      escape_field(tags.name(i), true, &record);
+      record.push('=');
+      escape_field(tags.value(i), false, &record);
+    }
     emit(record, o.nul);
   }
 }
@@ -464,9 +476,17 @@ void get_one(Reading* r, const char* file, bool read) {
   if (r->o->json || r->name_count > 1) {
     emit_file(file, wanted, *r->o, true, true);
   } else {
+    // The value alone is printed as it is; PATH<TAB>VALUE lines are
+    // records, escaped as every record (raw with -0).
     text record;
-    if (r->file_count > 1) record.append(file).push('\t');
-    record.append(wanted.value(0));
+    if (r->file_count > 1 && !r->o->nul) {
+      escape_field(file, false, &record);
+      record.push('\t');
+      escape_field(wanted.value(0), false, &record);
+    } else {
+      if (r->file_count > 1) record.append(file).push('\t');
+      record.append(wanted.value(0));
+    }
     emit(record, r->o->nul);
   }
 }
@@ -554,7 +574,7 @@ namespace {
 struct Deleting {
   array<const char*> names;
   const char* pattern = nullptr;
-  bool via_mount = false, everywhere = false, dry_run = false;
+  bool via_mount = false, everywhere = false, dry_run = false, nul = false;
 };
 
 bool del_option(void* user, int c, const char* arg) {
@@ -563,6 +583,7 @@ bool del_option(void* user, int c, const char* arg) {
     case 'm': d->via_mount = true; break;
     case 'a': d->everywhere = true; break;
     case 'n': d->dry_run = true; break;
+    case '0': d->nul = true; break;
     case 'g': d->pattern = arg; break;
     case 't': d->names.push(arg); break;
     default: break;
@@ -592,8 +613,9 @@ int cmd_del(int argc, char** argv) {
   static const option kOptions[] = {
       {"tag", required_argument, nullptr, 't'}, {"glob", required_argument, nullptr, 'g'},
       {"mount", no_argument, nullptr, 'm'},     {"all", no_argument, nullptr, 'a'},
-      {"dry-run", no_argument, nullptr, 'n'},   {nullptr, 0, nullptr, 0}};
-  const int status = parse_options(argc, argv, "t:g:mn", kOptions, del_option, &d);
+      {"dry-run", no_argument, nullptr, 'n'},   {"null", no_argument, nullptr, '0'},
+      {nullptr, 0, nullptr, 0}};
+  const int status = parse_options(argc, argv, "t:g:mn0", kOptions, del_option, &d);
   if (status >= 0) return status;
   text scratch;
   if (d.everywhere) {
@@ -606,9 +628,9 @@ int cmd_del(int argc, char** argv) {
         return usage_error(argv[0], "%s: %s", argv[i], refusal);
       }
     }
-    return delete_everywhere(argv[0], argv + optind, argc - optind, d.dry_run);
+    return delete_everywhere(argv[0], argv + optind, argc - optind, d.dry_run, d.nul);
   }
-  if (d.dry_run) return usage_error(argv[0], "-n goes with --all");
+  if (d.dry_run || d.nul) return usage_error(argv[0], "-n and -0 go with --all");
   if (d.names.empty() == (d.pattern == nullptr)) {
     return usage_error(argv[0], "give either -t NAME or -g PATTERN");
   }

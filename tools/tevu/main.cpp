@@ -86,7 +86,7 @@ constexpr char kListHelp[] =
 constexpr char kDelHelp[] =
     "Usage: tevu del [-m] -t NAME [-t NAME ...] FILE...\n"
     "       tevu del -g PATTERN FILE...\n"
-    "       tevu del --all [-n] NAME...\n"
+    "       tevu del --all [-n [-0]] NAME...\n"
     "\n"
     "Removes the named tags from every FILE, directly in the tag databases\n"
     "(a tag that is not set counts as removed), or every tag whose name\n"
@@ -99,7 +99,8 @@ constexpr char kDelHelp[] =
     "  -g, --glob PATTERN   remove the tags matching PATTERN (*, ?, [...])\n"
     "  -m, --mount          remove the named tag files through the mount\n"
     "  --all                remove the NAMEs given as operands everywhere\n"
-    "  -n, --dry-run        (with --all) only print the files that carry them\n";
+    "  -n, --dry-run        (with --all) only print the files that carry them\n"
+    "  -0, --null           (with -n) end each path with a NUL byte\n";
 
 constexpr char kFindHelp[] =
     "Usage: tevu find [-0] [-l] [--json] [--count] [--under DIR] CONDITION...\n"
@@ -226,7 +227,7 @@ constexpr char kDeletedHelp[] =
     "  -0, --null     (with -n) end each path with a NUL byte\n";
 
 constexpr char kMovedHelp[] =
-    "Usage: tevu moved [-n] [--before] SRC... DST\n"
+    "Usage: tevu moved [-n [-0]] [--before] SRC... DST\n"
     "\n"
     "Carries the tags of each SRC and of everything below it along to where\n"
     "'mv SRC... DST' put it: DST/NAME (NAME the last component of SRC) when\n"
@@ -241,7 +242,8 @@ constexpr char kMovedHelp[] =
     "\n"
     "  --before       the move is about to happen: SRC must exist and the\n"
     "                 destination must not (DST/NAME when DST is a directory)\n"
-    "  -n, --dry-run  only print the files whose tags would move\n";
+    "  -n, --dry-run  only print the files whose tags would move\n"
+    "  -0, --null     (with -n) end each path with a NUL byte\n";
 
 constexpr char kCleanupHelp[] =
     "Usage: tevu cleanup [-n] [-0] [--force] DIR\n"

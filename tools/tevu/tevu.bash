@@ -60,14 +60,14 @@ _tevu() {
   case $command in
     set) options="-t --tag -r --recursive -n --dry-run -0 --null -m --mount --strip-backslashes" ;;
     get | list) options="-m --mount -0 --null --json" ;;
-    del) options="-t --tag -g --glob -m --mount --all -n --dry-run" ;;
+    del) options="-t --tag -g --glob -m --mount --all -n --dry-run -0 --null" ;;
     find) options="-l --long --first --count --under -0 --null --json" ;;
     tags | values) options="--json -0 --null" ;;
     rename) options="--merge --value -n --dry-run -0 --null" ;;
     import) options="-0 --null -q --quiet -n --dry-run --json --strip-backslashes" ;;
     export) options="--json -0 --null" ;;
     deleted) options="-n --dry-run -0 --null" ;;
-    moved) options="-n --dry-run --before" ;;
+    moved) options="-n --dry-run -0 --null --before" ;;
     cleanup) options="-n --dry-run -0 --null --force" ;;
     watch) options="-v --verbose --grace" ;;
     repair) options="-n --dry-run" ;;
