@@ -1412,3 +1412,20 @@ TEST_F(Tool, RecordsAreEscapedAlikeAndDryRunsTakeNul) {
 }
 
 }  // namespace
+
+namespace {
+
+// set -r shows import's progress line while standard error is a terminal,
+// cleared before the count; nothing of it when it is not.
+TEST_F(Tool, RecursiveSetShowsProgressOnATerminal) {
+  for (int i = 0; i < 50; ++i) ASSERT_TRUE(write_file("/mnt/many/" + std::to_string(i), "x"));
+  Result r = run({"set", "-r", "-t", "k=v", "/mnt/many"}, "", /*tty_stderr=*/true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("\rtevu: set: "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("\r\033[Ktevu: set: 51 files, 51 tags, 0 failures"), std::string::npos)
+      << r.err;
+  r = run({"set", "-r", "-t", "k=w", "/mnt/many"});
+  EXPECT_EQ(r.err, "tevu: set: 51 files, 51 tags, 0 failures\n");
+}
+
+}  // namespace

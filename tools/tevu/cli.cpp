@@ -125,7 +125,10 @@ void report(std::initializer_list<const char*> parts, const char* reason) {
   reportf(parts, "%s", reason);
 }
 
+Progress* g_progress = nullptr;
+
 void reportf(std::initializer_list<const char*> parts, const char* format, ...) {
+  if (g_progress != nullptr) g_progress->clear();
   va_list args;
   va_start(args, format);
   vreport(parts, format, args);

@@ -263,6 +263,96 @@ int failed_volume_of(const char* path);
 // Seconds since an arbitrary fixed point, from the monotonic clock.
 double now_seconds();
 
+class Progress;
+// The progress line drawn now, if any: report() clears it first.
+extern Progress* g_progress;
+
+// The progress line on standard error of a command that can run long:
+// files done, rate, and, when the
+// number of records is known (standard input is a file), done/total, the
+// percentage and the time left. The time left is the records still to come
+// at the rate of the last few seconds: each file costs a little more as the
+// database grows, so the rate since the start would promise too much.
+class Progress {
+ public:
+  // A progress line for `command` (the tool's command name), drawn only
+  // when `enabled`; `total` records when known, else 0. While it is drawn,
+  // report() clears it before a message.
+  Progress(const char* command, bool enabled, unsigned long total)
+      : command_(command), enabled_(enabled), total_(total), start_(now_seconds()) {
+    if (enabled_) g_progress = this;
+  }
+  ~Progress() {
+    clear();
+    if (g_progress == this) g_progress = nullptr;
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  double elapsed() const { return now_seconds() - start_; }
+
+  // Called after each record; redraws at most four times a second.
+  void update(unsigned long records, unsigned long files) {
+    if (!enabled_) return;
+    const double now = now_seconds();
+    if (now - last_draw_ < 0.25) return;
+    last_draw_ = now;
+    samples_[next_ % kSamples] = Sample{now, records};
+    ++next_;
+    // The oldest sample no older than the window, in the ring.
+    const Sample* from = nullptr;
+    for (unsigned i = next_ > kSamples ? next_ - kSamples : 0; i + 1 < next_; ++i) {
+      const Sample& s = samples_[i % kSamples];
+      if (now - s.at <= kWindow) {
+        from = &s;
+        break;
+      }
+    }
+    const double seconds = now - start_;
+    text line;
+    line.append("\rtevu: ").append(command_).append(": ");
+    counted(&line, files, "file", "files");
+    if (total_ > 0) {
+      const unsigned long done = records < total_ ? records : total_;
+      const Sample since = from != nullptr ? *from : Sample{start_, 0};
+      const double rate =
+          (done - (since.records < done ? since.records : done)) / (now - since.at);
+      const double left = rate > 0 ? (total_ - done) / rate : 0;
+      line.appendf(" (%lu/%lu records, %lu%%), %.0f files/s, %.*f s left", done, total_,
+                   done * 100 / total_, files / seconds, left < 10 ? 1 : 0, left);
+    } else {
+      line.appendf(", %.0f files/s", files / seconds);
+    }
+    line.append("\033[K");
+    fputs(line.c_str(), stderr);
+    drawn_ = true;
+  }
+
+  // Removes the progress line before anything else is printed.
+  void clear() {
+    if (drawn_) fputs("\r\033[K", stderr);
+    drawn_ = false;
+  }
+
+ private:
+  // How far back the rate of the time left looks, in seconds, and the
+  // samples kept for it (four a second).
+  static constexpr double kWindow = 5;
+  static constexpr unsigned kSamples = 32;
+  struct Sample {
+    double at;
+    unsigned long records;
+  };
+  const char* command_;
+  bool enabled_;
+  unsigned long total_;
+  double start_;
+  double last_draw_ = 0;
+  Sample samples_[kSamples];
+  unsigned next_ = 0;
+  bool drawn_ = false;
+};
+
 }  // namespace tevu_cli
 
 #endif  // TEVU_CLI_H

@@ -78,79 +78,6 @@ unsigned long count_records(int delimiter) {
   return records + (open_record && !comment ? 1 : 0);
 }
 
-// The progress line on standard error: records done, rate, and, when the
-// number of records is known (standard input is a file), done/total, the
-// percentage and the time left. The time left is the records still to come
-// at the rate of the last few seconds: each file costs a little more as the
-// database grows, so the rate since the start would promise too much.
-class Progress {
- public:
-  Progress(bool enabled, unsigned long total)
-      : enabled_(enabled), total_(total), start_(now_seconds()) {}
-
-  double elapsed() const { return now_seconds() - start_; }
-
-  // Called after each record; redraws at most four times a second.
-  void update(unsigned long records, unsigned long files) {
-    if (!enabled_) return;
-    const double now = now_seconds();
-    if (now - last_draw_ < 0.25) return;
-    last_draw_ = now;
-    samples_[next_ % kSamples] = Sample{now, records};
-    ++next_;
-    // The oldest sample no older than the window, in the ring.
-    const Sample* from = nullptr;
-    for (unsigned i = next_ > kSamples ? next_ - kSamples : 0; i + 1 < next_; ++i) {
-      const Sample& s = samples_[i % kSamples];
-      if (now - s.at <= kWindow) {
-        from = &s;
-        break;
-      }
-    }
-    const double seconds = now - start_;
-    text line;
-    line.append("\rtevu: import: ");
-    counted(&line, files, "file", "files");
-    if (total_ > 0) {
-      const unsigned long done = records < total_ ? records : total_;
-      const Sample since = from != nullptr ? *from : Sample{start_, 0};
-      const double rate =
-          (done - (since.records < done ? since.records : done)) / (now - since.at);
-      const double left = rate > 0 ? (total_ - done) / rate : 0;
-      line.appendf(" (%lu/%lu records, %lu%%), %.0f files/s, %.*f s left", done, total_,
-                   done * 100 / total_, files / seconds, left < 10 ? 1 : 0, left);
-    } else {
-      line.appendf(", %.0f files/s", files / seconds);
-    }
-    line.append("\033[K");
-    fputs(line.c_str(), stderr);
-    drawn_ = true;
-  }
-
-  // Removes the progress line before anything else is printed.
-  void clear() {
-    if (drawn_) fputs("\r\033[K", stderr);
-    drawn_ = false;
-  }
-
- private:
-  // How far back the rate of the time left looks, in seconds, and the
-  // samples kept for it (four a second).
-  static constexpr double kWindow = 5;
-  static constexpr unsigned kSamples = 32;
-  struct Sample {
-    double at;
-    unsigned long records;
-  };
-  bool enabled_;
-  unsigned long total_;
-  double start_;
-  double last_draw_ = 0;
-  Sample samples_[kSamples];
-  unsigned next_ = 0;
-  bool drawn_ = false;
-};
-
 // The paths imported so far, to count each file once however many records
 // name it: a set of their hashes (a collision would count a file too few).
 class PathSet {
@@ -594,7 +521,7 @@ int cmd_import(int argc, char** argv) {
 
   const int delimiter = im.nul ? '\0' : '\n';
   const bool show = !im.quiet && !im.dry_run && isatty(STDERR_FILENO);
-  Progress progress(show, show ? count_records(delimiter) : 0);
+  Progress progress("import", show, show ? count_records(delimiter) : 0);
   im.progress = &progress;
   unsigned long records = 0;
   tevul::text record;

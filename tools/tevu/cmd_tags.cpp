@@ -92,15 +92,17 @@ struct Setting {
   bool recursive = false, via_mount = false, dry_run = false, nul = false,
        strip = false;
   tevul::bulk_ptr ctx;
-  unsigned long files = 0, tags_stored = 0, failures = 0;
+  unsigned long files = 0, tags_stored = 0, failures = 0, visited = 0;
   bool lost_context = false;
   bool told_root = false;
+  Progress* progress = nullptr;  // set -r on a terminal
 };
 
 // Tags one file through the bulk context; counts and reports.
 void set_one(void* user, const char* file) {
   Setting* s = static_cast<Setting*>(user);
   if (s->lost_context) return;
+  if (s->progress != nullptr) s->progress->update(++s->visited, s->files);
   if (strlen(file) > kPathMax) {
     reportf({file}, "path too long to tag (limit %zu bytes)", kPathMax);
     ++s->failures;
@@ -226,6 +228,10 @@ int cmd_set(int argc, char** argv) {
         s.ctx = open_bulk();
         if (!s.ctx) return kExitNotMounted;
       }
+      // A recursive set can run long: it shows the same progress line as
+      // import while standard error is a terminal.
+      Progress progress("set", s.recursive && !s.dry_run && isatty(STDERR_FILENO), 0);
+      s.progress = &progress;
       Walk walk{set_one, &s};
       for (int i = optind; i < argc && !s.lost_context; ++i) {
         if (s.recursive) {
@@ -236,6 +242,8 @@ int cmd_set(int argc, char** argv) {
       }
       s.failures += walk.failures;
       s.ctx.reset();
+      progress.clear();
+      s.progress = nullptr;
       if (s.lost_context) return report_not_mounted();
     }
   }
