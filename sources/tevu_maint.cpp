@@ -346,6 +346,28 @@ int change_tags(writer& db, const tevul::sql_text<kTagSqlSize>& sql, const char*
   return SQLITE_OK;
 }
 
+// Runs `change(db)` (an SQLite code) on the database of each volume that
+// `carriers` gives files to change, in turn: a volume that fails is named,
+// the others go on, and the same call again finishes the work. Returns the
+// errno of the first failure, or 0.
+template <typename Change>
+int change_each_volume(const tevul::array<tevul::volume_link>& volumes,
+                       const tevul::array<unsigned long>& carriers, Change change) {
+  int first = 0;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    if (carriers[i] == 0) continue;
+    tevu_volume location;
+    tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
+    writer db(location);
+    const int rc = change(db);
+    if (rc != SQLITE_OK) {
+      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
+      if (first == 0) first = move_errno(rc);
+    }
+  }
+  return first;
+}
+
 // The renaming or removal everywhere: `to` NULL removes tag `from`.
 int retag_everywhere(const char* from, const char* to, bool merge,
                      unsigned long* changed, unsigned long* kept) {
@@ -395,40 +417,29 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   }
   if (unread != 0) return unread;
   if (to != nullptr && *kept > 0 && !merge) return EEXIST;
-  // Then each volume in a transaction of its own; files that carry both
-  // names keep both. A volume that fails is named, the others go on, and
-  // the same call again finishes the work.
+  // Then each volume in a transaction of its own.
   const tevul::trigger_fd wake(event_trigger_init(mount));
-  int first = 0;
-  for (std::size_t i = 0; i < volumes.size(); ++i) {
-    if (carriers[i] == 0) continue;
-    tevu_volume location;
-    tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
-    writer db(location);
+  return change_each_volume(volumes, carriers, [&](writer& db) {
     const tevul::tag_ident old_column{from};
     const tevul::tag_ident new_column{to != nullptr ? to : from};
-    const int rc =
-        !db.open() ? SQLITE_CANTOPEN
-        : to == nullptr
-            ? change_tags(db,
-                          tevul::sql_text<kTagSqlSize>(
-                              "UPDATE Meta SET \".%s\"=NULL,Data=NULL WHERE \".%s\" IS NOT NULL",
-                              old_column, old_column),
-                          from, from, changed, wake)
-            : change_tags(db,
-                          // A file that carries both (with `merge`) keeps
-                          // the new name's value and loses the old name.
-                          tevul::sql_text<kTagSqlSize>(
-                              "UPDATE Meta SET \".%s\"=COALESCE(\".%s\",\".%s\"),\".%s\"=NULL,"
-                              "Data=NULL WHERE \".%s\" IS NOT NULL",
-                              new_column, new_column, old_column, old_column, old_column),
-                          from, to, changed, wake);
-    if (rc != SQLITE_OK) {
-      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
-      if (first == 0) first = move_errno(rc);
+    if (!db.open()) return SQLITE_CANTOPEN;
+    if (to == nullptr) {
+      return change_tags(
+          db,
+          tevul::sql_text<kTagSqlSize>(
+              "UPDATE Meta SET \".%s\"=NULL,Data=NULL WHERE \".%s\" IS NOT NULL", old_column,
+              old_column),
+          from, from, changed, wake);
     }
-  }
-  return first;
+    // A file that carries both (with `merge`) keeps the new name's value
+    // and loses the old name.
+    return change_tags(db,
+                       tevul::sql_text<kTagSqlSize>(
+                           "UPDATE Meta SET \".%s\"=COALESCE(\".%s\",\".%s\"),\".%s\"=NULL,"
+                           "Data=NULL WHERE \".%s\" IS NOT NULL",
+                           new_column, new_column, old_column, old_column, old_column),
+                       from, to, changed, wake);
+  });
 }
 
 // Value renames: the files whose tag `name` has value `old` (as the tag
@@ -495,14 +506,8 @@ int revalue_everywhere(const char* name, const char* old, const char* value, int
     if (dry_run) *changed += rows;
   }
   if (unread != 0 || dry_run) return unread;
-  const char* mount = tevu_find_mount();
-  const tevul::trigger_fd wake(event_trigger_init(mount));
-  int first = 0;
-  for (std::size_t i = 0; i < volumes.size(); ++i) {
-    if (carriers[i] == 0) continue;
-    tevu_volume location;
-    tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
-    writer db(location);
+  const tevul::trigger_fd wake(event_trigger_init(tevu_find_mount()));
+  return change_each_volume(volumes, carriers, [&](writer& db) {
     unsigned long rows = 0;
     int rc = db.check() != 0 ? SQLITE_CANTOPEN : db.begin();
     if (rc == SQLITE_OK) rc = revalue(db.get(), name, old, value, &rows);
@@ -512,20 +517,13 @@ int revalue_everywhere(const char* name, const char* old, const char* value, int
         rc = tevul::failure_code_or(db.get()->db.get(), SQLITE_ERROR);
       }
     }
-    if (rc == SQLITE_OK) {
-      rc = db.commit();
-    } else if (db.open()) {
-      db.abandon(rc);
-    }
-    if (rc != SQLITE_OK) {
-      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
-      if (first == 0) first = move_errno(rc);
-      continue;
-    }
+    if (rc != SQLITE_OK) return db.open() ? db.abandon(rc) : rc;
+    rc = db.commit();
+    if (rc != SQLITE_OK) return rc;
     *changed += rows;
     if (rows > 0) wake.wake();
-  }
-  return first;
+    return SQLITE_OK;
+  });
 }
 
 }  // namespace
