@@ -35,7 +35,7 @@
  * and view functions 45 KiB, moves, deletions, renames and cleanups 43 KiB,
  * the queries, the reader and the conditions 31 KiB, bulk contexts 28 KiB,
  * the metadb_ and fsutil_ functions 23 KiB (musl on 32-bit MIPS; glibc on
- * x86-64 within 1 KiB of these). Callbacks run on the caller's stack below
+ * x86-64 within 6 KiB of these). Callbacks run on the caller's stack below
  * these frames. No function recurses with its input.
  *
  * Fork: a process must not fork while another of its threads is inside the
