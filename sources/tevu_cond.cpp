@@ -451,7 +451,7 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
     // operator: a stored word or empty value is no number and never
     // matches (tevu_cmp() gives NULL for it), and 1e2 equals 100.
     sql.appendf("tevu_cmp(\"%s\",?%zu)%s0", column, params.size() + 1, op);
-    return params.push(param{value, true});
+    return params.push(param{value});
   }
   if (n.how == condition::kEq) {
     bool indexed = true;
@@ -463,7 +463,7 @@ bool build(const condition& c, int i, sqlite3* db, text& sql,
   } else {
     sql.appendf("\"%s\"%s?%zu", column, op, params.size() + 1);
   }
-  return params.push(param{value, false});
+  return params.push(param{value});
 }
 
 }  // namespace

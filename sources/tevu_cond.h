@@ -62,11 +62,9 @@ bool is_number(const char* text);
 // 1e2 equal to 100.)
 int compare_numbers(const char* a, const char* b);
 
-// A value bound to the statement of a condition, and whether it is a
-// number (compared through compare_numbers()).
+// A value bound to the statement of a condition.
 struct condition_param {
   const char* text;
-  bool is_number;
 };
 
 // The statement with which the files of one database (`db`, whose row id

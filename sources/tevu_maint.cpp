@@ -110,13 +110,9 @@ class writer {
   int exec(const char* sql) {
     return metadb_exec_query(tagdb_->db.get(), sql, nullptr, nullptr);
   }
-  // Begins, then refuses a table whose row id could be taken for another
-  // column (every function that reads or writes by row id refuses it).
-  int begin() {
-    int rc = exec("BEGIN IMMEDIATE");
-    if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(tagdb_->db.get());
-    return rc == SQLITE_OK ? rc : abandon(rc);
-  }
+  // Begins; check() has refused a table whose row id could be taken for
+  // another column before (every writer is checked once, when opened).
+  int begin() { return exec("BEGIN IMMEDIATE"); }
   // Commits and tells whether the COMMIT reached the database; a refused
   // COMMIT is rolled back, so that nothing stays pending.
   int commit() {
@@ -368,6 +364,41 @@ int change_each_volume(const tevul::array<tevul::volume_link>& volumes,
   return first;
 }
 
+// Reads every volume before anything changes: `count(db, &rows)` (an SQLite
+// code) runs on each volume's database after its schema and row id were
+// read (a file that is no tag database fails here, not as a volume without
+// the tag), and its rows go to `carriers`. Every volume that cannot be read
+// is named, not only the first. Returns 0, ENOMEM, or the errno of the first
+// volume that could not be read.
+template <typename Count>
+int read_every_volume(const tevul::array<tevul::volume_link>& volumes,
+                      tevul::array<unsigned long>* carriers, Count count) {
+  int unread = 0;
+  for (std::size_t i = 0; i < volumes.size(); ++i) {
+    const tevul::volume_link& v = volumes[i];
+    int error = v.error;
+    unsigned long rows = 0;
+    if (error == 0) {
+      tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
+      if (!db) {
+        error = ENOENT;
+      } else {
+        int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
+                                               nullptr, nullptr, nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(db->db.get());
+        if (rc == SQLITE_OK) rc = count(db.get(), &rows);
+        if (rc != SQLITE_OK) error = move_errno(rc);
+      }
+    }
+    if (error != 0) {
+      tevul::note_volume_failure(error, v.root);
+      if (unread == 0) unread = error;
+    }
+    if (!carriers->push(rows)) return ENOMEM;
+  }
+  return unread;
+}
+
 // The renaming or removal everywhere: `to` NULL removes tag `from`.
 int retag_everywhere(const char* from, const char* to, bool merge,
                      unsigned long* changed, unsigned long* kept) {
@@ -386,35 +417,15 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   if (const int rc = tevul::list_volumes(&volumes)) return rc;
   // First every volume is read: a volume that cannot be read, or a file
   // that carries both names without `merge`, changes nothing anywhere.
-  // Every volume that cannot be read is named, not only the first.
   tevul::array<unsigned long> carriers;
-  int unread = 0;
-  for (std::size_t i = 0; i < volumes.size(); ++i) {
-    const tevul::volume_link& v = volumes[i];
-    int error = v.error;
-    unsigned long rows = 0, both = 0;
-    if (error == 0) {
-      tevul::tagdb_ptr db(metadb_tagdb_open(v.db));
-      if (!db) {
-        error = ENOENT;
-      } else {
-        // The schema is read first: a file that is no tag database fails
-        // here, not as a volume without the tag.
-        int rc = sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
-                                               nullptr, nullptr, nullptr, nullptr, nullptr);
-        if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(db->db.get());
-        if (rc == SQLITE_OK) rc = count_carriers(db.get(), from, nullptr, &rows);
-        if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db.get(), from, to, &both);
-        if (rc != SQLITE_OK) error = move_errno(rc);
-      }
-    }
-    if (error != 0) {
-      tevul::note_volume_failure(error, v.root);
-      if (unread == 0) unread = error;
-    }
-    if (!carriers.push(rows)) return ENOMEM;
+  const int unread = read_every_volume(volumes, &carriers, [&](metadb_tagdb* db,
+                                                               unsigned long* rows) {
+    int rc = count_carriers(db, from, nullptr, rows);
+    unsigned long both = 0;
+    if (rc == SQLITE_OK && to != nullptr) rc = count_carriers(db, from, to, &both);
     *kept += both;
-  }
+    return rc;
+  });
   if (unread != 0) return unread;
   if (to != nullptr && *kept > 0 && !merge) return EEXIST;
   // Then each volume in a transaction of its own.
@@ -422,7 +433,7 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   return change_each_volume(volumes, carriers, [&](writer& db) {
     const tevul::tag_ident old_column{from};
     const tevul::tag_ident new_column{to != nullptr ? to : from};
-    if (!db.open()) return SQLITE_CANTOPEN;
+    if (db.check() != 0) return SQLITE_CANTOPEN;
     if (to == nullptr) {
       return change_tags(
           db,
@@ -483,28 +494,14 @@ int revalue_everywhere(const char* name, const char* old, const char* value, int
   tevul::array<tevul::volume_link> volumes;
   if (const int rc = tevul::list_volumes(&volumes)) return rc;
   // Every volume is read first: one that cannot be read changes nothing
-  // anywhere, and every one is named.
+  // anywhere.
   tevul::array<unsigned long> carriers;
-  int unread = 0;
-  for (std::size_t i = 0; i < volumes.size(); ++i) {
-    int error = volumes[i].error;
-    unsigned long rows = 0;
-    if (error == 0) {
-      tevul::tagdb_ptr db(metadb_tagdb_open(volumes[i].db));
-      int rc = db ? sqlite3_table_column_metadata(db->db.get(), nullptr, "Meta", nullptr,
-                                                  nullptr, nullptr, nullptr, nullptr, nullptr)
-                  : SQLITE_CANTOPEN;
-      if (rc == SQLITE_OK) rc = tevul::meta_rowid_plain(db->db.get());
-      if (rc == SQLITE_OK) rc = revalue(db.get(), name, old, nullptr, &rows);
-      if (rc != SQLITE_OK) error = db ? move_errno(rc) : ENOENT;
-    }
-    if (error != 0) {
-      tevul::note_volume_failure(error, volumes[i].root);
-      if (unread == 0) unread = error;
-    }
-    if (!carriers.push(rows)) return ENOMEM;
-    if (dry_run) *changed += rows;
-  }
+  const int unread = read_every_volume(volumes, &carriers, [&](metadb_tagdb* db,
+                                                               unsigned long* rows) {
+    const int rc = revalue(db, name, old, nullptr, rows);
+    if (dry_run) *changed += *rows;
+    return rc;
+  });
   if (unread != 0 || dry_run) return unread;
   const tevul::trigger_fd wake(event_trigger_init(tevu_find_mount()));
   return change_each_volume(volumes, carriers, [&](writer& db) {

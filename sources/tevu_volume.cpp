@@ -270,17 +270,6 @@ int tevu_match_volume(tevu_volume* vol, const char* path) {
   return read_db_link(vol, link) ? 1 : 0;
 }
 
-int tevul::resolve_below(const char* path, const char* base, char* resolved) {
-  char real_base[kPathSize];
-  if (realpath(base, real_base) == nullptr) return errno;
-  if (realpath(path, resolved) == nullptr) return errno;
-  const std::size_t n = strlen(real_base);
-  const bool below = n == 1 ? resolved[1] != '\0'
-                            : strncmp(resolved, real_base, n) == 0 &&
-                                  resolved[n] == '/' && resolved[n + 1] != '\0';
-  return below ? 0 : EINVAL;
-}
-
 int tevul::open_dir_beneath(int base_fd, const char* base, const char* rel,
                             bool make_missing, unsigned mode, unique_fd* dir,
                             char* resolved) {

@@ -114,12 +114,6 @@ bool runtime_root_holds(const char* path, char* root);
 // compared), followed by "/" or the end. An empty root matches nothing.
 bool root_matches(const char* root, const char* path);
 
-// Resolves `path`, every link followed, into `resolved` (kPathSize bytes)
-// and tells whether it lies strictly below `base`, itself resolved first.
-// Returns 0 when it does, EINVAL when it does not (a link planted under the
-// mount that leads outside it), otherwise realpath()'s errno.
-int resolve_below(const char* path, const char* base, char* resolved);
-
 // Opens the directory `rel` (a relative path) beneath the directory `base`
 // into *dir, and its path (`base`, then the components walked, links
 // resolved) into `resolved` (kPathSize bytes), resolving and using in one
