@@ -1406,6 +1406,29 @@ TEST_F(Tool, RecordsAreEscapedAlikeAndDryRunsTakeNul) {
   EXPECT_EQ(run({"get", "/mnt/two\nlines", "note"}).out, "a\nb\tc\n") << "the value alone";
   EXPECT_EQ(run({"list", "-0", "/mnt/two\nlines"}).out, std::string("note=a\nb\tc\0", 11));
   EXPECT_EQ(run({"del", "--all", "-n", "-0", "note"}).out.size(), 26u) << "two paths, raw";
+  // Every list of paths prints one line per file, escaped as records are.
+  tevul_test::tag_file("/mnt/two\nlines", {{"other", "o"}});
+  for (const std::vector<std::string>& command : std::vector<std::vector<std::string>>{
+           {"find", "note"},
+           {"del", "--all", "-n", "note"},
+           {"rename", "-n", "note", "memo"},
+           {"rename", "--value", "-n", "note", "a\nb\tc", "d"},
+           {"set", "-r", "-n", "-t", "k=v", "/mnt/two\nlines"}}) {
+    const Result r = run(command);
+    EXPECT_EQ(r.out.substr(0, 16), "/mnt/two\\nlines\n") << command[0] << ": " << r.out << r.err;
+  }
+  EXPECT_EQ(run({"rename", "-n", "--merge", "other", "note"}).out,
+            "/mnt/two\\nlines\tloses other=o\n");
+  EXPECT_EQ(run({"import", "-n"}, "/mnt/two\\nlines\tk=v\n").out, "/mnt/two\\nlines\n");
+  ASSERT_EQ(rename("/mnt/two\nlines", "/mnt/x\ty"), 0);
+  EXPECT_EQ(run({"moved", "-n", "/mnt/two\nlines", "/mnt/x\ty"}).out, "/mnt/two\\nlines\n");
+  EXPECT_EQ(run({"deleted", "-n", "/mnt/two\nlines"}).out, "/mnt/two\\nlines\n");
+  EXPECT_EQ(run({"cleanup", "-n", "/mnt"}).out, "/mnt/two\\nlines\n");
+  // A message names the file on one line too.
+  EXPECT_EQ(run({"deleted", "/mnt/x\ty"}).err,
+            "tevu: /mnt/x\\ty: still exists: its files would lose their tags (delete it first)\n"
+            "tevu: deleted: 0 files, 0 tags, 1 failure\n");
+  ASSERT_EQ(rename("/mnt/x\ty", "/mnt/two\nlines"), 0);
   ASSERT_EQ(rename("/mnt/plain", "/mnt/moved"), 0);
   EXPECT_EQ(run({"moved", "-n", "-0", "/mnt/plain", "/mnt/moved"}).out,
             std::string("/mnt/plain\0", 11));
@@ -1426,6 +1449,36 @@ TEST_F(Tool, RecursiveSetShowsProgressOnATerminal) {
       << r.err;
   r = run({"set", "-r", "-t", "k=w", "/mnt/many"});
   EXPECT_EQ(r.err, "tevu: set: 51 files, 51 tags, 0 failures\n");
+}
+
+}  // namespace
+
+namespace {
+
+// repair and cleanup show the progress line on a terminal too, cleared
+// before their count; the files they list on standard output stay whole.
+TEST_F(Tool, RepairAndCleanupShowProgressOnATerminal) {
+  for (int i = 0; i < 30; ++i) ASSERT_TRUE(write_file("/mnt/a/" + std::to_string(i), std::to_string(i)));
+  ASSERT_EQ(run({"set", "-r", "-t", "k=v", "/mnt/a"}).status, 0);
+  ASSERT_EQ(run({"repair", "/mnt"}).status, 0);
+  ASSERT_EQ(system("mv /mnt/a /mnt/b"), 0);
+  Result r = run({"repair", "/mnt"}, "", /*tty_stderr=*/true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("\rtevu: repair: 1 file, "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("\r\033[Ktevu: repair: 31 files moved, 0 ambiguous"), std::string::npos)
+      << r.err;
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 31) << "the directory too: " << r.out;
+
+  ASSERT_EQ(system("rm /mnt/b/1*"), 0);
+  r = run({"cleanup", "/mnt/b"}, "", /*tty_stderr=*/true);
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("\rtevu: cleanup: 1 file, "), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find(" records, "), std::string::npos) << "the rows are known: " << r.err;
+  EXPECT_NE(r.err.find("\r\033[Ktevu: cleanup: 11 files, 11 tags, 0 failures"), std::string::npos)
+      << r.err;
+  ASSERT_EQ(system("rm /mnt/b/2*"), 0);
+  r = run({"cleanup", "/mnt/b"});
+  EXPECT_EQ(r.err, "tevu: cleanup: 11 files, 11 tags, 0 failures\n");
 }
 
 }  // namespace

@@ -50,7 +50,17 @@ void vreport(std::initializer_list<const char*> parts, const char* format,
   text line;
   line.append("tevu");
   for (const char* part : parts) {
-    if (part != nullptr && part[0] != '\0') line.append(": ").append(part);
+    if (part == nullptr || part[0] == '\0') continue;
+    // A TAB, line feed or carriage return of a path or name is shown
+    // escaped, so that every message is one line.
+    line.append(": ");
+    for (const char* p = part; *p != '\0'; ++p) {
+      if (*p == '\t' || *p == '\n' || *p == '\r') {
+        line.push('\\').push(*p == '\t' ? 't' : *p == '\n' ? 'n' : 'r');
+      } else {
+        line.push(*p);
+      }
+    }
   }
   line.append(": ");
   char reason[1024];
@@ -147,8 +157,19 @@ int usage_error(const char* command, const char* format, ...) {
 }
 
 void emit(const char* text, std::size_t n, bool nul) {
+  if (g_progress != nullptr) g_progress->make_way();
   fwrite(text, 1, n, stdout);
   fputc(nul ? '\0' : '\n', stdout);
+}
+
+void emit_field(const char* field, bool nul) {
+  if (nul) {
+    emit(field, strlen(field), true);
+    return;
+  }
+  text line;
+  escape_field(field, false, &line);
+  emit(line, false);
 }
 
 void counted(text* out, unsigned long n, const char* one, const char* many) {
@@ -157,6 +178,7 @@ void counted(text* out, unsigned long n, const char* one, const char* many) {
 
 void summary(const char* command, unsigned long files, unsigned long tags,
              unsigned long failures, bool dry_run) {
+  if (g_progress != nullptr) g_progress->clear();
   text line;
   line.appendf("tevu: %s: ", command);
   counted(&line, files, "file", "files");

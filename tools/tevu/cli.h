@@ -12,6 +12,8 @@
 
 #include <getopt.h>
 #include <stddef.h>
+#include <stdio.h>
+#include <unistd.h>
 
 #include <initializer_list>
 
@@ -114,6 +116,11 @@ __attribute__((format(printf, 2, 3))) int usage_error(const char* command,
 // a line feed, or by a NUL byte when `nul` is set.
 void emit(const char* text, std::size_t n, bool nul);
 inline void emit(const text& t, bool nul) { emit(t.c_str(), t.size(), nul); }
+
+// Writes a path (or a name or value) as a record of its own: its TABs, line
+// feeds, carriage returns and backslashes escaped as in every record, so
+// that each line is one path; with `nul`, as it is with a NUL byte after it.
+void emit_field(const char* field, bool nul);
 
 // The closing count line of a command that changes tags, on standard error:
 // "tevu: COMMAND: N files, M tags, K failures" (files counted once), with
@@ -279,7 +286,11 @@ class Progress {
   // when `enabled`; `total` records when known, else 0. While it is drawn,
   // report() clears it before a message.
   Progress(const char* command, bool enabled, unsigned long total)
-      : command_(command), enabled_(enabled), total_(total), start_(now_seconds()) {
+      : command_(command),
+        enabled_(enabled),
+        stdout_tty_(enabled && isatty(STDOUT_FILENO)),
+        total_(total),
+        start_(now_seconds()) {
     if (enabled_) g_progress = this;
   }
   ~Progress() {
@@ -334,6 +345,12 @@ class Progress {
     drawn_ = false;
   }
 
+  // Removes the progress line before a line on standard output when both
+  // reach the same terminal (the next update() draws it again under it).
+  void make_way() {
+    if (stdout_tty_) clear();
+  }
+
  private:
   // How far back the rate of the time left looks, in seconds, and the
   // samples kept for it (four a second).
@@ -345,6 +362,7 @@ class Progress {
   };
   const char* command_;
   bool enabled_;
+  bool stdout_tty_;
   unsigned long total_;
   double start_;
   double last_draw_ = 0;

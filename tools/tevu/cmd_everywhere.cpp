@@ -85,7 +85,7 @@ int rename_value(const char* command, const char* name, const char* old, const c
     tevu_find_files(
         name, old,
         [](void* user, const char* path) {
-          emit(path, strlen(path), static_cast<Listing*>(user)->nul);
+          emit_field(path, static_cast<Listing*>(user)->nul);
           return 0;
         },
         &listing);
@@ -144,7 +144,7 @@ int delete_everywhere(const char* command, char** names, int count, bool dry_run
     for (std::size_t k = 0; k < carriers.offsets.size(); ++k) {
       const char* path = carriers.arena.c_str() + carriers.offsets[k];
       if (files.has(path)) continue;
-      if (dry_run) emit(path, strlen(path), nul);
+      if (dry_run) emit_field(path, nul);
       Carriers::add(&files, path);
     }
   }
@@ -197,7 +197,7 @@ int cmd_rename(int argc, char** argv) {
         ++kept;
         continue;
       }
-      emit(path, strlen(path), o.nul);
+      emit_field(path, o.nul);
       ++renamed;
     }
     // With --merge, the files that carry both follow, each with the value
@@ -218,8 +218,15 @@ int cmd_rename(int argc, char** argv) {
           },
           &lost);
       text line;
-      line.append(path).append("\tloses ").append(from).push('=');
-      escape_field(lost.value.c_str(), false, &line);
+      if (o.nul) {
+        line.append(path).append("\tloses ").append(from).push('=').append(lost.value.c_str());
+      } else {
+        escape_field(path, false, &line);
+        line.append("\tloses ");
+        escape_field(from, true, &line);
+        line.push('=');
+        escape_field(lost.value.c_str(), false, &line);
+      }
       emit(line.c_str(), line.size(), o.nul);
     }
   } else {

@@ -451,7 +451,7 @@ void import_record(Import* im, const char* line, std::size_t len) {
       return;
     }
     if (storable.empty()) return;
-    emit(path, strlen(path), im->nul);
+    emit_field(path, im->nul);
     im->files += im->seen.add(path) ? 1 : 0;
     im->tags += storable.size();
     return;

@@ -41,7 +41,7 @@ int tally_file(void* user, const char* path, size_t count, const char* const*,
   if (t->taken != nullptr && at_or_below_any(path, *t->taken)) return 0;
   ++t->files;
   t->tags += count;
-  if (t->print) emit(path, strlen(path), t->nul);
+  if (t->print) emit_field(path, t->nul);
   return 0;
 }
 
@@ -254,6 +254,8 @@ struct CleanupState {
   std::size_t dir_len;
   bool nul;
   unsigned long files;
+  unsigned long rows;           // rows the filter has seen
+  Progress* progress = nullptr;  // on a terminal
 };
 CleanupState g_cleanup;
 
@@ -280,25 +282,29 @@ bool gone(const char* path) {
 struct Survey {
   unsigned long all = 0, missing = 0, below = 0, tags_below = 0;
   bool print = false, nul = false;
+  Progress* progress = nullptr;  // the first survey's, on a terminal
 };
 
 int survey_file(void* user, const char* path, size_t count, const char* const*,
                 const char* const*) {
   Survey* s = static_cast<Survey*>(user);
   ++s->all;
+  if (s->progress != nullptr) s->progress->update(s->all, s->all);
   if (!gone(path)) return 0;
   ++s->missing;
   if (!is_below(path)) return 0;
   ++s->below;
   s->tags_below += count;
-  if (s->print) emit(path, strlen(path), s->nul);
+  if (s->print) emit_field(path, s->nul);
   return 0;
 }
 
 // Drops the row of a file below the directory that is gone, and prints it.
 int vanished_filter(const char* path, int) {
+  ++g_cleanup.rows;
+  if (g_cleanup.progress != nullptr) g_cleanup.progress->update(g_cleanup.rows, g_cleanup.files);
   if (!is_below(path) || !gone(path)) return 0;
-  emit(path, strlen(path), g_cleanup.nul);
+  emit_field(path, g_cleanup.nul);
   ++g_cleanup.files;
   return 1;
 }
@@ -336,9 +342,20 @@ int cmd_cleanup(int argc, char** argv) {
   char root[PATH_MAX];
   tevul::format_cut(root, sizeof root, "%.*s",
                     static_cast<int>(1 + strcspn(g_cleanup.dir + 1, "/")), g_cleanup.dir);
+  // Both walks can run long on a large volume: on a terminal the first
+  // shows the files looked at, the second the files dropped of all rows.
+  const bool show = isatty(STDERR_FILENO) != 0;
   Survey s;
   s.nul = o.nul;
-  int rc = tevu_tagged_files(root, survey_file, &s);
+  int rc;
+  {
+    Progress looked("cleanup", show, 0);
+    s.progress = &looked;
+    rc = tevu_tagged_files(root, survey_file, &s);
+    s.progress = nullptr;
+  }
+  Progress progress("cleanup", show, s.all);
+  g_cleanup.progress = &progress;
   if (rc != 0) {
     if (!report_unread_volumes()) {
       report({arg}, rc == ENOENT ? "not on a tagged volume" : errno_reason(rc));
@@ -357,6 +374,7 @@ int cmd_cleanup(int argc, char** argv) {
       report({arg}, "the tag database could not be read");
       return kExitFailed;
     }
+    progress.clear();
     summary("cleanup", g_cleanup.files, s.tags_below, 0, true);
     return kExitOk;
   }
@@ -366,6 +384,8 @@ int cmd_cleanup(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
   rc = tevu_cleanup_attached(root, &g_cancel, vanished_filter);
+  g_cleanup.progress = nullptr;
+  progress.clear();
   // The daemon's cleanup does not tell a failed deletion: what it dropped
   // is checked by reading the tree again.
   Survey after;

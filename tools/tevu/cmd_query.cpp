@@ -34,7 +34,7 @@ int print_found(void* user, const char* path) {
     record.push('}');
     emit(record, f->nul);
   } else {
-    emit(path, strlen(path), f->nul);
+    emit_field(path, f->nul);
   }
   return 0;
 }

@@ -109,7 +109,7 @@ void set_one(void* user, const char* file) {
     return;
   }
   if (s->dry_run) {
-    emit(file, strlen(file), s->nul);
+    emit_field(file, s->nul);
     ++s->files;
     s->tags_stored += s->tags.size();
     return;

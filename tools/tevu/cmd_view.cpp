@@ -58,7 +58,7 @@ void list_views(const char* dir, text& name, bool nul) {
       config = true;
     }
   }
-  if (!name.empty() && (config || !subdirs)) emit(name, nul);
+  if (!name.empty() && (config || !subdirs)) emit_field(name.c_str(), nul);
   array<const char*> names;
   for (std::size_t i = 0; i < offsets.size(); ++i) names.push(arena.c_str() + offsets[i]);
   names.sort([](const void* a, const void* b) {
@@ -130,7 +130,7 @@ int cmd_view(int argc, char** argv) {
     return view_status(ENOENT, ENOENT, action, name);
   }
   if (action[0] == 'p') {
-    emit(path, strlen(path), nul);
+    emit_field(path, nul);
     return kExitOk;
   }
   // show: the configuration files as they stand, read-only.

@@ -34,13 +34,23 @@ bool repair_option(void* user, int c, const char*) {
   return true;
 }
 
-int repair_found(void*, int kind, const char* from, const char* to, unsigned long candidates,
-                 int error) {
+// What a repair has found so far, for its progress line on a terminal.
+struct RepairProgress {
+  Progress* line;
+  unsigned long found;
+};
+
+int repair_found(void* user, int kind, const char* from, const char* to,
+                 unsigned long candidates, int error) {
+  RepairProgress* progress = static_cast<RepairProgress*>(user);
+  ++progress->found;
+  progress->line->update(progress->found, progress->found);
   text a, b;
   print_path(from, &a);
   switch (kind) {
     case TEVU_REPAIR_MOVED:
       print_path(to, &b);
+      progress->line->make_way();
       printf("%s\t%s\n", a.c_str(), b.c_str());
       break;
     case TEVU_REPAIR_AMBIGUOUS:
@@ -64,6 +74,7 @@ int repair_found(void*, int kind, const char* from, const char* to, unsigned lon
 
 // The closing count line of a repair.
 void repair_summary(const tevu_repair_counts& c, bool dry_run) {
+  if (g_progress != nullptr) g_progress->clear();
   text line;
   counted(&line, c.moved, "file", "files");
   line.appendf(" %s, %lu ambiguous, %lu not found, ", dry_run ? "would move" : "moved",
@@ -188,12 +199,16 @@ int cmd_repair(int argc, char** argv) {
   if (!tag_fs_mounted()) return report_not_mounted();
   tevu_repair_counts total = {};
   unsigned long unread = 0;
+  // Moving the tags of many files can run long: on a terminal a progress
+  // line counts the files found.
+  Progress line("repair", isatty(STDERR_FILENO) != 0, 0);
+  RepairProgress progress{&line, 0};
   const int operands = argc - optind;
   for (int i = 0; i < (operands > 0 ? operands : 1); ++i) {
     const char* dir = operands > 0 ? argv[optind + i] : nullptr;
     if (dir != nullptr && dir[0] == '\0') return usage_error(argv[0], "empty DIR");
     tevu_repair_counts c = {};
-    const int rc = tevu_repair(dir, o.dry_run, repair_found, nullptr, &c);
+    const int rc = tevu_repair(dir, o.dry_run, repair_found, &progress, &c);
     total.moved += c.moved;
     total.ambiguous += c.ambiguous;
     total.unmatched += c.unmatched;
