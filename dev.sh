@@ -24,7 +24,7 @@ set -euo pipefail
 cd "$(dirname "$0")"
 
 RUN_PACKAGES=(g++ cmake make libsqlite3-dev mergerfs fuse3)
-TEST_PACKAGES=(pkg-config libgtest-dev googletest)
+TEST_PACKAGES=(pkg-config libgtest-dev googletest tmux bash-completion)
 CROSS_PACKAGES=(g++-mipsel-linux-gnu g++-mips-linux-gnu qemu-user-static)
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 JOBS=$(nproc 2>/dev/null || echo 2)
@@ -323,7 +323,7 @@ case "${1:-}" in
     ;;
   test)
     need "the host build (compiler, CMake, SQLite, mergerfs, FUSE)" "${RUN_PACKAGES[@]}"
-    need "the tests (GoogleTest, pkg-config)" "${TEST_PACKAGES[@]}"
+    need "the tests (GoogleTest, pkg-config; tmux and bash-completion for the completion in a terminal)" "${TEST_PACKAGES[@]}"
     need "the MIPS builds (cross compilers, qemu user-mode emulation)" "${CROSS_PACKAGES[@]}"
     need "the fuzz targets (clang, libFuzzer)" "${FUZZ_PACKAGES[@]}"
     need_npm
@@ -392,7 +392,7 @@ case "${1:-}" in
   size)
     need "the library build (compiler, CMake, SQLite)" "${RUN_PACKAGES[@]}"
     need "the MIPS builds (cross compilers)" "${CROSS_PACKAGES[@]}"
-    need "the tests (GoogleTest, pkg-config)" "${TEST_PACKAGES[@]}"
+    need "the tests (GoogleTest, pkg-config; tmux and bash-completion for the completion in a terminal)" "${TEST_PACKAGES[@]}"
     need_npm
     mipsel_sysroot
     mips_sysroot
