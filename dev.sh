@@ -13,6 +13,9 @@
 #   bash dev.sh fuzz   only the fuzz targets (FUZZ_SECONDS=N for longer runs)
 #   bash dev.sh size   the stripped sizes and needed libraries of libtevul.so
 #                      and the tevu tool for both MIPS byte orders (-Os)
+#   bash dev.sh dist   the release archive libtevul-VERSION.tar.xz of the
+#                      committed tree (HEAD), and its lines for an OpenWrt
+#                      recipe (PKG_SOURCE, PKG_HASH)
 #   bash dev.sh mutants  the mutation run: each fault of tests/mutants.txt put
 #                      into the sources alone, rebuilt incrementally and the
 #                      host suite run; prints the survivors and the score
@@ -271,6 +274,22 @@ apply_mutant() {
     END { exit($n == 1 ? 0 : 3) }' "$1"
 }
 
+# dist: writes libtevul-VERSION.tar.xz of the committed tree (HEAD) into
+# DIST_DIR (default: here) and prints its path, then the recipe's PKG_SOURCE
+# and PKG_HASH lines. The same commit always gives the same bytes (git
+# archive dates every entry with the commit's time; xz runs on one thread),
+# so anyone can check a published hash against the tag it names.
+dist() {
+  local version name out
+  version=$(sed -n 's/^project(libtevul VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+  name=libtevul-$version
+  out=${DIST_DIR:-$PWD}/$name.tar.xz
+  git archive --format=tar --prefix="$name/" HEAD | xz -9 -T1 -c >"$out"
+  echo "$out"
+  echo "PKG_SOURCE:=$name.tar.xz"
+  echo "PKG_HASH:=$(sha256sum "$out" | cut -d' ' -f1)"
+}
+
 mutants() {
   local dir=build-mutants list=tests/mutants.txt
   build "$dir" -DTEVUL_BUILD_EXAMPLES=OFF >/dev/null
@@ -399,12 +418,15 @@ case "${1:-}" in
     size build-mipsel-size mipsel-linux-gnu "$MIPSEL_SYSROOT"
     size build-mips-size mips-linux-gnu "$MIPS_SYSROOT"
     ;;
+  dist)
+    dist
+    ;;
   mutants)
     need "the host build and its tests" "${RUN_PACKAGES[@]}" "${TEST_PACKAGES[@]}"
     mutants
     ;;
   *)
-    echo "usage: bash dev.sh run|test|fuzz|bench|size|mutants" >&2
+    echo "usage: bash dev.sh run|test|fuzz|bench|size|dist|mutants" >&2
     exit 2
     ;;
 esac
