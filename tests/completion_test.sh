@@ -75,8 +75,12 @@ completes() {
 registered() {
   tmux -S "$socket" send-keys -t shell -l "complete -p tevu 2>&1 | tail -c 40 | tr ' ' _"
   tmux -S "$socket" send-keys -t shell Enter
-  wait_for '^\$$' || fail "the shell did not come back"
-  tmux -S "$socket" capture-pane -p -t shell | grep -q -- "$1" || fail "complete -p tevu: expected '$1'"
+  local seen=0
+  for _ in $(seq 50); do
+    tmux -S "$socket" capture-pane -p -t shell | grep -q -- "$1" && seen=1 && break
+    sleep 0.1
+  done
+  ((seen)) || fail "complete -p tevu: expected '$1'"
   tmux -S "$socket" send-keys -t shell C-l
   wait_for '^\$$' || fail "the screen was not cleared"
 }

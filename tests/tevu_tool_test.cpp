@@ -1420,7 +1420,10 @@ TEST_F(Tool, RecordsAreEscapedAlikeAndDryRunsTakeNul) {
   EXPECT_EQ(run({"rename", "-n", "--merge", "other", "note"}).out,
             "/mnt/two\\nlines\tloses other=o\n");
   EXPECT_EQ(run({"import", "-n"}, "/mnt/two\\nlines\tk=v\n").out, "/mnt/two\\nlines\n");
+  ASSERT_EQ(run({"repair", "/mnt/two\nlines"}).status, 0) << "fingerprinted";
   ASSERT_EQ(rename("/mnt/two\nlines", "/mnt/x\ty"), 0);
+  EXPECT_EQ(run({"repair", "-n", "/mnt"}).out, "/mnt/two\\nlines\t/mnt/x\\ty\n");
+  EXPECT_EQ(run({"repair", "-n", "-0", "/mnt"}).out, std::string("/mnt/two\nlines\t/mnt/x\ty\0", 24));
   EXPECT_EQ(run({"moved", "-n", "/mnt/two\nlines", "/mnt/x\ty"}).out, "/mnt/two\\nlines\n");
   EXPECT_EQ(run({"deleted", "-n", "/mnt/two\nlines"}).out, "/mnt/two\\nlines\n");
   EXPECT_EQ(run({"cleanup", "-n", "/mnt"}).out, "/mnt/two\\nlines\n");

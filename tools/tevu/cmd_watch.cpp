@@ -26,18 +26,22 @@ void print_path(const char* path, text* out) {
 
 struct RepairOptions {
   bool dry_run = false;
+  bool nul = false;
 };
 
 bool repair_option(void* user, int c, const char*) {
   RepairOptions* o = static_cast<RepairOptions*>(user);
   if (c == 'n') o->dry_run = true;
+  if (c == '0') o->nul = true;
   return true;
 }
 
-// What a repair has found so far, for its progress line on a terminal.
+// What a repair has found so far, for its progress line on a terminal,
+// and how it prints the moves.
 struct RepairProgress {
   Progress* line;
   unsigned long found;
+  bool nul;
 };
 
 int repair_found(void* user, int kind, const char* from, const char* to,
@@ -49,9 +53,14 @@ int repair_found(void* user, int kind, const char* from, const char* to,
   print_path(from, &a);
   switch (kind) {
     case TEVU_REPAIR_MOVED:
-      print_path(to, &b);
       progress->line->make_way();
-      printf("%s\t%s\n", a.c_str(), b.c_str());
+      if (progress->nul) {
+        // FROM<TAB>TO as they are, ended by a NUL byte.
+        printf("%s\t%s%c", from, to, '\0');
+      } else {
+        print_path(to, &b);
+        printf("%s\t%s\n", a.c_str(), b.c_str());
+      }
       break;
     case TEVU_REPAIR_AMBIGUOUS:
       reportf({"repair", a.c_str()}, "%lu files match; left alone", candidates);
@@ -193,8 +202,9 @@ int64_t monotonic_ms() {
 int cmd_repair(int argc, char** argv) {
   RepairOptions o;
   static const option kOptions[] = {{"dry-run", no_argument, nullptr, 'n'},
+                                    {"null", no_argument, nullptr, '0'},
                                     {nullptr, 0, nullptr, 0}};
-  const int status = parse_options(argc, argv, "n", kOptions, repair_option, &o);
+  const int status = parse_options(argc, argv, "n0", kOptions, repair_option, &o);
   if (status >= 0) return status;
   if (!tag_fs_mounted()) return report_not_mounted();
   tevu_repair_counts total = {};
@@ -202,7 +212,7 @@ int cmd_repair(int argc, char** argv) {
   // Moving the tags of many files can run long: on a terminal a progress
   // line counts the files found.
   Progress line("repair", isatty(STDERR_FILENO) != 0, 0);
-  RepairProgress progress{&line, 0};
+  RepairProgress progress{&line, 0, o.nul};
   const int operands = argc - optind;
   for (int i = 0; i < (operands > 0 ? operands : 1); ++i) {
     const char* dir = operands > 0 ? argv[optind + i] : nullptr;

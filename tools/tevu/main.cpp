@@ -282,7 +282,7 @@ constexpr char kWatchHelp[] =
     "                       (default 5)\n";
 
 constexpr char kRepairHelp[] =
-    "Usage: tevu repair [-n] [DIR...]\n"
+    "Usage: tevu repair [-n] [-0] [DIR...]\n"
     "\n"
     "Finds where the files of tagged rows went while nothing watched: for\n"
     "each tagged file below DIR (or on every volume) that is gone, the file\n"
@@ -293,7 +293,8 @@ constexpr char kRepairHelp[] =
     "alone. Fingerprints of the files that are in place are recorded, so\n"
     "that later moves can be found. Exit status 4 when rows were left alone.\n"
     "\n"
-    "  -n, --dry-run  only print the pairs; change nothing\n";
+    "  -n, --dry-run  only print the pairs; change nothing\n"
+    "  -0, --null     print each pair as it is, ended by a NUL byte\n";
 
 constexpr char kViewHelp[] =
     "Usage: tevu view create NAME\n"

@@ -70,7 +70,7 @@ _tevu() {
     moved) options="-n --dry-run -0 --null --before" ;;
     cleanup) options="-n --dry-run -0 --null --force" ;;
     watch) options="-v --verbose --grace" ;;
-    repair) options="-n --dry-run" ;;
+    repair) options="-n --dry-run -0 --null" ;;
     view)
       if ((cword == 2)); then
         COMPREPLY=($(compgen -W "create cond group events path show list delete --help" -- "$cur"))
