@@ -16,7 +16,7 @@ if ! command -v tmux >/dev/null || [ ! -f "$loader" ]; then
   exit 77
 fi
 scratch=$(mktemp -d /tmp/tevul-completion.XXXXXX)
-socket=$scratch/tmux.socket
+shells=0 socket=$scratch/tmux.0
 trap 'tmux -S "$socket" kill-server 2>/dev/null || true; rm -rf "$scratch"' EXIT
 fail() {
   echo "FAIL: $*"
@@ -41,7 +41,10 @@ PATH=$prefix/bin:/usr/bin:/bin
 $1
 cd "$scratch/home/files"
 EOF
+  # A server of its own for each shell: a new session on a server that is
+  # still going away fails.
   tmux -S "$socket" kill-server 2>/dev/null || true
+  socket=$scratch/tmux.$((++shells))
   tmux -S "$socket" -f /dev/null new-session -d -s shell -x 150 -y 30 \
     "env -i HOME=$scratch/home TERM=xterm-256color bash -i"
   wait_for '^\$$' || fail "the shell did not start"
