@@ -1106,10 +1106,15 @@ struct tevu_repair_counts {
  * with the row's own file name (files written together may share a size
  * and, on coarse clocks and FAT, a time; a moved tree keeps its names), and
  * that no other row decided on too; ambiguous and unmatched rows are handed
- * to `cb` and never guessed. With
+ * to `cb` and never guessed. The decided rows move up to 256 at a time in
+ * one transaction of the tag database; a batch that cannot be made is moved
+ * row by row, so that only a row that fails alone is reported. A stop by
+ * `cb` takes effect after the moves already made, each of which is still
+ * handed to `cb`. With
  * `dry_run` nothing changes anywhere, fingerprints included.
  * Memory: at most 4096 rows whose file is gone, holding at most 1 MiB of
- * paths, are matched per walk of the volume; more take more walks.
+ * paths, are matched per walk of the volume (more take more walks), and
+ * the absolute paths of 256 moves are held at a time.
  * `cb` and `counts` may be NULL.
  * Returns 0 when every volume concerned was read and every move that was
  * found succeeded (ambiguous and unmatched rows are not failures; the

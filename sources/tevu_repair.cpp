@@ -11,6 +11,7 @@
 
 #include "common.h"
 #include "metadb_bulk.h"
+#include "tevu_maint.h"
 #include "tevu_query.h"
 #include "tevu_volume.h"
 
@@ -212,6 +213,8 @@ namespace {
 constexpr int kRepairRows = 256;
 constexpr std::size_t kLostRows = 4096;
 constexpr std::size_t kLostBytes = 1 << 20;
+// Decided rows whose tags move in one transaction of the tag database.
+constexpr std::size_t kMovesPerTransaction = 256;
 
 // The rows of the scope, kRepairRows at a time in row id order ("%s" the
 // name under which the row id reads): ?1 the row id to go on after, ?2 the
@@ -355,6 +358,8 @@ class volume_repair {
  private:
   int check_row(const char* rel);
   int match_and_apply();
+  void apply_moves(array<lost_row*>* pending);
+  void move_one(const lost_row& row, const char* from);
   // Hands a finding to the callback; false when it asked to stop.
   bool tell(int kind, const char* from, const char* to, unsigned long candidates,
             int error) {
@@ -362,6 +367,13 @@ class volume_repair {
     stop_ = sink_->cb(sink_->user, kind, from, to, candidates, error);
     sink_->stop = stop_;
     return stop_ == 0;
+  }
+  // Hands a move that was made to the callback, even after a stop: the
+  // caller learns of every move. The first stop is kept.
+  void tell_moved(const char* from, const char* to, unsigned long candidates) {
+    if (sink_->cb == nullptr) return;
+    const int rc = sink_->cb(sink_->user, TEVU_REPAIR_MOVED, from, to, candidates, 0);
+    if (stop_ == 0 && rc != 0) stop_ = sink_->stop = rc;
   }
   void first_failure(int error) {
     if (failure_ == 0) failure_ = error;
@@ -437,40 +449,117 @@ int volume_repair::match_and_apply() {
     }
   }
 
-  const std::size_t root_len = strlen(root_);
+  // The decided rows are moved together; any other finding is told after
+  // the moves found before it, so the order of the findings is kept.
+  array<lost_row*> pending;
   for (std::size_t i = 0; i < lost_.size() && stop_ == 0; ++i) {
     lost_row& row = lost_[i];
-    const char* rel = lost_.path(row);
     char from[kPathSize];
-    if (!format_whole(from, sizeof from, "%s/%s", root_, rel)) continue;
+    if (!format_whole(from, sizeof from, "%s/%s", root_, lost_.path(row))) continue;
     if (row.candidates == 0) {
+      apply_moves(&pending);
       ++sink_->counts.unmatched;
       tell(TEVU_REPAIR_UNMATCHED, from, nullptr, 0, 0);
     } else if (chosen(row) == nullptr || row.conflict) {
+      apply_moves(&pending);
       ++sink_->counts.ambiguous;
       tell(TEVU_REPAIR_AMBIGUOUS, from, nullptr, row.candidates, 0);
     } else if (dry_run_) {
       ++sink_->counts.moved;
       tell(TEVU_REPAIR_MOVED, from, chosen(row), row.candidates, 0);
-    } else {
-      const char* to = chosen(row);
-      // The fingerprint stands at the new place before the tags do: an
-      // interruption leaves it at both.
-      store_.put(to + root_len + 1, row.fp);
-      const int rc = tevu_move_checked(from, to);
-      if (rc != 0) {
-        ++sink_->counts.failed;
-        first_failure(rc);
-        tell(TEVU_REPAIR_FAILED, from, to, row.candidates, rc);
-        continue;
-      }
-      ++sink_->counts.moved;
-      store_.forget(rel);
-      tell(TEVU_REPAIR_MOVED, from, to, row.candidates, 0);
+    } else if (!pending.push(&row)) {
+      apply_moves(&pending);
+      move_one(row, from);
+    } else if (pending.size() >= kMovesPerTransaction) {
+      apply_moves(&pending);
     }
   }
+  apply_moves(&pending);
   lost_.clear();
   return 0;
+}
+
+// Moves the tags of the decided rows of `pending` in one transaction of the
+// tag database, as tevu_move_checked() moves each: the fingerprints stand at
+// the new places (committed) before the tags move, and are forgotten at the
+// old ones after, so an interruption leaves a fingerprint at both. When the
+// batch cannot be made (a path too long, memory, a failed transaction) each
+// row is moved alone, so that only a row that fails alone fails. Clears
+// `pending`.
+void volume_repair::apply_moves(array<lost_row*>* pending) {
+  if (pending->empty()) return;
+  const std::size_t root_len = strlen(root_);
+  text froms;  // the rows' absolute paths, each terminated
+  array<std::size_t> at;
+  bool whole = true;
+  for (std::size_t k = 0; k < pending->size() && whole; ++k) {
+    whole = at.push(froms.size());
+    froms.append(root_).push('/').append(lost_.path(*(*pending)[k])).push('\0');
+  }
+  array<const char*> from;
+  array<const char*> to;
+  for (std::size_t k = 0; k < pending->size() && whole && froms.ok(); ++k) {
+    whole = from.push(froms.c_str() + at[k]) && to.push(chosen(*(*pending)[k]));
+  }
+  whole = whole && froms.ok() && from.size() == pending->size() &&
+          store_.begin() == SQLITE_OK;
+  if (whole) {
+    for (std::size_t k = 0; k < pending->size(); ++k) {
+      store_.put(to[k] + root_len + 1, (*pending)[k]->fp);
+    }
+    whole = store_.commit() == SQLITE_OK &&
+            move_many_within(from.data(), to.data(), from.size()) == 0;
+  }
+  if (!whole) {
+    for (std::size_t k = 0; k < pending->size() && stop_ == 0; ++k) {
+      const lost_row& row = *(*pending)[k];
+      if (k < from.size()) {
+        move_one(row, from[k]);
+        continue;
+      }
+      // Short of memory for the batch: the path is made on the heap, as the
+      // stack of this call is counted.
+      c_ptr<char> one(static_cast<char*>(malloc(kPathSize)));
+      if (one && format_whole(one.get(), kPathSize, "%s/%s", root_, lost_.path(row))) {
+        move_one(row, one.get());
+      } else if (!one) {
+        ++sink_->counts.failed;
+        first_failure(ENOMEM);
+        tell(TEVU_REPAIR_FAILED, lost_.path(row), chosen(row), row.candidates, ENOMEM);
+      }
+    }
+    pending->clear();
+    return;
+  }
+  const bool forgetting = store_.begin() == SQLITE_OK;
+  for (std::size_t k = 0; k < pending->size(); ++k) {
+    store_.forget(lost_.path(*(*pending)[k]));
+  }
+  if (forgetting) store_.commit();
+  for (std::size_t k = 0; k < pending->size(); ++k) {
+    ++sink_->counts.moved;
+    tell_moved(from[k], to[k], (*pending)[k]->candidates);
+  }
+  pending->clear();
+}
+
+// Moves the tags of one decided row whose file was at `from`, in a
+// transaction of its own.
+void volume_repair::move_one(const lost_row& row, const char* from) {
+  const char* to = chosen(row);
+  // The fingerprint stands at the new place before the tags do: an
+  // interruption leaves it at both.
+  store_.put(to + strlen(root_) + 1, row.fp);
+  const int rc = tevu_move_checked(from, to);
+  if (rc != 0) {
+    ++sink_->counts.failed;
+    first_failure(rc);
+    tell(TEVU_REPAIR_FAILED, from, to, row.candidates, rc);
+    return;
+  }
+  ++sink_->counts.moved;
+  store_.forget(lost_.path(row));
+  tell_moved(from, to, row.candidates);
 }
 
 int volume_repair::run(const char* scope) {

@@ -353,6 +353,43 @@ TEST_F(Repair, TaggedFilesAndNamesDecideAmongEqualFingerprints) {
   EXPECT_EQ(tags_of("mnt", "d1/b.bin", {"kind"}), (Rows{{"b"}}));
 }
 
+// Many moves are made in transactions of a few hundred: a callback that
+// stops at the first still hears of every move already made, and the
+// counts agree with the rows; the next repair moves the rest and keeps the
+// fingerprints, so that a later move is found again.
+TEST_F(Repair, MovesInBatchesTellEveryMoveAndConverge) {
+  for (int i = 0; i < 700; ++i) {
+    const std::string path = "/mnt/many/" + std::to_string(i);
+    ASSERT_TRUE(tevul_test::write_file(path, std::string(static_cast<std::size_t>(i) + 1, 'x')));
+    tevul_test::tag_file(path, {{"n", std::to_string(i)}});
+  }
+  ASSERT_EQ(tevu_repair(nullptr, 0, nullptr, nullptr, nullptr), 0);
+  ASSERT_EQ(run("mv /mnt/many /mnt/moved"), 0);
+  struct Stop {
+    static int first(void* user, int kind, const char*, const char*, unsigned long, int) {
+      if (kind == TEVU_REPAIR_MOVED) ++*static_cast<unsigned long*>(user);
+      return 7;
+    }
+  };
+  unsigned long told = 0;
+  tevu_repair_counts counts = {};
+  EXPECT_EQ(tevu_repair("/mnt", 0, Stop::first, &told, &counts), 7);
+  const auto moved_rows = [] {
+    return tevul_test::rows("mnt", "SELECT count(*) FROM Meta WHERE Path GLOB 'moved/*'")[0][0];
+  };
+  EXPECT_GT(told, 0u);
+  EXPECT_LT(told, 700u) << "the stop ended the repair";
+  EXPECT_EQ(told, counts.moved);
+  EXPECT_EQ(moved_rows(), std::to_string(told));
+  ASSERT_EQ(tevu_repair("/mnt", 0, nullptr, nullptr, &counts), 0);
+  EXPECT_EQ(counts.moved, 700u - told);
+  EXPECT_EQ(moved_rows(), "700");
+  EXPECT_EQ(tags_of("mnt", "moved/699", {"n"}), (Rows{{"699"}}));
+  ASSERT_EQ(run("mv /mnt/moved /mnt/again"), 0);
+  ASSERT_EQ(tevu_repair("/mnt", 0, nullptr, nullptr, &counts), 0);
+  EXPECT_EQ(counts.moved, 700u) << "every fingerprint followed its file";
+}
+
 // The watcher repairs at its start what moved while none ran.
 TEST_F(Watch, TheStartRepairsMovesMadeWhileNoneRan) {
   tevul_test::tag_file("/mnt/x/photo.jpg", {{"kind", "photo"}});
