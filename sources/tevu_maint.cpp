@@ -96,7 +96,6 @@ class writer {
  public:
   explicit writer(const tevu_volume& volume)
       : tagdb_(metadb_tagdb_open(volume.db_path)) {}
-  bool open() const { return tagdb_ != nullptr; }
   // 0 for an open database whose table's row id nothing else can be taken
   // for, read before anything is copied to or from it; else the errno.
   int check() const {
@@ -314,23 +313,19 @@ int count_carriers(metadb_tagdb* db, const char* a, const char* b,
   return SQLITE_OK;
 }
 
-// Runs `sql` (a statement on tag `a`, and `b`) in one checked transaction
-// of `db`, rebuilds Data of the rows it marked, and adds the
-// rows it changed to *rows. Returns 0 or an SQLite code.
-int change_tags(writer& db, const tevul::sql_text<kTagSqlSize>& sql, const char* a,
-                const char* b, unsigned long* rows, const tevul::trigger_fd& wake) {
-  if (!sql.fits()) return SQLITE_ERROR;
+// Runs `statement(tagdb, &changed)` (an SQLite code; `changed` the rows it
+// changed, their Data marked for rebuilding) in one checked transaction of
+// `db`, rebuilds Data of the rows it marked, and adds `changed` to *rows.
+// Returns 0 or an SQLite code; nothing stays of a transaction that failed.
+template <typename Statement>
+int change_in_transaction(writer& db, Statement statement, unsigned long* rows,
+                          const tevul::trigger_fd& wake) {
   metadb_tagdb* tagdb = db.get();
   int rc = db.begin();
   if (rc != SQLITE_OK) return rc;
-  // The new name's column, when there is one to make, is made in the same
-  // transaction: a failure leaves no column behind either.
-  if (strcmp(a, b) != 0 && metadb_add_tag_column(tagdb, b) != 1) {
-    return db.abandon(tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR));
-  }
-  rc = metadb_exec_query(tagdb->db.get(), sql.c_str(), nullptr, nullptr);
+  unsigned long changed = 0;
+  rc = statement(tagdb, &changed);
   if (rc != SQLITE_OK) return db.abandon(rc);
-  const unsigned long changed = static_cast<unsigned long>(sqlite3_changes(tagdb->db.get()));
   tagdb->modified = 1;
   if (metadb_tagdb_sync_all(tagdb) != 0) {
     return db.abandon(tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR));
@@ -342,8 +337,28 @@ int change_tags(writer& db, const tevul::sql_text<kTagSqlSize>& sql, const char*
   return SQLITE_OK;
 }
 
-// Runs `change(db)` (an SQLite code) on the database of each volume that
-// `carriers` gives files to change, in turn: a volume that fails is named,
+// Runs `sql` (a statement on tag `a`, and `b`) as change_in_transaction()
+// does. Returns 0 or an SQLite code.
+int change_tags(writer& db, const tevul::sql_text<kTagSqlSize>& sql, const char* a,
+                const char* b, unsigned long* rows, const tevul::trigger_fd& wake) {
+  if (!sql.fits()) return SQLITE_ERROR;
+  return change_in_transaction(
+      db,
+      [&](metadb_tagdb* tagdb, unsigned long* changed) {
+        // The new name's column, when there is one to make, is made in the
+        // same transaction: a failure leaves no column behind either.
+        if (strcmp(a, b) != 0 && metadb_add_tag_column(tagdb, b) != 1) {
+          return tevul::failure_code_or(tagdb->db.get(), SQLITE_ERROR);
+        }
+        const int rc = metadb_exec_query(tagdb->db.get(), sql.c_str(), nullptr, nullptr);
+        *changed = static_cast<unsigned long>(sqlite3_changes(tagdb->db.get()));
+        return rc;
+      },
+      rows, wake);
+}
+
+// Runs `change(db)` (an SQLite code) on the checked database of each volume
+// that `carriers` gives files to change, in turn: a volume that fails is named,
 // the others go on, and the same call again finishes the work. Returns the
 // errno of the first failure, or 0.
 template <typename Change>
@@ -355,10 +370,11 @@ int change_each_volume(const tevul::array<tevul::volume_link>& volumes,
     tevu_volume location;
     tevul::format_cut(location.db_path, sizeof location.db_path, "%s", volumes[i].db);
     writer db(location);
-    const int rc = change(db);
-    if (rc != SQLITE_OK) {
-      tevul::note_volume_failure(move_errno(rc), volumes[i].root);
-      if (first == 0) first = move_errno(rc);
+    const int rc = db.check();
+    const int error = rc != 0 ? rc : move_errno(change(db));
+    if (error != 0) {
+      tevul::note_volume_failure(error, volumes[i].root);
+      if (first == 0) first = error;
     }
   }
   return first;
@@ -433,7 +449,6 @@ int retag_everywhere(const char* from, const char* to, bool merge,
   return change_each_volume(volumes, carriers, [&](writer& db) {
     const tevul::tag_ident old_column{from};
     const tevul::tag_ident new_column{to != nullptr ? to : from};
-    if (db.check() != 0) return SQLITE_CANTOPEN;
     if (to == nullptr) {
       return change_tags(
           db,
@@ -455,8 +470,8 @@ int retag_everywhere(const char* from, const char* to, bool merge,
 
 // Value renames: the files whose tag `name` has value `old` (as the tag
 // column compares) get `value` instead, backslashes stripped as every set
-// strips them. Counts them, or changes them in one checked transaction of
-// `db` with Data rebuilt. Returns 0 or an SQLite code.
+// strips them. Counts them (`value` NULL), or changes them, marking their
+// Data for rebuilding. Returns 0 or an SQLite code.
 constexpr char kCountValueSql[] = "SELECT count(*) FROM Meta WHERE \".%s\"=?1";
 constexpr char kRenameValueSql[] =
     "UPDATE Meta SET \".%s\"=REPLACE(?2,'\\',''),Data=NULL WHERE \".%s\"=?1";
@@ -505,21 +520,12 @@ int revalue_everywhere(const char* name, const char* old, const char* value, int
   if (unread != 0 || dry_run) return unread;
   const tevul::trigger_fd wake(event_trigger_init(tevu_find_mount()));
   return change_each_volume(volumes, carriers, [&](writer& db) {
-    unsigned long rows = 0;
-    int rc = db.check() != 0 ? SQLITE_CANTOPEN : db.begin();
-    if (rc == SQLITE_OK) rc = revalue(db.get(), name, old, value, &rows);
-    if (rc == SQLITE_OK) {
-      db.get()->modified = 1;
-      if (metadb_tagdb_sync_all(db.get()) != 0) {
-        rc = tevul::failure_code_or(db.get()->db.get(), SQLITE_ERROR);
-      }
-    }
-    if (rc != SQLITE_OK) return db.open() ? db.abandon(rc) : rc;
-    rc = db.commit();
-    if (rc != SQLITE_OK) return rc;
-    *changed += rows;
-    if (rows > 0) wake.wake();
-    return SQLITE_OK;
+    return change_in_transaction(
+        db,
+        [&](metadb_tagdb* tagdb, unsigned long* rows) {
+          return revalue(tagdb, name, old, value, rows);
+        },
+        changed, wake);
   });
 }
 

@@ -359,7 +359,7 @@ class volume_repair {
   int check_row(const char* rel);
   int match_and_apply();
   void apply_moves(array<lost_row*>* pending);
-  void move_one(const lost_row& row, const char* from);
+  void move_one(const lost_row& row);
   // Hands a finding to the callback; false when it asked to stop.
   bool tell(int kind, const char* from, const char* to, unsigned long candidates,
             int error) {
@@ -469,7 +469,7 @@ int volume_repair::match_and_apply() {
       tell(TEVU_REPAIR_MOVED, from, chosen(row), row.candidates, 0);
     } else if (!pending.push(&row)) {
       apply_moves(&pending);
-      move_one(row, from);
+      move_one(row);
     } else if (pending.size() >= kMovesPerTransaction) {
       apply_moves(&pending);
     }
@@ -483,83 +483,64 @@ int volume_repair::match_and_apply() {
 // tag database, as tevu_move_checked() moves each: the fingerprints stand at
 // the new places (committed) before the tags move, and are forgotten at the
 // old ones after, so an interruption leaves a fingerprint at both. When the
-// batch cannot be made (a path too long, memory, a failed transaction) each
-// row is moved alone, so that only a row that fails alone fails. Clears
-// `pending`.
+// batch cannot be made (memory, a failed transaction) each row is moved
+// alone, so that only a row that fails alone fails. Clears `pending`.
 void volume_repair::apply_moves(array<lost_row*>* pending) {
-  if (pending->empty()) return;
-  const std::size_t root_len = strlen(root_);
+  const std::size_t n = pending->size();
   text froms;  // the rows' absolute paths, each terminated
-  array<std::size_t> at;
-  bool whole = true;
-  for (std::size_t k = 0; k < pending->size() && whole; ++k) {
-    whole = at.push(froms.size());
+  for (std::size_t k = 0; k < n; ++k) {
     froms.append(root_).push('/').append(lost_.path(*(*pending)[k])).push('\0');
   }
   array<const char*> from;
   array<const char*> to;
-  for (std::size_t k = 0; k < pending->size() && whole && froms.ok(); ++k) {
-    whole = from.push(froms.c_str() + at[k]) && to.push(chosen(*(*pending)[k]));
+  bool whole = n > 0 && froms.ok();
+  for (const char* p = froms.c_str(); whole && from.size() < n; p += strlen(p) + 1) {
+    whole = from.push(p) && to.push(chosen(*(*pending)[from.size() - 1]));
   }
-  whole = whole && froms.ok() && from.size() == pending->size() &&
-          store_.begin() == SQLITE_OK;
-  if (whole) {
-    for (std::size_t k = 0; k < pending->size(); ++k) {
-      store_.put(to[k] + root_len + 1, (*pending)[k]->fp);
-    }
-    whole = store_.commit() == SQLITE_OK &&
-            move_many_within(from.data(), to.data(), from.size()) == 0;
+  if (whole && store_.begin() == SQLITE_OK) {
+    const std::size_t root_len = strlen(root_);
+    for (std::size_t k = 0; k < n; ++k) store_.put(to[k] + root_len + 1, (*pending)[k]->fp);
+    whole = store_.commit() == SQLITE_OK && move_many_within(from.data(), to.data(), n) == 0;
+  } else {
+    whole = false;
   }
   if (!whole) {
-    for (std::size_t k = 0; k < pending->size() && stop_ == 0; ++k) {
-      const lost_row& row = *(*pending)[k];
-      if (k < from.size()) {
-        move_one(row, from[k]);
-        continue;
-      }
-      // Short of memory for the batch: the path is made on the heap, as the
-      // stack of this call is counted.
-      c_ptr<char> one(static_cast<char*>(malloc(kPathSize)));
-      if (one && format_whole(one.get(), kPathSize, "%s/%s", root_, lost_.path(row))) {
-        move_one(row, one.get());
-      } else if (!one) {
-        ++sink_->counts.failed;
-        first_failure(ENOMEM);
-        tell(TEVU_REPAIR_FAILED, lost_.path(row), chosen(row), row.candidates, ENOMEM);
-      }
-    }
+    for (std::size_t k = 0; k < n && stop_ == 0; ++k) move_one(*(*pending)[k]);
     pending->clear();
     return;
   }
   const bool forgetting = store_.begin() == SQLITE_OK;
-  for (std::size_t k = 0; k < pending->size(); ++k) {
-    store_.forget(lost_.path(*(*pending)[k]));
-  }
+  for (std::size_t k = 0; k < n; ++k) store_.forget(lost_.path(*(*pending)[k]));
   if (forgetting) store_.commit();
-  for (std::size_t k = 0; k < pending->size(); ++k) {
+  for (std::size_t k = 0; k < n; ++k) {
     ++sink_->counts.moved;
     tell_moved(from[k], to[k], (*pending)[k]->candidates);
   }
   pending->clear();
 }
 
-// Moves the tags of one decided row whose file was at `from`, in a
-// transaction of its own.
-void volume_repair::move_one(const lost_row& row, const char* from) {
+// Moves the tags of one decided row in a transaction of its own. Its path
+// is made on the heap: the stack this call adds to the repair's is counted.
+void volume_repair::move_one(const lost_row& row) {
   const char* to = chosen(row);
-  // The fingerprint stands at the new place before the tags do: an
-  // interruption leaves it at both.
-  store_.put(to + strlen(root_) + 1, row.fp);
-  const int rc = tevu_move_checked(from, to);
+  c_ptr<char> from(static_cast<char*>(malloc(kPathSize)));
+  int rc = ENOMEM;
+  if (from) {
+    format_cut(from.get(), kPathSize, "%s/%s", root_, lost_.path(row));
+    // The fingerprint stands at the new place before the tags do: an
+    // interruption leaves it at both.
+    store_.put(to + strlen(root_) + 1, row.fp);
+    rc = tevu_move_checked(from.get(), to);
+  }
   if (rc != 0) {
     ++sink_->counts.failed;
     first_failure(rc);
-    tell(TEVU_REPAIR_FAILED, from, to, row.candidates, rc);
+    tell(TEVU_REPAIR_FAILED, from ? from.get() : lost_.path(row), to, row.candidates, rc);
     return;
   }
   ++sink_->counts.moved;
   store_.forget(lost_.path(row));
-  tell_moved(from, to, row.candidates);
+  tell_moved(from.get(), to, row.candidates);
 }
 
 int volume_repair::run(const char* scope) {
