@@ -163,13 +163,9 @@ void emit(const char* text, std::size_t n, bool nul) {
 }
 
 void emit_field(const char* field, bool nul) {
-  if (nul) {
-    emit(field, strlen(field), true);
-    return;
-  }
   text line;
-  escape_field(field, false, &line);
-  emit(line, false);
+  append_field(field, false, nul, &line);
+  emit(line, nul);
 }
 
 void counted(text* out, unsigned long n, const char* one, const char* many) {

@@ -190,6 +190,17 @@ bool exists(const char* path);
 // name's "=" never ends it.
 void escape_field(const char* field, bool name, text* out);
 
+// Appends a field of a record printed for scripts: escaped as
+// escape_field() does, or as it is when `raw` (records that -0 ends with a
+// NUL byte).
+inline void append_field(const char* field, bool name, bool raw, text* out) {
+  if (raw) {
+    out->append(field);
+  } else {
+    escape_field(field, name, out);
+  }
+}
+
 // The reverse of escape_field(): appends the field's bytes to `out`.
 // Returns false, with the offending escape in `bad`, for a backslash
 // followed by anything else or by nothing.

@@ -218,15 +218,11 @@ int cmd_rename(int argc, char** argv) {
           },
           &lost);
       text line;
-      if (o.nul) {
-        line.append(path).append("\tloses ").append(from).push('=').append(lost.value.c_str());
-      } else {
-        escape_field(path, false, &line);
-        line.append("\tloses ");
-        escape_field(from, true, &line);
-        line.push('=');
-        escape_field(lost.value.c_str(), false, &line);
-      }
+      append_field(path, false, o.nul, &line);
+      line.append("\tloses ");
+      append_field(from, true, o.nul, &line);
+      line.push('=');
+      append_field(lost.value.c_str(), false, o.nul, &line);
       emit(line.c_str(), line.size(), o.nul);
     }
   } else {

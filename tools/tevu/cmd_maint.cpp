@@ -374,7 +374,6 @@ int cmd_cleanup(int argc, char** argv) {
       report({arg}, "the tag database could not be read");
       return kExitFailed;
     }
-    progress.clear();
     summary("cleanup", g_cleanup.files, s.tags_below, 0, true);
     return kExitOk;
   }

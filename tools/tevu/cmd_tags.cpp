@@ -381,18 +381,13 @@ void emit_file(const char* file, const FileTags& tags, const ReadOptions& o,
   // (a line feed or TAB inside one stays inside), raw with -0.
   for (std::size_t i = 0; i < tags.count(); ++i) {
     record.clear();
-    if (o.nul) {
-      if (with_path) record.append(file).push('\t');
-      record.append(tags.name(i)).push('=').append(tags.value(i));
-    } else {
-      if (with_path) {
-        escape_field(file, false, &record);
-        record.push('\t');
-      }
-      escape_field(tags.name(i), true, &record);
-      record.push('=');
-      escape_field(tags.value(i), false, &record);
+    if (with_path) {
+      append_field(file, false, o.nul, &record);
+      record.push('\t');
     }
+    append_field(tags.name(i), true, o.nul, &record);
+    record.push('=');
+    append_field(tags.value(i), false, o.nul, &record);
     emit(record, o.nul);
   }
 }
@@ -487,12 +482,11 @@ void get_one(Reading* r, const char* file, bool read) {
     // The value alone is printed as it is; PATH<TAB>VALUE lines are
     // records, escaped as every record (raw with -0).
     text record;
-    if (r->file_count > 1 && !r->o->nul) {
-      escape_field(file, false, &record);
+    if (r->file_count > 1) {
+      append_field(file, false, r->o->nul, &record);
       record.push('\t');
-      escape_field(wanted.value(0), false, &record);
+      append_field(wanted.value(0), false, r->o->nul, &record);
     } else {
-      if (r->file_count > 1) record.append(file).push('\t');
       record.append(wanted.value(0));
     }
     emit(record, r->o->nul);

@@ -53,14 +53,10 @@ int repair_found(void* user, int kind, const char* from, const char* to,
   print_path(from, &a);
   switch (kind) {
     case TEVU_REPAIR_MOVED:
-      progress->line->make_way();
-      if (progress->nul) {
-        // FROM<TAB>TO as they are, ended by a NUL byte.
-        printf("%s\t%s%c", from, to, '\0');
-      } else {
-        print_path(to, &b);
-        printf("%s\t%s\n", a.c_str(), b.c_str());
-      }
+      append_field(from, false, progress->nul, &b);
+      b.push('\t');
+      append_field(to, false, progress->nul, &b);
+      emit(b, progress->nul);
       break;
     case TEVU_REPAIR_AMBIGUOUS:
       reportf({"repair", a.c_str()}, "%lu files match; left alone", candidates);
