@@ -101,7 +101,9 @@ registered "_tevu_tevu$"
 # to its minimal completion (file names). Sourcing the installed file is
 # the other way.
 shell ""
-completes "tevu fi" "tevu fi"
+# The TAB only makes bash-completion look; what it registered tells.
+tmux -S "$socket" send-keys -t shell -l "tevu fi"
+tmux -S "$socket" send-keys -t shell Tab C-u
 registered "_minimal_tevu$"
 shell ". $prefix/share/bash-completion/completions/tevu"
 completes "tevu fi" "tevu find "
